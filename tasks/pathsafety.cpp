@@ -1,0 +1,19 @@
+#include "tasks/pathsafety.h"
+
+#include <QList>
+#include <QStringView>
+
+bool isSafeRelativePath(const QString &path)
+{
+    if (path.isEmpty() || path.startsWith(QLatin1Char('/')))
+        return false;
+    for (const QChar c : path) {
+        if (c == QLatin1Char('\\') || c.category() == QChar::Other_Control)
+            return false;
+    }
+    for (const QStringView segment : QStringView(path).split(QLatin1Char('/'))) {
+        if (segment == QLatin1String(".."))
+            return false;
+    }
+    return true;
+}

@@ -1,0 +1,10 @@
+#include "loopbackserver.h"
+
+LoopbackServer::~LoopbackServer()
+{
+    stop();
+}
+
+void LoopbackServer::stop()
+{
+}

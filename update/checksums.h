@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QString>
+
+class QFile;
+
+// MD5 checksums as 32 lower-case hexadecimal characters; empty when the file cannot be read.
+
+// Reads the whole file at once; for small files only.
+QString getFileMD5(const QString &path);
+// Streams the file in fixed blocks, so memory stays flat whatever its size.
+QString getFileMD5Ex(const QString &path);
+// Checksums an already open file from its start; the file stays open, positioned at its end.
+QString getFileMD5Ex(QFile &file);
