@@ -7,13 +7,16 @@ namespace {
 
 constexpr qint64 blockSize = 16384;
 
+// A read error gives an empty text rather than the checksum of what happened to be read.
 QString hashFromCurrentPosition(QFile &file)
 {
     QCryptographicHash hash(QCryptographicHash::Md5);
     char buffer[blockSize];
     for (;;) {
         const qint64 n = file.read(buffer, blockSize);
-        if (n <= 0)
+        if (n < 0)
+            return QString();
+        if (n == 0)
             break;
         hash.addData(QByteArrayView(buffer, n));
     }
@@ -28,6 +31,8 @@ QString getFileMD5(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return QString();
     const QByteArray content = file.readAll();
+    if (file.error() != QFileDevice::NoError)
+        return QString();
     file.close();
     return QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex());
 }
@@ -42,6 +47,7 @@ QString getFileMD5Ex(const QString &path)
 
 QString getFileMD5Ex(QFile &file)
 {
-    file.seek(0);
+    if (!file.seek(0))
+        return QString();
     return hashFromCurrentPosition(file);
 }

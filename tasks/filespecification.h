@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QString>
+
+// One file of a task list: where it lies on the mirror, its length and checksum, its unpacked
+// form when the mirror holds it gzip-packed, and the marks the task state keeps for it.
+struct FileSpecification
+{
+    // Mark bits of flags; their values are written out by the saved form of a task list.
+    enum Flag : unsigned int { Ready = 1, Pending = 2, Downloaded = 4 };
+
+    unsigned int flags = 0;
+    QString directory;
+    QString name;
+    QString md5;
+    quint64 size = 0;
+    QString unpackedMd5;
+    quint64 unpackedSize = 0;
+    // Not empty exactly when the file is packed.
+    QString unpackedName;
+};

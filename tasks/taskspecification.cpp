@@ -1,0 +1,181 @@
+#include "tasks/taskspecification.h"
+
+#include "tasks/pathsafety.h"
+
+#include <QList>
+#include <QSettings>
+#include <QStringList>
+#include <QStringView>
+
+namespace {
+
+const QString separator = QStringLiteral("::");
+const QString deleteGroup = QStringLiteral("delete");
+const QString arrayName = QStringLiteral("file");
+const QString valueKey = QStringLiteral("v");
+
+quint64 toSize(QStringView text)
+{
+    return text.toULongLong(nullptr, 10);
+}
+
+bool allKeysSafe(const QSettings &settings)
+{
+    const QStringList keys = settings.allKeys();
+    for (const QString &key : keys) {
+        if (!isSafeRelativePath(key))
+            return false;
+    }
+    return true;
+}
+
+bool readEntry(const QSettings &settings, const QString &directory, const QString &key,
+               FileSpecification *entry)
+{
+    const QString value = settings.value(key).toString();
+    const QList<QStringView> parts = QStringView(value).split(separator);
+    if (parts.size() != 2 && parts.size() != 5)
+        return false;
+    entry->directory = directory;
+    entry->name = key;
+    entry->md5 = parts.at(0).toString();
+    entry->size = toSize(parts.at(1));
+    if (parts.size() == 5) {
+        entry->unpackedMd5 = parts.at(2).toString();
+        entry->unpackedSize = toSize(parts.at(3));
+        entry->unpackedName = parts.at(4).toString();
+        if (!entry->unpackedName.isEmpty() && !isSafeRelativePath(entry->unpackedName))
+            return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool TaskSpecification::get(int index, FileSpecification *out) const
+{
+    if (index >= files.size())
+        return false;
+    if (out)
+        *out = files.at(index);
+    return true;
+}
+
+bool TaskSpecification::get(int index, QString *directory, QString *name, QString *md5,
+                            quint64 *size) const
+{
+    if (index >= files.size())
+        return false;
+    const FileSpecification &entry = files.at(index);
+    if (directory)
+        *directory = entry.directory;
+    if (name)
+        *name = entry.name;
+    if (md5)
+        *md5 = entry.md5;
+    if (size)
+        *size = entry.size;
+    return true;
+}
+
+void TaskSpecification::resetFlags(unsigned int mask)
+{
+    for (FileSpecification &entry : files)
+        entry.flags &= ~mask;
+}
+
+quint64 TaskSpecification::getTotalSize(int first, int last) const
+{
+    const int count = getSize();
+    first = qMax(first, 0);
+    last = last < 0 ? count - 1 : qMin(last, count);
+    quint64 sum = 0;
+    for (int i = first; i < last; ++i)
+        sum += files.at(i).size;
+    return sum;
+}
+
+bool TaskSpecification::initializeByProductIni(const QString &path)
+{
+    QSettings settings(path, QSettings::IniFormat);
+    return initializeByProductIni(&settings);
+}
+
+bool TaskSpecification::initializeByProductIni(QSettings *settings)
+{
+    const QStringList groups = settings->childGroups();
+    files.reserve(files.size() + settings->allKeys().size());
+    for (const QString &group : groups) {
+        settings->beginGroup(group);
+        if (group == deleteGroup) {
+            // Not entries, but the directory update removes these files: they must stay inside.
+            if (!allKeysSafe(*settings))
+                return false;
+        } else {
+            if (!isSafeRelativePath(group))
+                return false;
+            // Not childKeys: a key holding "/" names a file in a sub-directory, which QSettings
+            // files under a child group of the section.
+            const QStringList keys = settings->allKeys();
+            for (const QString &key : keys) {
+                FileSpecification entry;
+                if (!isSafeRelativePath(key) || !readEntry(*settings, group, key, &entry))
+                    return false;
+                totalSize += entry.size;
+                files.append(entry);
+            }
+        }
+        settings->endGroup();
+    }
+    return true;
+}
+
+void TaskSpecification::save(QSettings *settings) const
+{
+    settings->beginWriteArray(arrayName, getSize());
+    for (int i = 0; i < getSize(); ++i) {
+        const FileSpecification &entry = files.at(i);
+        QString value = QString::number(entry.flags) + separator + entry.directory + separator
+                        + entry.name + separator + entry.md5 + separator
+                        + QString::number(entry.size);
+        if (!entry.unpackedName.isEmpty()) {
+            value += separator + entry.unpackedMd5 + separator + QString::number(entry.unpackedSize)
+                     + separator + entry.unpackedName;
+        }
+        settings->setArrayIndex(i);
+        settings->setValue(valueKey, value);
+    }
+    settings->endArray();
+}
+
+bool TaskSpecification::load(QSettings *settings)
+{
+    files.clear();
+    const int count = settings->beginReadArray(arrayName);
+    if (count > 0)
+        files.reserve(count);
+    for (int i = 0; i < count; ++i) {
+        settings->setArrayIndex(i);
+        const QString value = settings->value(valueKey).toString();
+        const QList<QStringView> parts = QStringView(value).split(separator);
+        // Trusted to be what save wrote, yet a short value must not be read past its end.
+        const auto part = [&parts](int n) {
+            return n < parts.size() ? parts.at(n) : QStringView();
+        };
+        FileSpecification entry;
+        entry.flags = part(0).toUInt(nullptr, 10);
+        entry.directory = part(1).toString();
+        entry.name = part(2).toString();
+        entry.md5 = part(3).toString();
+        entry.size = toSize(part(4));
+        if (parts.size() == 8) {
+            entry.unpackedMd5 = part(5).toString();
+            entry.unpackedSize = toSize(part(6));
+            entry.unpackedName = part(7).toString();
+        }
+        totalSize += entry.size;
+        files.append(entry);
+    }
+    settings->endArray();
+    return true;
+}

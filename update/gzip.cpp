@@ -1,0 +1,85 @@
+#include "update/gzip.h"
+
+#include <QFile>
+
+#include <zlib.h>
+
+namespace {
+
+constexpr unsigned blockSize = 16384;
+
+gzFile openGzip(const QString &path, const char *mode)
+{
+    return gzopen(QFile::encodeName(path).constData(), mode);
+}
+
+bool failAndRemove(gzFile gzip, QFile &output)
+{
+    gzclose(gzip);
+    output.close();
+    output.remove();
+    return false;
+}
+
+} // namespace
+
+bool unzipFile(const QString &destination, const QString &source)
+{
+    QFile output(destination);
+    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
+        return false;
+    gzFile gzip = openGzip(source, "rb");
+    if (!gzip)
+        return false;
+    gzrewind(gzip);
+    char buffer[blockSize];
+    for (;;) {
+        const int n = gzread(gzip, buffer, blockSize);
+        if (n < 0)
+            return failAndRemove(gzip, output);
+        if (n == 0)
+            break;
+        if (output.write(buffer, n) < n)
+            return failAndRemove(gzip, output);
+    }
+    // gzread ends a stream cut short like a complete one; only the error state tells them apart.
+    int error = Z_OK;
+    gzerror(gzip, &error);
+    if (error != Z_OK)
+        return failAndRemove(gzip, output);
+    output.close();
+    if (gzclose(gzip) != Z_OK || output.error() != QFileDevice::NoError) {
+        output.remove();
+        return false;
+    }
+    return true;
+}
+
+bool zipFile(const QString &source, const QString &destination)
+{
+    QFile input(source);
+    if (!input.open(QIODevice::ReadOnly))
+        return false;
+    gzFile gzip = openGzip(destination, "wb");
+    if (!gzip)
+        return false;
+    QFile output(destination);
+    if (gzsetparams(gzip, 9, Z_DEFAULT_STRATEGY) != Z_OK)
+        return failAndRemove(gzip, output);
+    char buffer[blockSize];
+    for (;;) {
+        const qint64 n = input.read(buffer, blockSize);
+        if (n < 0)
+            return failAndRemove(gzip, output);
+        if (n == 0)
+            break;
+        if (gzwrite(gzip, buffer, unsigned(n)) < n)
+            return failAndRemove(gzip, output);
+    }
+    input.close();
+    if (gzclose(gzip) != Z_OK) {
+        output.remove();
+        return false;
+    }
+    return true;
+}
