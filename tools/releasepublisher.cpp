@@ -1,0 +1,450 @@
+#include "tools/releasepublisher.h"
+
+#include "tasks/pathsafety.h"
+#include "tasks/taskspecification.h"
+#include "tools/mirrornames.h"
+#include "tools/releasetree.h"
+#include "update/checksums.h"
+#include "update/gzip.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QRegularExpression>
+#include <QSet>
+#include <QSettings>
+#include <QTemporaryFile>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+
+const QString separator = QStringLiteral("::");
+const QString deleteGroup = QStringLiteral("delete");
+
+// Served files must be readable by whatever account the HTTP or FTP server runs as.
+constexpr QFileDevice::Permissions servedPermissions =
+        QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup
+        | QFileDevice::ReadOther;
+
+QString baseName(const QString &path)
+{
+    return path.mid(path.lastIndexOf(QLatin1Char('/')) + 1);
+}
+
+QString parentPath(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
+    return slash < 0 ? QString() : path.left(slash);
+}
+
+// Why an install path cannot stand in the list, or an empty text when it can.
+QString inexpressible(const QString &installPath)
+{
+    if (!isSafeRelativePath(installPath))
+        return QStringLiteral("holds a backslash or a control character");
+    if (installPath.contains(separator))
+        return QStringLiteral("holds \"::\", which separates the fields of the list");
+    return QString();
+}
+
+bool isInside(const QString &path, const QString &directory)
+{
+    return path == directory || path.startsWith(directory + QLatin1Char('/'));
+}
+
+QString resolvedPath(const QString &path)
+{
+    const QFileInfo info(path);
+    return info.exists() ? info.canonicalFilePath() : QDir::cleanPath(info.absoluteFilePath());
+}
+
+bool startsWithGzipMagic(const QString &path, bool *ok)
+{
+    QFile file(path);
+    *ok = file.open(QIODevice::ReadOnly);
+    return file.read(2) == QByteArray("\x1f\x8b", 2);
+}
+
+QString listValue(const FileSpecification &entry)
+{
+    QString value = entry.md5 + separator + QString::number(entry.size);
+    if (!entry.unpackedName.isEmpty()) {
+        value += separator + entry.unpackedMd5 + separator + QString::number(entry.unpackedSize)
+                 + separator + entry.unpackedName;
+    }
+    return value;
+}
+
+bool sameEntry(const FileSpecification &a, const FileSpecification &b)
+{
+    return a.directory == b.directory && a.name == b.name && a.md5 == b.md5 && a.size == b.size
+           && a.unpackedMd5 == b.unpackedMd5 && a.unpackedSize == b.unpackedSize
+           && a.unpackedName == b.unpackedName;
+}
+
+} // namespace
+
+ReleasePublisher::ReleasePublisher(const QString &releaseDirectory, const QString &clientType,
+                                   const QString &version, const QString &outputRoot)
+    : releaseDirectory(releaseDirectory)
+    , clientType(clientType)
+    , version(version)
+    , outputRoot(outputRoot)
+{}
+
+QString ReleasePublisher::listPath() const
+{
+    return QDir(outputRoot).filePath(version + QLatin1Char('/') + clientType + ".ini");
+}
+
+QList<FileSpecification> ReleasePublisher::entries() const
+{
+    QList<FileSpecification> result;
+    for (const ReleaseFile &file : files)
+        result.append(file.entry);
+    return result;
+}
+
+int ReleasePublisher::packedCount() const
+{
+    return int(std::count_if(files.cbegin(), files.cend(),
+                             [](const ReleaseFile &file) { return file.packed; }));
+}
+
+bool ReleasePublisher::publish()
+{
+    problems.clear();
+    files.clear();
+    deleted.clear();
+    if (!validateArguments())
+        return false;
+    const bool filesOk = collectFiles();
+    if (!collectDeletedPaths() || !filesOk)
+        return false;
+    assignSections();
+    return writeFiles() && writeList();
+}
+
+bool ReleasePublisher::fail(const QString &problem)
+{
+    problems.append(problem);
+    return false;
+}
+
+bool ReleasePublisher::validateArguments()
+{
+    validateNames();
+    validateLocations();
+    if (!problems.isEmpty())
+        return false;
+
+    const QString versionDirectory = resolvedPath(QDir(outputRoot).filePath(version));
+    const QString releasePath = QFileInfo(releaseDirectory).canonicalFilePath();
+    if (isInside(versionDirectory, releasePath) || isInside(releasePath, versionDirectory))
+        return fail(QStringLiteral("the output %1 and the release directory %2 overlap")
+                            .arg(versionDirectory, releasePath));
+    if (QFileInfo::exists(listPath()) && !replaceExisting)
+        return fail(QStringLiteral("%1 exists already; use --force to replace it").arg(listPath()));
+    return true;
+}
+
+void ReleasePublisher::validateNames()
+{
+    static const QRegularExpression typePattern(QStringLiteral("^[A-Za-z0-9_-]+$"));
+    static const QRegularExpression versionPattern(QStringLiteral("^(0|[1-9][0-9]*)$"));
+
+    // The type names the list and, with a dot, every section, so it must not hold a dot
+    // itself; "delete" and "General" have a meaning of their own in the list.
+    if (!typePattern.match(clientType).hasMatch())
+        fail(QStringLiteral("client type \"%1\" must consist of letters, digits, '_' and '-'")
+                     .arg(clientType));
+    else if (clientType.compare(deleteGroup, Qt::CaseInsensitive) == 0
+             || clientType.compare(QLatin1String("general"), Qt::CaseInsensitive) == 0)
+        fail(QStringLiteral("client type \"%1\" is reserved in the product list").arg(clientType));
+
+    bool fitsInt = false;
+    version.toInt(&fitsInt, 10);
+    if (!versionPattern.match(version).hasMatch() || !fitsInt)
+        fail(QStringLiteral("version \"%1\" is not a decimal number (digits only, no leading "
+                            "zeros)")
+                     .arg(version));
+}
+
+void ReleasePublisher::validateLocations()
+{
+    const QFileInfo release(releaseDirectory);
+    if (!release.exists())
+        fail(QStringLiteral("release directory %1 does not exist").arg(releaseDirectory));
+    else if (!release.isDir())
+        fail(QStringLiteral("release directory %1 is not a directory").arg(releaseDirectory));
+    else if (!release.isReadable() || !release.isExecutable())
+        fail(QStringLiteral("release directory %1 cannot be read").arg(releaseDirectory));
+
+    const QFileInfo root(outputRoot);
+    if (root.exists() && !root.isDir())
+        fail(QStringLiteral("output root %1 is not a directory").arg(outputRoot));
+}
+
+bool ReleasePublisher::collectFiles()
+{
+    QStringList paths;
+    bool ok = listReleaseFiles(releaseDirectory, &paths, &problems);
+    for (const QString &path : std::as_const(paths)) {
+        const QString reason = inexpressible(path);
+        if (!reason.isEmpty()) {
+            ok = fail(QStringLiteral("%1: cannot be published: its name %2")
+                              .arg(QDir(releaseDirectory).filePath(path), reason));
+            continue;
+        }
+        ReleaseFile file;
+        file.installPath = path;
+        files.append(file);
+    }
+    if (ok && files.isEmpty())
+        return fail(QStringLiteral("release directory %1 holds no files").arg(releaseDirectory));
+    return ok;
+}
+
+bool ReleasePublisher::collectDeletedPaths()
+{
+    if (previousRelease.isEmpty())
+        return true;
+    QStringList previous;
+    const QFileInfo info(previousRelease);
+    if (info.isDir()) {
+        if (!listReleaseFiles(previousRelease, &previous, &problems))
+            return false;
+    } else if (info.isFile() && info.isReadable()) {
+        // A product list published before: its install paths are what the previous release had.
+        QSettings settings(previousRelease, QSettings::IniFormat);
+        TaskSpecification task;
+        settings.childGroups();
+        if (settings.status() != QSettings::NoError || !task.initializeByProductIni(&settings))
+            return fail(
+                    QStringLiteral("previous product list %1 cannot be read").arg(previousRelease));
+        for (const FileSpecification &entry : std::as_const(task.files))
+            previous.append(entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName);
+    } else {
+        return fail(QStringLiteral("previous release %1 is neither a directory nor a readable "
+                                   "product list")
+                            .arg(previousRelease));
+    }
+
+    QSet<QString> seen;
+    for (const ReleaseFile &file : std::as_const(files))
+        seen.insert(file.installPath);
+    bool ok = true;
+    for (const QString &path : std::as_const(previous)) {
+        if (seen.contains(path))
+            continue;
+        seen.insert(path);
+        if (!isSafeRelativePath(path))
+            ok = fail(QStringLiteral("%1: the previous release's file cannot be listed for "
+                                     "deletion: its name holds a backslash or a control character")
+                              .arg(path));
+        else
+            deleted.append(path);
+    }
+    std::sort(deleted.begin(), deleted.end());
+    return ok;
+}
+
+void ReleasePublisher::assignSections()
+{
+    MirrorNames sections;
+    sections.claim(clientType);
+    // The list itself lies beside the sections.
+    sections.claim(clientType + ".ini");
+    QHash<QString, QString> sectionOf;
+    sectionOf.insert(QString(), clientType);
+    for (ReleaseFile &file : files) {
+        const QString directory = parentPath(file.installPath);
+        auto it = sectionOf.find(directory);
+        if (it == sectionOf.end()) {
+            const QString wanted = clientType + QLatin1Char('.')
+                                   + QString(directory).replace(QLatin1Char('/'), QLatin1Char('.'));
+            it = sectionOf.insert(directory, sections.take(wanted));
+        }
+        file.entry.directory = it.value();
+    }
+}
+
+bool ReleasePublisher::writeFiles()
+{
+    const QString versionDirectory = QDir(outputRoot).filePath(version);
+    QHash<QString, MirrorNames> names;
+    // A top-level file whose name needs no change keeps it on the mirror before any other file
+    // can take it, so that it can be listed in the plain two-field form.
+    for (ReleaseFile &file : files) {
+        const QString &path = file.installPath;
+        if (!path.contains(QLatin1Char('/')) && MirrorNames::sanitized(path) == path)
+            file.ownsPlainName = names[file.entry.directory].claim(path);
+    }
+    for (ReleaseFile &file : files) {
+        const QString sectionPath = QDir(versionDirectory).filePath(file.entry.directory);
+        if (!QDir().mkpath(sectionPath))
+            return fail(QStringLiteral("cannot create directory %1").arg(sectionPath));
+        if (!writeFile(file, sectionPath, names[file.entry.directory]))
+            return false;
+    }
+    return true;
+}
+
+bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, MirrorNames &names)
+{
+    const QString source = QDir(releaseDirectory).filePath(file.installPath);
+    bool readable = true;
+    // zlib would unpack such a file on the way in, so it cannot travel raw in the five-field form.
+    const bool mustPack = !file.ownsPlainName && startsWithGzipMagic(source, &readable);
+    if (!readable)
+        return fail(QStringLiteral("cannot read %1").arg(source));
+
+    QTemporaryFile scratch(QDir(sectionPath).filePath(QStringLiteral(".publish-XXXXXX")));
+    file.packed = packing == Packing::All || mustPack;
+    if ((file.packed || packing == Packing::Auto)
+        && !packFile(source, &scratch, !file.packed, &file.packed))
+        return false;
+
+    const QString name = baseName(file.installPath);
+    const bool plain = file.ownsPlainName && !file.packed;
+    file.entry.name =
+            plain ? name : names.take(name, file.packed ? QStringLiteral(".gz") : QString());
+    const QString destination = QDir(sectionPath).filePath(file.entry.name);
+    QFile::remove(destination);
+    if (file.packed) {
+        if (!QFile::rename(scratch.fileName(), destination))
+            return fail(QStringLiteral("cannot write %1").arg(destination));
+        scratch.setAutoRemove(false);
+    } else {
+        QFile input(source);
+        if (!input.copy(destination))
+            return fail(QStringLiteral("cannot copy %1 to %2: %3")
+                                .arg(source, destination, input.errorString()));
+    }
+    QFile::setPermissions(destination, servedPermissions);
+    return describe(file, source, destination, plain);
+}
+
+bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw,
+                                bool *packed)
+{
+    if (!scratch->open())
+        return fail(QStringLiteral("cannot write %1: %2")
+                            .arg(scratch->fileTemplate(), scratch->errorString()));
+    scratch->close();
+    if (!zipFile(source, scratch->fileName()))
+        return fail(QStringLiteral("cannot pack %1 into %2").arg(source, scratch->fileName()));
+    if (!mayKeepRaw) {
+        *packed = true;
+        return true;
+    }
+    const qint64 rawSize = QFileInfo(source).size();
+    const qint64 saving = rawSize - scratch->size();
+    *packed = saving >= minimumSavingBytes && saving * 100 >= rawSize * minimumSavingPercent;
+    return true;
+}
+
+// The list describes what the mirror serves, so the checksums are taken from there.
+bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
+                                const QString &destination, bool plain)
+{
+    FileSpecification &entry = file.entry;
+    entry.md5 = getFileMD5Ex(destination);
+    entry.size = quint64(QFileInfo(destination).size());
+    if (!plain) {
+        entry.unpackedMd5 = file.packed ? getFileMD5Ex(source) : entry.md5;
+        entry.unpackedSize = file.packed ? quint64(QFileInfo(source).size()) : entry.size;
+        entry.unpackedName = file.installPath;
+    }
+    if (entry.md5.isEmpty() || (!plain && entry.unpackedMd5.isEmpty()))
+        return fail(QStringLiteral("cannot read %1 back").arg(destination));
+    return true;
+}
+
+bool ReleasePublisher::writeList()
+{
+    const QString path = listPath();
+    const QString temporary = QFileInfo(path).dir().filePath("." + clientType + ".ini.new");
+    QFile::remove(temporary);
+    {
+        QSettings settings(temporary, QSettings::IniFormat);
+        for (const ReleaseFile &file : std::as_const(files)) {
+            const FileSpecification &entry = file.entry;
+            settings.setValue(entry.directory + QLatin1Char('/') + entry.name, listValue(entry));
+        }
+        settings.beginGroup(deleteGroup);
+        for (const QString &installPath : std::as_const(deleted))
+            settings.setValue(installPath, QStringLiteral("1"));
+        settings.endGroup();
+        settings.sync();
+        if (settings.status() != QSettings::NoError) {
+            QFile::remove(temporary);
+            return fail(QStringLiteral("cannot write %1").arg(temporary));
+        }
+    }
+    if (!listReadsBack(temporary)) {
+        QFile::remove(temporary);
+        return false;
+    }
+    QFile::setPermissions(temporary, servedPermissions);
+    // rename(2) replaces an earlier list in one step; QFile::rename would refuse to.
+    if (std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData())
+        != 0) {
+        QFile::remove(temporary);
+        return fail(QStringLiteral("cannot rename %1 to %2").arg(temporary, path));
+    }
+    return true;
+}
+
+// The updater reads the list with its own parser; whatever that parser does not read back
+// exactly as meant must not be published. QSettings would answer from the cache it filled while
+// writing, so the bytes are read back under a name it has never seen.
+bool ReleasePublisher::listReadsBack(const QString &written)
+{
+    QFile source(written);
+    QTemporaryFile copy(written + QStringLiteral(".XXXXXX"));
+    if (!source.open(QIODevice::ReadOnly) || !copy.open() || copy.write(source.readAll()) < 0
+        || !copy.flush())
+        return fail(QStringLiteral("cannot read %1 back").arg(written));
+    const bool entriesOk = entriesReadBack(copy.fileName());
+    return deletionsReadBack(copy.fileName()) && entriesOk;
+}
+
+bool ReleasePublisher::entriesReadBack(const QString &path)
+{
+    TaskSpecification task;
+    if (!task.initializeByProductIni(path) || task.getSize() != files.size())
+        return fail(QStringLiteral("the list does not read back as written"));
+    QHash<QString, FileSpecification> read;
+    for (const FileSpecification &entry : std::as_const(task.files))
+        read.insert(entry.directory + QLatin1Char('/') + entry.name, entry);
+    bool ok = true;
+    for (const ReleaseFile &file : std::as_const(files)) {
+        const FileSpecification &entry = file.entry;
+        if (!sameEntry(read.value(entry.directory + QLatin1Char('/') + entry.name), entry))
+            ok = fail(QStringLiteral("%1: cannot be published: the list does not read its name "
+                                     "back unchanged")
+                              .arg(file.installPath));
+    }
+    return ok;
+}
+
+bool ReleasePublisher::deletionsReadBack(const QString &path)
+{
+    QSettings settings(path, QSettings::IniFormat);
+    settings.beginGroup(deleteGroup);
+    const QStringList keys = settings.allKeys();
+    const QSet<QString> read(keys.cbegin(), keys.cend());
+    bool ok = read.size() == deleted.size()
+              || fail(QStringLiteral("the delete group does not read back as written"));
+    for (const QString &installPath : std::as_const(deleted)) {
+        if (!read.contains(installPath))
+            ok = fail(QStringLiteral("%1: cannot be listed for deletion: the list does not read "
+                                     "its name back unchanged")
+                              .arg(installPath));
+    }
+    return ok;
+}

@@ -1,0 +1,89 @@
+#pragma once
+
+#include "tasks/filespecification.h"
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+class MirrorNames;
+class QTemporaryFile;
+
+// Publishes one release directory as a mirror tree: every file, gzip-packed or raw, under
+// ROOT/VERSION/<section>/<name>, and the product list ROOT/VERSION/TYPE.ini, written last and
+// atomically, so that a mirror never serves a list whose files are not all in place.
+//
+// Layout: the sections of one client type are named TYPE (the release's top directory) and
+// TYPE.<subdirectory with '/' as '.'>, so client types share a version directory without
+// clashing. Section and file names on the mirror are made safe and unique by MirrorNames; an
+// entry whose mirror name is not its install path carries the install path as its unpacked
+// name (the five-field form), which the updater unpacks with zlib's transparent reading: raw
+// files pass through unchanged, except those that begin with the gzip magic bytes, which are
+// therefore always packed.
+class ReleasePublisher
+{
+public:
+    enum class Packing { None, Auto, All };
+
+    // With Auto a file is packed when that saves at least this share and this many bytes.
+    static constexpr int minimumSavingPercent = 10;
+    static constexpr qint64 minimumSavingBytes = 1024;
+
+    ReleasePublisher(const QString &releaseDirectory, const QString &clientType,
+                     const QString &version, const QString &outputRoot);
+
+    void setPacking(Packing packing) { this->packing = packing; }
+    // A previous release directory, or the product list it was published with: the install
+    // paths it had and this release lacks make up the list's "delete" group.
+    void setPreviousRelease(const QString &path) { previousRelease = path; }
+    // Allows replacing a list that was published before for this type and version.
+    void setReplaceExisting(bool replace) { replaceExisting = replace; }
+
+    // Nothing is written unless every input is valid and every file name can be expressed.
+    bool publish();
+
+    // One line per problem found by the last publish().
+    QStringList errors() const { return problems; }
+    QString listPath() const;
+    // What the last successful publish() listed, one entry per release file in path order.
+    QList<FileSpecification> entries() const;
+    QStringList deletedPaths() const { return deleted; }
+    int packedCount() const;
+
+private:
+    struct ReleaseFile
+    {
+        QString installPath;
+        bool ownsPlainName = false;
+        bool packed = false;
+        FileSpecification entry;
+    };
+
+    bool validateArguments();
+    void validateNames();
+    void validateLocations();
+    bool collectFiles();
+    bool collectDeletedPaths();
+    bool writeFiles();
+    bool writeFile(ReleaseFile &file, const QString &sectionPath, MirrorNames &names);
+    bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
+    bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
+    bool writeList();
+    bool listReadsBack(const QString &written);
+    bool entriesReadBack(const QString &path);
+    bool deletionsReadBack(const QString &path);
+    void assignSections();
+    bool fail(const QString &problem);
+
+    QString releaseDirectory;
+    QString clientType;
+    QString version;
+    QString outputRoot;
+    QString previousRelease;
+    Packing packing = Packing::Auto;
+    bool replaceExisting = false;
+
+    QList<ReleaseFile> files;
+    QStringList deleted;
+    QStringList problems;
+};
