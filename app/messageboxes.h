@@ -18,11 +18,10 @@ struct MessageBoxRequest
 using MessageBoxHandler = std::function<QMessageBox::StandardButton(const MessageBoxRequest &)>;
 
 // Every box of the program goes through here: a modal QMessageBox, or the installed handler.
-QMessageBox::StandardButton showMessageBox(QWidget *parent, QMessageBox::Icon icon,
-                                           const QString &title, const QString &text,
-                                           QMessageBox::StandardButtons buttons = QMessageBox::Ok,
-                                           QMessageBox::StandardButton defaultButton
-                                           = QMessageBox::NoButton);
+QMessageBox::StandardButton
+showMessageBox(QWidget *parent, QMessageBox::Icon icon, const QString &title, const QString &text,
+               QMessageBox::StandardButtons buttons = QMessageBox::Ok,
+               QMessageBox::StandardButton defaultButton = QMessageBox::NoButton);
 
 // Replaces real boxes by a handler (tests); an empty handler brings the real boxes back.
 void setMessageBoxHandler(MessageBoxHandler handler);

@@ -1,0 +1,98 @@
+#include "app/commandlineoptions.h"
+
+#include "app/messageboxes.h"
+#include "app/updatechecker.h"
+
+#include <memory>
+
+namespace {
+
+const QString unattendedSwitch = QStringLiteral("--nouser");
+
+// A base-10 integer and nothing else: surrounding white space, which QString::toInt would
+// accept, makes it fail. 0 when it fails.
+int toVersionNumber(const QString &text, bool *ok)
+{
+    const int value = text.toInt(ok, 10);
+    if (*ok && (text.front().isSpace() || text.back().isSpace()))
+        *ok = false;
+    return *ok ? value : 0;
+}
+
+QString defaultsFailedText()
+{
+    return QCoreApplication::translate("", "Can't detect default parameters");
+}
+
+QString defaultParametersResult(CommandLineOptions *options, const QString &fallbackVersion)
+{
+    return getDefaultParameters(options, fallbackVersion) ? QString() : defaultsFailedText();
+}
+
+} // namespace
+
+QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
+                                const QStringList &arguments)
+{
+    const qsizetype count = arguments.size();
+    if (count < 2 || count > 4)
+        return defaultParametersResult(options, fallbackVersion);
+
+    options->runMode = 0;
+    QString error;
+    if (count == 3) {
+        options->runMode = 1;
+        error = getClientTypeVersion(options, arguments, 1);
+    } else if (arguments.at(1) != unattendedSwitch) {
+        error = QStringLiteral("--nouser option is missed");
+    } else if (count == 4) {
+        options->runMode = 2;
+        error = getClientTypeVersion(options, arguments, 2);
+    } else if (getDefaultParameters(options, fallbackVersion)) {
+        options->runMode = 2;
+    } else {
+        error = defaultsFailedText();
+    }
+    if (options->runMode != 0)
+        return error;
+
+    // A wrong first argument counts as no arguments at all, and a failed derivation under
+    // "--nouser" is tried once more: the error found above is dropped on purpose.
+    return defaultParametersResult(options, fallbackVersion);
+}
+
+QString getClientTypeVersion(CommandLineOptions *options, const QStringList &arguments, int index)
+{
+    if (index >= arguments.size())
+        return QCoreApplication::translate("", "No client type specified");
+    options->clientType = arguments.at(index);
+    if (index + 1 >= arguments.size())
+        return QCoreApplication::translate("", "No client version specified");
+    bool ok = false;
+    options->clientVersion = toVersionNumber(arguments.at(index + 1), &ok);
+    return ok ? QString() : QCoreApplication::translate("", "Wrong version code");
+}
+
+bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVersion)
+{
+    options->clientType = QStringLiteral("client_linux_amd64");
+
+    QString version = fallbackVersion;
+    const auto checker = std::make_unique<UpdateChecker>();
+    if (checker->checkUpdate()) {
+        version = QString::fromLatin1(checker->getClientVersion());
+    } else {
+        showMessageBox(nullptr, QMessageBox::Warning, QCoreApplication::translate("", "Error"),
+                       QCoreApplication::translate("", "Failed to query latest client\n"
+                                                       "version from update server."));
+    }
+    if (version.isEmpty())
+        return false;
+
+    bool ok = false;
+    options->clientVersion = toVersionNumber(version, &ok);
+    if (!ok)
+        return false;
+    options->runMode = 1;
+    return true;
+}

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QString>
+#include <QStringList>
+
+// What the command line asks for: the client build to install and whether nobody watches.
+struct CommandLineOptions
+{
+    // 0 not set, 1 interactive, 2 unattended ("--nouser").
+    int runMode = 0;
+    QString clientType;
+    int clientVersion = 0;
+};
+
+// Fills options from the argument list (the program's own path first) or, where it names no
+// client type and version, from the defaults; an empty result on success, else the error text.
+QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
+                                const QStringList &arguments = QCoreApplication::arguments());
+
+// Reads the client type at index and the version after it; an empty result on success.
+QString getClientTypeVersion(CommandLineOptions *options, const QStringList &arguments, int index);
+
+// The build's client type and the version the update server announces, or fallbackVersion
+// when the server does not answer (after a warning box); false when no version results.
+bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVersion);
