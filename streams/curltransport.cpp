@@ -1,0 +1,678 @@
+#include "streams/curltransport.h"
+
+#include <QIODevice>
+#include <QPointer>
+#include <QSocketNotifier>
+#include <QTimer>
+
+#include <climits>
+#include <deque>
+#include <map>
+#include <optional>
+
+#include <curl/curl.h>
+
+namespace {
+
+constexpr long connectTimeoutSeconds = 30;
+constexpr long defaultStallTimeoutSeconds = 60;
+constexpr long maximumRedirects = 5;
+constexpr int defaultProxyPort = 3128;
+constexpr char userAgent[] = "Orlivo Update";
+
+// Ids are unique in the process, so an id kept from an earlier transport never matches a new one.
+int lastCommandId = 0;
+
+bool isSupportedProxyScheme(const QString &scheme)
+{
+    return scheme == QLatin1String("http") || scheme == QLatin1String("https")
+           || scheme == QLatin1String("socks5") || scheme == QLatin1String("socks5h");
+}
+
+// 408 and 429 ask the client to come back later, like a server error does.
+bool isFinalRefusal(long status)
+{
+    return status >= 400 && status < 500 && status != 408 && status != 429;
+}
+
+} // namespace
+
+class CurlTransport::Private
+{
+public:
+    enum class Kind { Connect, Login, Get };
+
+    struct Command
+    {
+        int id = 0;
+        Kind kind = Kind::Connect;
+        QUrl server;
+        QString user;
+        QString password;
+        QString path;
+        QIODevice *device = nullptr;
+        qint64 expectedLength = -1;
+    };
+
+    struct SocketWatch
+    {
+        std::unique_ptr<QSocketNotifier> read;
+        std::unique_ptr<QSocketNotifier> write;
+    };
+
+    explicit Private(CurlTransport *q);
+    ~Private();
+
+    int enqueue(Command command);
+    void scheduleStart();
+    void startNext();
+    void startFtpSession();
+    void startTransfer(const QUrl &url, bool headOnly);
+    CURLcode configure(const QUrl &url, bool headOnly);
+    void removeTransfer();
+    void finish(Error kind, const QString &text = {});
+
+    void socketAction(curl_socket_t socket, int events);
+    void kick();
+    void afterAction(CURLMcode result, bool mayKick);
+    void collectFinished(bool mayKick);
+    bool isWatchingSockets() const;
+    void reportProgress();
+    void endTransfer(CURLcode result);
+    void endGet(CURLcode result);
+    bool endedEarly() const;
+    QString curlErrorText(CURLcode result) const;
+
+    // Called by libcurl: they only record, never call back into libcurl or emit.
+    static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *);
+    static int timerCallback(CURLM *, long timeoutMs, void *userp);
+    static size_t headerCallback(char *data, size_t size, size_t count, void *userp);
+    static size_t writeCallback(char *data, size_t size, size_t count, void *userp);
+    void watchSocket(curl_socket_t socket, int what);
+    void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
+                        QSocketNotifier::Type type, bool wanted, int events);
+    void scheduleCurlTimer(long timeoutMs);
+    size_t receiveHeader(const char *data, size_t length);
+    size_t receiveBody(const char *data, size_t length);
+
+    bool isFtp() const { return server.scheme() == QLatin1String("ftp"); }
+
+    CurlTransport *q;
+    CURLM *multi = nullptr;
+    CURL *easy = nullptr;
+    bool ready = false;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+    std::map<curl_socket_t, SocketWatch> sockets;
+    QTimer curlTimer;
+    QTimer startTimer;
+    QTimer kickTimer;
+
+    std::deque<Command> pending;
+    std::optional<Command> current;
+    bool transferRunning = false;
+
+    QUrl server;
+    QString user;
+    QString password;
+    QByteArray proxyAddress;
+    QString proxyUser;
+    QString proxyPassword;
+    QString caFile;
+    long stallTimeout = defaultStallTimeoutSeconds;
+
+    // An FTP log-in queued right behind the connect is done by the connect's own transfer;
+    // its outcome waits here until the log-in command's turn.
+    int foldedLoginId = -1;
+    Error foldedError = NoError;
+    QString foldedErrorText;
+
+    // The running transfer, as seen by the callbacks.
+    long status = 0;
+    QByteArray reason;
+    bool greeted = false;
+    qint64 written = 0;
+    bool tooLong = false;
+    qint64 reportedDone = 0;
+    qint64 reportedTotal = 0;
+
+    Error error = NoError;
+    QString errorText;
+};
+
+CurlTransport::Private::Private(CurlTransport *q)
+    : q(q)
+    , multi(curl_multi_init())
+    , easy(curl_easy_init())
+{
+    curlTimer.setSingleShot(true);
+    curlTimer.setTimerType(Qt::PreciseTimer);
+    startTimer.setSingleShot(true);
+    startTimer.setInterval(0);
+    kickTimer.setSingleShot(true);
+    kickTimer.setInterval(0);
+    QObject::connect(&curlTimer, &QTimer::timeout, q,
+                     [this] { socketAction(CURL_SOCKET_TIMEOUT, 0); });
+    QObject::connect(&startTimer, &QTimer::timeout, q, [this] { startNext(); });
+    QObject::connect(&kickTimer, &QTimer::timeout, q, [this] { kick(); });
+
+    ready = multi && easy
+            && curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, socketCallback) == CURLM_OK
+            && curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this) == CURLM_OK
+            && curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, timerCallback) == CURLM_OK
+            && curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this) == CURLM_OK;
+}
+
+CurlTransport::Private::~Private()
+{
+    removeTransfer();
+    // Closing cached connections still calls watchSocket(), so the notifiers must outlive this.
+    const CURLMcode cleaned = multi ? curl_multi_cleanup(multi) : CURLM_OK;
+    if (cleaned != CURLM_OK)
+        qWarning("Closing the transfers failed: %s", curl_multi_strerror(cleaned));
+    if (easy)
+        curl_easy_cleanup(easy);
+}
+
+int CurlTransport::Private::enqueue(Command command)
+{
+    command.id = ++lastCommandId;
+    pending.push_back(command);
+    scheduleStart();
+    return command.id;
+}
+
+void CurlTransport::Private::scheduleStart()
+{
+    if (!current && !pending.empty())
+        startTimer.start();
+}
+
+void CurlTransport::Private::startNext()
+{
+    if (current || pending.empty())
+        return;
+    current = pending.front();
+    pending.pop_front();
+
+    switch (current->kind) {
+    case Kind::Connect:
+        server = current->server;
+        if (isFtp())
+            startFtpSession();
+        else
+            startTransfer(server, true);
+        break;
+    case Kind::Login:
+        user = current->user;
+        password = current->password;
+        if (!isFtp()) {
+            finish(NoError);
+        } else if (current->id == foldedLoginId) {
+            foldedLoginId = -1;
+            finish(foldedError, foldedErrorText);
+        } else {
+            startFtpSession();
+        }
+        break;
+    case Kind::Get: {
+        QUrl url = server;
+        url.setPath(current->path);
+        startTransfer(url, false);
+        break;
+    }
+    }
+}
+
+// An FTP connection is opened together with its log-in: libcurl cannot do one without the other.
+void CurlTransport::Private::startFtpSession()
+{
+    if (current->kind == Kind::Connect) {
+        const bool loginFollows = !pending.empty() && pending.front().kind == Kind::Login;
+        foldedLoginId = loginFollows ? pending.front().id : -1;
+        user = loginFollows ? pending.front().user : QString();
+        password = loginFollows ? pending.front().password : QString();
+    }
+    QUrl root = server;
+    root.setPath(QStringLiteral("/"));
+    startTransfer(root, true);
+}
+
+void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
+{
+    if (!ready) {
+        finish(TransferFailed, QStringLiteral("libcurl could not be initialised"));
+        return;
+    }
+    status = 0;
+    reason.clear();
+    greeted = false;
+    written = 0;
+    tooLong = false;
+    reportedDone = 0;
+    reportedTotal = 0;
+    const CURLcode setup = configure(url, headOnly);
+    if (setup != CURLE_OK) {
+        finish(TransferFailed, curlErrorText(setup));
+        return;
+    }
+    const CURLMcode added = curl_multi_add_handle(multi, easy);
+    if (added != CURLM_OK) {
+        finish(TransferFailed, QString::fromUtf8(curl_multi_strerror(added)));
+        return;
+    }
+    transferRunning = true;
+}
+
+CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
+{
+    curl_easy_reset(easy);
+    errorBuffer[0] = 0;
+    CURLcode result = CURLE_OK;
+    const auto set = [this, &result](CURLoption option, auto value) {
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(easy, option, value);
+    };
+    const auto setText = [&set](CURLoption option, const QString &value) {
+        set(option, value.toUtf8().constData());
+    };
+
+    set(CURLOPT_URL, url.toEncoded().constData());
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_ERRORBUFFER, errorBuffer);
+    set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
+    set(CURLOPT_NOBODY, headOnly ? 1L : 0L);
+    set(CURLOPT_CONNECTTIMEOUT, connectTimeoutSeconds);
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, stallTimeout);
+    set(CURLOPT_HEADERFUNCTION, headerCallback);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, writeCallback);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+
+    // An empty proxy and an empty exception list keep the environment's proxy settings out.
+    set(CURLOPT_PROXY, proxyAddress.constData());
+    set(CURLOPT_NOPROXY, "");
+    if (!proxyAddress.isEmpty()) {
+        if (!proxyUser.isEmpty()) {
+            setText(CURLOPT_PROXYUSERNAME, proxyUser);
+            setText(CURLOPT_PROXYPASSWORD, proxyPassword);
+        }
+        // An HTTP proxy forwards plain HTTP itself; FTP must be tunnelled through it.
+        if (isFtp() && proxyAddress.startsWith("http"))
+            set(CURLOPT_HTTPPROXYTUNNEL, 1L);
+    }
+    if (!caFile.isEmpty()) {
+        setText(CURLOPT_CAINFO, caFile);
+        setText(CURLOPT_PROXY_CAINFO, caFile);
+    }
+    if (!user.isEmpty()) {
+        setText(CURLOPT_USERNAME, user);
+        setText(CURLOPT_PASSWORD, password);
+    }
+
+    if (isFtp()) {
+        // The directory is only changed when it differs from the previous file's.
+        set(CURLOPT_FTP_FILEMETHOD, long(CURLFTPMETHOD_SINGLECWD));
+        set(CURLOPT_SERVER_RESPONSE_TIMEOUT, stallTimeout);
+    } else {
+        set(CURLOPT_USERAGENT, userAgent);
+        // The connect step only has to reach this server, wherever it would send us.
+        if (!headOnly) {
+            set(CURLOPT_FOLLOWLOCATION, 1L);
+            set(CURLOPT_MAXREDIRS, maximumRedirects);
+            set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+        }
+        if (!user.isEmpty())
+            set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
+    }
+    return result;
+}
+
+void CurlTransport::Private::removeTransfer()
+{
+    if (!transferRunning)
+        return;
+    transferRunning = false;
+    const CURLMcode removed = curl_multi_remove_handle(multi, easy);
+    if (removed != CURLM_OK)
+        qWarning("Stopping a transfer failed: %s", curl_multi_strerror(removed));
+}
+
+void CurlTransport::Private::finish(Error kind, const QString &text)
+{
+    const int id = current->id;
+    current.reset();
+    error = kind;
+    errorText = text;
+    if (kind != NoError)
+        pending.clear();
+    const QPointer<CurlTransport> alive(q);
+    emit q->commandFinished(id, kind != NoError);
+    if (alive)
+        scheduleStart();
+}
+
+void CurlTransport::Private::socketAction(curl_socket_t socket, int events)
+{
+    int running = 0;
+    afterAction(curl_multi_socket_action(multi, socket, events, &running), true);
+}
+
+// libcurl 7.88 can leave a transfer with nothing to wait on but its connect timeout: when a
+// passive-mode reply arrives together with the request, the data connection is only opened on
+// the transfer's next run. Running all transfers once more opens it and announces its socket.
+void CurlTransport::Private::kick()
+{
+    if (!transferRunning)
+        return;
+    int running = 0;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    const CURLMcode result = curl_multi_socket_all(multi, &running);
+#pragma GCC diagnostic pop
+    afterAction(result, false);
+}
+
+void CurlTransport::Private::afterAction(CURLMcode result, bool mayKick)
+{
+    if (result != CURLM_OK && transferRunning) {
+        removeTransfer();
+        finish(TransferFailed, QString::fromUtf8(curl_multi_strerror(result)));
+        return;
+    }
+    collectFinished(mayKick);
+}
+
+void CurlTransport::Private::collectFinished(bool mayKick)
+{
+    // Drain all messages before anything else: handlers may remove the handle or add new ones.
+    std::optional<CURLcode> finished;
+    int left = 0;
+    while (CURLMsg *message = curl_multi_info_read(multi, &left)) {
+        if (message->msg == CURLMSG_DONE && message->easy_handle == easy)
+            finished = message->data.result;
+    }
+    if (!transferRunning)
+        return;
+    // Once per event at most, so that a transfer that only waits for its timer is not spun.
+    if (!finished && mayKick && !isWatchingSockets())
+        kickTimer.start();
+    const QPointer<CurlTransport> alive(q);
+    reportProgress();
+    if (alive && transferRunning && finished)
+        endTransfer(*finished);
+}
+
+bool CurlTransport::Private::isWatchingSockets() const
+{
+    for (const auto &[socket, watch] : sockets) {
+        if ((watch.read && watch.read->isEnabled()) || (watch.write && watch.write->isEnabled()))
+            return true;
+    }
+    return false;
+}
+
+void CurlTransport::Private::reportProgress()
+{
+    if (current->kind != Kind::Get || (!isFtp() && (status < 200 || status >= 300)))
+        return;
+    curl_off_t length = -1;
+    if (curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK
+        || length < 0) {
+        length = 0;
+    }
+    if (written == reportedDone && length == reportedTotal)
+        return;
+    reportedDone = written;
+    reportedTotal = length;
+    emit q->dataTransferProgress(reportedDone, reportedTotal);
+}
+
+void CurlTransport::Private::endTransfer(CURLcode result)
+{
+    removeTransfer();
+    switch (current->kind) {
+    case Kind::Connect:
+        if (isFtp() && greeted) {
+            // The server answered: whatever went wrong after is the log-in's failure.
+            foldedError = result == CURLE_OK ? NoError : TransferFailed;
+            foldedErrorText = result == CURLE_OK ? QString() : curlErrorText(result);
+            finish(NoError);
+        } else if (isFtp() || result != CURLE_OK) {
+            finish(TransferFailed, curlErrorText(result));
+        } else {
+            finish(NoError);
+        }
+        break;
+    case Kind::Login:
+        if (result == CURLE_OK)
+            finish(NoError);
+        else
+            finish(TransferFailed, curlErrorText(result));
+        break;
+    case Kind::Get:
+        endGet(result);
+        break;
+    }
+}
+
+void CurlTransport::Private::endGet(CURLcode result)
+{
+    if (tooLong) {
+        finish(BodyTooLong,
+               QStringLiteral("More than %1 bytes received").arg(current->expectedLength));
+    } else if (!isFtp() && status >= 300 && (status >= 400 || result == CURLE_OK)) {
+        QUrl url = server;
+        url.setPath(current->path);
+        const QString reply = QString::number(status)
+                              + (reason.isEmpty() ? QString() : ' ' + QString::fromUtf8(reason));
+        finish(isFinalRefusal(status) ? RequestRefused : TransferFailed,
+               QStringLiteral("Error transferring %1 - server replied: %2")
+                       .arg(url.toDisplayString(), reply));
+    } else if (result != CURLE_OK) {
+        finish(TransferFailed, curlErrorText(result));
+    } else if (endedEarly()) {
+        finish(TransferFailed, QStringLiteral("Transfer closed with %1 bytes remaining to read")
+                                       .arg(current->expectedLength - written));
+    } else {
+        finish(NoError);
+    }
+}
+
+// A body whose length nobody announced ends when the connection closes, also when it breaks.
+bool CurlTransport::Private::endedEarly() const
+{
+    curl_off_t announced = -1;
+    return current->expectedLength >= 0 && written < current->expectedLength
+           && curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK
+           && announced < 0;
+}
+
+QString CurlTransport::Private::curlErrorText(CURLcode result) const
+{
+    if (errorBuffer[0])
+        return QString::fromUtf8(errorBuffer);
+    return QString::fromUtf8(curl_easy_strerror(result));
+}
+
+int CurlTransport::Private::socketCallback(CURL *, curl_socket_t socket, int what, void *userp,
+                                           void *)
+{
+    static_cast<Private *>(userp)->watchSocket(socket, what);
+    return 0;
+}
+
+int CurlTransport::Private::timerCallback(CURLM *, long timeoutMs, void *userp)
+{
+    static_cast<Private *>(userp)->scheduleCurlTimer(timeoutMs);
+    return 0;
+}
+
+size_t CurlTransport::Private::headerCallback(char *data, size_t size, size_t count, void *userp)
+{
+    return static_cast<Private *>(userp)->receiveHeader(data, size * count);
+}
+
+size_t CurlTransport::Private::writeCallback(char *data, size_t size, size_t count, void *userp)
+{
+    return static_cast<Private *>(userp)->receiveBody(data, size * count);
+}
+
+void CurlTransport::Private::watchSocket(curl_socket_t socket, int what)
+{
+    // Deleted at once: libcurl may hand out the same descriptor again before control returns.
+    if (what == CURL_POLL_REMOVE) {
+        sockets.erase(socket);
+        return;
+    }
+    SocketWatch &watch = sockets[socket];
+    watchDirection(watch.read, socket, QSocketNotifier::Read, what & CURL_POLL_IN, CURL_CSELECT_IN);
+    watchDirection(watch.write, socket, QSocketNotifier::Write, what & CURL_POLL_OUT,
+                   CURL_CSELECT_OUT);
+}
+
+void CurlTransport::Private::watchDirection(std::unique_ptr<QSocketNotifier> &notifier,
+                                            curl_socket_t socket, QSocketNotifier::Type type,
+                                            bool wanted, int events)
+{
+    if (notifier) {
+        notifier->setEnabled(wanted);
+        return;
+    }
+    if (!wanted)
+        return;
+    notifier = std::make_unique<QSocketNotifier>(socket, type);
+    QObject::connect(notifier.get(), &QSocketNotifier::activated, q,
+                     [this, socket, events] { socketAction(socket, events); });
+}
+
+void CurlTransport::Private::scheduleCurlTimer(long timeoutMs)
+{
+    if (timeoutMs < 0)
+        curlTimer.stop();
+    else
+        curlTimer.start(int(qMin(timeoutMs, long(INT_MAX))));
+}
+
+size_t CurlTransport::Private::receiveHeader(const char *data, size_t length)
+{
+    const QByteArray line = QByteArray(data, qsizetype(length)).trimmed();
+    if (isFtp()) {
+        // libcurl passes the server's replies here; a positive one means an FTP server is there.
+        if (line.startsWith('2'))
+            greeted = true;
+    } else if (line.startsWith("HTTP/")) {
+        // Every response of a redirect chain has its status line; the last one counts.
+        const qsizetype codeStart = line.indexOf(' ') + 1;
+        const qsizetype reasonStart = line.indexOf(' ', codeStart);
+        status = line.mid(codeStart, reasonStart < 0 ? -1 : reasonStart - codeStart).toLong();
+        reason = reasonStart < 0 ? QByteArray() : line.mid(reasonStart + 1);
+    }
+    return length;
+}
+
+size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
+{
+    if (current->kind != Kind::Get)
+        return length;
+    if (!isFtp() && status >= 300) {
+        // An error page never becomes the file; a redirect's body is simply skipped.
+        return status >= 400 ? 0 : length;
+    }
+    const qint64 size = qint64(length);
+    if (current->device->write(data, size) != size)
+        return 0;
+    written += size;
+    if (current->expectedLength >= 0 && written > current->expectedLength) {
+        tooLong = true;
+        return 0;
+    }
+    return length;
+}
+
+CurlTransport::CurlTransport(QObject *parent)
+    : QObject(parent)
+    , d(std::make_unique<Private>(this))
+{}
+
+CurlTransport::~CurlTransport() = default;
+
+void CurlTransport::setProxy(const QUrl &proxy)
+{
+    d->proxyAddress.clear();
+    d->proxyUser.clear();
+    d->proxyPassword.clear();
+    const QString scheme = proxy.scheme().toLower();
+    if (!isSupportedProxyScheme(scheme) || proxy.host().isEmpty())
+        return;
+    QUrl address;
+    address.setScheme(scheme);
+    address.setHost(proxy.host());
+    address.setPort(proxy.port() > 0 ? proxy.port() : defaultProxyPort);
+    d->proxyAddress = address.toEncoded();
+    d->proxyUser = proxy.userName();
+    d->proxyPassword = proxy.password();
+}
+
+void CurlTransport::setTrustedCaFile(const QString &path)
+{
+    d->caFile = path;
+}
+
+void CurlTransport::setStallTimeout(int seconds)
+{
+    d->stallTimeout = seconds;
+}
+
+int CurlTransport::connectToHost(const QUrl &server)
+{
+    Private::Command command;
+    command.kind = Private::Kind::Connect;
+    command.server =
+            server.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
+    return d->enqueue(command);
+}
+
+int CurlTransport::login(const QString &user, const QString &password)
+{
+    Private::Command command;
+    command.kind = Private::Kind::Login;
+    command.user = user;
+    command.password = password;
+    return d->enqueue(command);
+}
+
+int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength)
+{
+    Q_ASSERT(device);
+    Private::Command command;
+    command.kind = Private::Kind::Get;
+    command.path = path;
+    command.device = device;
+    command.expectedLength = expectedLength;
+    return d->enqueue(command);
+}
+
+void CurlTransport::clearPendingCommands()
+{
+    d->pending.clear();
+}
+
+void CurlTransport::abort()
+{
+    d->pending.clear();
+    d->removeTransfer();
+    d->current.reset();
+    d->foldedLoginId = -1;
+}
+
+CurlTransport::Error CurlTransport::error() const
+{
+    return d->error;
+}
+
+QString CurlTransport::errorString() const
+{
+    return d->errorText;
+}

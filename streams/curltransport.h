@@ -1,0 +1,66 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+#include <memory>
+
+class QIODevice;
+
+// libcurl transfers to one server, run from Qt's event loop on the calling thread. Connect,
+// log-in and get are queued commands that run one after another; each ends with
+// commandFinished(id, error), and a failed one drops the commands queued behind it. One easy
+// handle is reused for all commands, so they share one connection (HTTP keep-alive, one FTP
+// log-in). Signals are only emitted from the event loop, never from inside a call.
+class CurlTransport : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Why the last command failed.
+    enum Error {
+        NoError,
+        TransferFailed, // broken connection, timeout, server error: worth repeating
+        RequestRefused, // the server refused the request for good (HTTP 4xx but 408 and 429)
+        BodyTooLong,    // more bytes arrived than the get expected
+    };
+
+    explicit CurlTransport(QObject *parent = nullptr);
+    ~CurlTransport() override;
+
+    // A URL with scheme http, https, socks5 or socks5h (port 3128 when none); anything else,
+    // an empty URL included, means a direct connection, whatever the environment says.
+    void setProxy(const QUrl &proxy);
+    // Trusts the certificates in this PEM file instead of the system store.
+    void setTrustedCaFile(const QString &path);
+    // A transfer that receives nothing for this long fails.
+    void setStallTimeout(int seconds);
+
+    // The server is reached: for HTTP a HEAD of the URL (its status is ignored); for FTP the
+    // greeting. An FTP log-in queued right behind is done on the same connection.
+    int connectToHost(const QUrl &server);
+    // For FTP the log-in itself (empty user: anonymous); for HTTP the credentials of later gets.
+    int login(const QString &user, const QString &password);
+    // Writes the body of path on the server into device. With expectedLength not negative, a
+    // body that grows beyond it is stopped at once (BodyTooLong), and one that ends short of it
+    // while the server announced no length counts as broken off.
+    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1);
+
+    // Drops the commands that have not started; the running one goes on.
+    void clearPendingCommands();
+    // Stops the running command and drops all others; no signal is emitted for them.
+    void abort();
+
+    Error error() const;
+    QString errorString() const;
+
+signals:
+    void commandFinished(int id, bool error);
+    // done bytes of the running get's body so far; total is 0 while the server has not told.
+    void dataTransferProgress(qint64 done, qint64 total);
+
+private:
+    class Private;
+    std::unique_ptr<Private> d;
+};

@@ -1,0 +1,291 @@
+#include "streams/singlefiledownloadstream.h"
+
+#include "streams/curltransport.h"
+#include "tasks/pathsafety.h"
+#include "update/checksums.h"
+
+#include <QFile>
+#include <QPointer>
+
+SingleFileDownloadStream::SingleFileDownloadStream(const QString &destDir)
+    : destDir(destDir)
+{
+    repeatTimer.setSingleShot(true);
+    finishTimer.setSingleShot(true);
+    // Not inside the transport's callback, yet without a fixed delay per file.
+    finishTimer.setInterval(0);
+    connect(&repeatTimer, &QTimer::timeout, this,
+            &SingleFileDownloadStream::onRepeatDownloadAttempt);
+    connect(&finishTimer, &QTimer::timeout, this, &SingleFileDownloadStream::emitFileFinished);
+}
+
+// A file that was not finished must not look like a finished one later.
+SingleFileDownloadStream::~SingleFileDownloadStream()
+{
+    discardFile();
+}
+
+DownloadStream_State SingleFileDownloadStream::getState() const
+{
+    return state;
+}
+
+void SingleFileDownloadStream::getFile(const QString &remotePath, const QString &md5,
+                                       long long size)
+{
+    checkGetFilePrerequisitions();
+    const QString request = prepareFile(remotePath, md5, size, true);
+    repeatPending = false;
+    repeatTimer.stop();
+    if (request.isEmpty() || !enterState(DownloadStream_Downloading))
+        return;
+    fileRequestId = createFileRequest(request, file.get());
+}
+
+QString SingleFileDownloadStream::getDestFilePath() const
+{
+    return localPath;
+}
+
+void SingleFileDownloadStream::getProgress(unsigned long long *done, unsigned long long *size) const
+{
+    if (done)
+        *done = this->done;
+    if (size)
+        *size = this->size;
+}
+
+void SingleFileDownloadStream::cancel()
+{
+    dropCurrentFile();
+    setState(DownloadStream_Idle);
+}
+
+void SingleFileDownloadStream::setRepeatTimeUnit(int milliseconds)
+{
+    repeatTimeUnit = milliseconds;
+}
+
+void SingleFileDownloadStream::setStallTimeout(int seconds)
+{
+    stallTimeout = seconds;
+}
+
+void SingleFileDownloadStream::setTrustedCaFile(const QString &path)
+{
+    trustedCaFile = path;
+}
+
+void SingleFileDownloadStream::onDataTransferProgress(qint64 done, qint64 total)
+{
+    this->done = done;
+    emit progressCount(done, total);
+}
+
+void SingleFileDownloadStream::emitFileFinished()
+{
+    emit fileFinished();
+}
+
+void SingleFileDownloadStream::onRepeatDownloadAttempt()
+{
+    // A cancel, or a new connection, may have come between the failure and this moment.
+    if (!repeatPending || state != DownloadStream_Downloading)
+        return;
+    checkGetFilePrerequisitions();
+    const QString request = prepareFile(remotePath, md5, size, false);
+    repeatPending = false;
+    if (request.isEmpty() || !enterState(DownloadStream_Downloading))
+        return;
+    const QPointer<SingleFileDownloadStream> alive(this);
+    emit message(tr("Download attempt %1").arg(attempt));
+    if (alive && state == DownloadStream_Downloading && file)
+        fileRequestId = createFileRequest(request, file.get());
+}
+
+bool SingleFileDownloadStream::internalInitDownloadParams(const QUrl &url, const QString &proxy,
+                                                          int retries, int timeout)
+{
+    this->url = url;
+    this->retries = retries;
+    this->timeout = timeout;
+    this->proxy.clear();
+    if (proxy.isEmpty())
+        return true;
+    const QUrl parsed(proxy);
+    if (!parsed.isValid())
+        return false;
+    this->proxy = parsed;
+    return true;
+}
+
+void SingleFileDownloadStream::setState(DownloadStream_State state)
+{
+    this->state = state;
+    emit stateChanged(state);
+}
+
+bool SingleFileDownloadStream::enterState(DownloadStream_State state)
+{
+    const QPointer<SingleFileDownloadStream> alive(this);
+    setState(state);
+    return alive && this->state == state;
+}
+
+bool SingleFileDownloadStream::finalCheckCurrentFile()
+{
+    const qint64 length = file->size();
+    file->close();
+    file.reset();
+
+    if (!md5.isEmpty()) {
+        if (length != size) {
+            QFile::remove(localPath);
+            if (enterState(DownloadStream_Connected)) {
+                emit fileError(
+                        DownloadStream_LengthError,
+                        QStringLiteral("ERROR: Wrong length of %1 (%2 while required %3)")
+                                .arg(localPath, QString::number(length), QString::number(size)));
+            }
+            return false;
+        }
+        if (getFileMD5Ex(localPath).compare(md5, Qt::CaseInsensitive) != 0) {
+            QFile::remove(localPath);
+            if (enterState(DownloadStream_Connected)) {
+                emit fileError(DownloadStream_ChecksumError,
+                               QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
+            }
+            return false;
+        }
+    }
+    // Started first, so that a cancel from a stateChanged() slot also stops it.
+    finishTimer.start();
+    setState(DownloadStream_Connected);
+    return true;
+}
+
+void SingleFileDownloadStream::handleConnectError(const QString &text)
+{
+    emit failedToConnect(text);
+}
+
+void SingleFileDownloadStream::handleFileRequestError(const QString &text, bool repeatable)
+{
+    discardFile();
+    ++attempt;
+    if (!repeatable || attempt > retries) {
+        if (enterState(DownloadStream_Connected))
+            emit fileError(DownloadStream_TransferError, QStringLiteral("ERROR: ") + text);
+        return;
+    }
+    // Scheduled before telling anyone, so that a cancel from the message's slot stops it.
+    repeatPending = true;
+    repeatTimer.start(qMax(0, timeout) * repeatTimeUnit);
+    emit message(tr("Download error. Timeout %1 seconds to repeat.").arg(timeout));
+}
+
+void SingleFileDownloadStream::dropCurrentFile()
+{
+    repeatTimer.stop();
+    finishTimer.stop();
+    repeatPending = false;
+    connectRequestId = -1;
+    loginRequestId = -1;
+    fileRequestId = -1;
+    discardFile();
+}
+
+CurlTransport *SingleFileDownloadStream::createTransport()
+{
+    auto *transport = new CurlTransport(this);
+    transport->setProxy(proxy);
+    if (stallTimeout > 0)
+        transport->setStallTimeout(stallTimeout);
+    if (!trustedCaFile.isEmpty())
+        transport->setTrustedCaFile(trustedCaFile);
+    return transport;
+}
+
+void SingleFileDownloadStream::releaseTransport(CurlTransport *&transport)
+{
+    if (!transport)
+        return;
+    transport->blockSignals(true);
+    transport->clearPendingCommands();
+    transport->abort();
+    transport->deleteLater();
+    transport = nullptr;
+}
+
+void SingleFileDownloadStream::handleFileRequestFinished(const CurlTransport &transport, bool error)
+{
+    if (!error) {
+        finalCheckCurrentFile();
+        return;
+    }
+    switch (transport.error()) {
+    case CurlTransport::BodyTooLong:
+        // The surplus bytes are in the file, so the length check reports them.
+        finalCheckCurrentFile();
+        break;
+    case CurlTransport::RequestRefused:
+        handleFileRequestError(transport.errorString(), false);
+        break;
+    default:
+        handleFileRequestError(transport.errorString());
+        break;
+    }
+}
+
+QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const QString &md5,
+                                              qint64 size, bool firstAttempt)
+{
+    if (firstAttempt) {
+        attempt = 1;
+        if (state != DownloadStream_Connected)
+            return {};
+    }
+    // A path that could lead out of the destination has no local path.
+    const QString path =
+            isSafeRelativePath(remotePath) ? destDir.absoluteFilePath(remotePath) : QString();
+    if (path.isEmpty()) {
+        emit fileError(DownloadStream_LocalFileError,
+                       QStringLiteral("ERROR: failed to detect local path for ") + remotePath);
+        return {};
+    }
+    this->remotePath = remotePath;
+    this->localPath = path;
+    this->md5 = md5;
+    this->size = size;
+    done = 0;
+
+    const qsizetype slash = localPath.lastIndexOf(QLatin1Char('/'));
+    if (slash >= 0) {
+        const QString directory = localPath.left(slash);
+        if (!QDir().mkpath(directory)) {
+            emit fileError(DownloadStream_LocalFileError,
+                           QStringLiteral("ERROR: failed creating subdirectory: ") + directory);
+            return {};
+        }
+    }
+    file = std::make_unique<QFile>(localPath);
+    if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        file.reset();
+        emit fileError(DownloadStream_LocalFileError,
+                       QStringLiteral("ERROR: failed creating %1").arg(localPath));
+        return {};
+    }
+    QString request = url.path();
+    if (!request.endsWith(QLatin1Char('/')))
+        request += QLatin1Char('/');
+    return request + this->remotePath;
+}
+
+void SingleFileDownloadStream::discardFile()
+{
+    if (!file)
+        return;
+    file->close();
+    file.reset();
+    QFile::remove(localPath);
+}

@@ -1,0 +1,108 @@
+#pragma once
+
+#include "streams/downloadstreamtypes.h"
+
+#include <QDir>
+#include <QObject>
+#include <QString>
+#include <QTimer>
+#include <QUrl>
+
+#include <memory>
+
+class CurlTransport;
+class QFile;
+
+// One connection to one mirror over which files are fetched one at a time into destDir, with
+// repeated attempts after a wait and a final length and checksum check. Owns the open local file
+// (the variants own their transport). fileFinished() is posted to the event loop, never emitted
+// from inside the transport; after cancel() no further signal but stateChanged(Idle) comes.
+class SingleFileDownloadStream : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit SingleFileDownloadStream(const QString &destDir);
+    ~SingleFileDownloadStream() override;
+
+    virtual int kind() const = 0;
+    virtual DownloadStream_State getState() const;
+    virtual void initiateConnection(const QUrl &url, const QString &proxy, int retries,
+                                    int timeout) = 0;
+    virtual void getFile(const QString &remotePath, const QString &md5, long long size);
+    virtual QString getDestFilePath() const;
+    virtual void getProgress(unsigned long long *done, unsigned long long *size) const;
+    virtual void cancel();
+    virtual void checkGetFilePrerequisitions() = 0;
+    virtual int createFileRequest(QString path, QFile *file) = 0;
+
+    // For tests only; the product keeps the defaults (a second, 60 s, the system's CAs).
+    void setRepeatTimeUnit(int milliseconds);
+    void setStallTimeout(int seconds);
+    void setTrustedCaFile(const QString &path);
+
+signals:
+    void stateChanged(DownloadStream_State state);
+    void message(const QString &text);
+    void failedToConnect(const QString &text);
+    void connected();
+    void disconnected();
+    void progressCount(qint64 done, qint64 total);
+    void fileFinished();
+    void fileError(DownloadStream_Error error, const QString &text);
+
+public slots:
+    void onDataTransferProgress(qint64 done, qint64 total);
+    void emitFileFinished();
+    void onRepeatDownloadAttempt();
+
+protected:
+    bool internalInitDownloadParams(const QUrl &url, const QString &proxy, int retries,
+                                    int timeout);
+    void setState(DownloadStream_State state);
+    // setState() that tells whether the stream is still there and in that state afterwards:
+    // a slot may have deleted or cancelled it.
+    bool enterState(DownloadStream_State state);
+    bool finalCheckCurrentFile();
+    void handleConnectError(const QString &text);
+    // With repeatable false the file is given up at once, without waiting.
+    void handleFileRequestError(const QString &text, bool repeatable = true);
+
+    // Stops whatever was under way for the current file and deletes its local file, so that a
+    // new connection starts clean.
+    void dropCurrentFile();
+    // A transport with the proxy and the test settings applied, owned by this stream.
+    CurlTransport *createTransport();
+    // Silences, stops and discards a transport, so that nothing more comes from it.
+    static void releaseTransport(CurlTransport *&transport);
+    void handleFileRequestFinished(const CurlTransport &transport, bool error);
+
+    DownloadStream_State state = DownloadStream_Idle;
+    QDir destDir;
+    QUrl url;
+    int retries = 5;
+    int timeout = 30;
+    QUrl proxy;
+    QString remotePath;
+    QString localPath;
+    std::unique_ptr<QFile> file;
+    QString md5;
+    qint64 size = 0;
+    qint64 done = 0;
+    int connectRequestId = -1;
+    int loginRequestId = -1;
+    int fileRequestId = -1;
+    int attempt = 0;
+    bool repeatPending = false;
+
+private:
+    QString prepareFile(const QString &remotePath, const QString &md5, qint64 size,
+                        bool firstAttempt);
+    void discardFile();
+
+    QTimer repeatTimer;
+    QTimer finishTimer;
+    int repeatTimeUnit = 1000;
+    int stallTimeout = 0;
+    QString trustedCaFile;
+};
