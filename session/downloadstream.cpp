@@ -1,0 +1,53 @@
+#include "session/downloadstream.h"
+
+#include "streams/adjustdownloadstream.h"
+#include "streams/singlefiledownloadstream.h"
+
+#include <QMetaObject>
+#include <QUrl>
+
+DownloadStream::DownloadStream(int index, const QString &tempDirectory, const QString &proxy)
+    : DownloadStreamIdentifiedSignals(index)
+    , tempDirectory(tempDirectory)
+    , proxy(proxy)
+{}
+
+DownloadStream::~DownloadStream()
+{
+    // Whatever the object still says while it goes down is meant for nobody.
+    if (stream)
+        disconnect(stream, nullptr, this, nullptr);
+    delete stream;
+}
+
+bool DownloadStream::adjustStream(const QUrl &url)
+{
+    if (!adjustDownloadStream(&stream, url, tempDirectory))
+        return false;
+    relayStreamSignals();
+    return true;
+}
+
+void DownloadStream::postFailedToConnect(const QString &text)
+{
+    QMetaObject::invokeMethod(
+            this, [this, text] { onFailedToConnect(text); }, Qt::QueuedConnection);
+}
+
+void DownloadStream::relayStreamSignals()
+{
+    // The object may be the one connected before (its kind fitted the new mirror too): unique
+    // connections keep every signal arriving once. Queued, so that a handler of the session may
+    // cancel or replace the object that spoke.
+    const auto type = Qt::ConnectionType(Qt::QueuedConnection | Qt::UniqueConnection);
+    using Stream = SingleFileDownloadStream;
+    using Relay = DownloadStreamIdentifiedSignals;
+    connect(stream, &Stream::stateChanged, this, &Relay::onStateChanged, type);
+    connect(stream, &Stream::message, this, &Relay::onMessage, type);
+    connect(stream, &Stream::failedToConnect, this, &Relay::onFailedToConnect, type);
+    connect(stream, &Stream::connected, this, &Relay::onConnected, type);
+    connect(stream, &Stream::disconnected, this, &Relay::onDisconnected, type);
+    connect(stream, &Stream::progressCount, this, &Relay::onProgressCount, type);
+    connect(stream, &Stream::fileFinished, this, &Relay::onFileFinished, type);
+    connect(stream, &Stream::fileError, this, &Relay::onFileError, type);
+}

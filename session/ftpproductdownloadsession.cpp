@@ -1,0 +1,457 @@
+#include "session/ftpproductdownloadsession.h"
+
+#include "app/apppaths.h"
+#include "app/randomgenerator.h"
+#include "session/downloadstream.h"
+#include "streams/singlefiledownloadstream.h"
+#include "update/checksums.h"
+
+#include <QFile>
+#include <QSettings>
+#include <QTimer>
+#include <QUrl>
+
+#include <limits>
+
+namespace {
+
+// An unsigned key taken as a signed int: a number that is negative, or too large for an int,
+// comes out negative, so that the caller falls back to its default; text that is no number
+// reads as 0; a missing key gives the default.
+int readUnsignedAsInt(const QSettings &settings, const QString &key, int defaultValue)
+{
+    const QVariant value = settings.value(key);
+    if (!value.isValid())
+        return defaultValue;
+    bool ok = false;
+    const qlonglong number = value.toLongLong(&ok);
+    if (!ok)
+        return 0;
+    if (number < 0 || number > std::numeric_limits<int>::max())
+        return -1;
+    return int(number);
+}
+
+} // namespace
+
+FTPProductDownloadSession::FTPProductDownloadSession()
+    : appDirectory(getAppRootPath())
+{}
+
+// The streams are the last member, so they go first: each record disconnects and deletes its
+// object, which tears its transport down, and signals still queued for the record are dropped
+// with it. Nothing of theirs can reach the session afterwards.
+FTPProductDownloadSession::~FTPProductDownloadSession() = default;
+
+bool FTPProductDownloadSession::initialize(const InitialParameters &p)
+{
+    parameters = p;
+    streamCount = p.defaultStreams;
+    readMirrors();
+    readUpdateSettings();
+    return !mirrors.isEmpty();
+}
+
+void FTPProductDownloadSession::readMirrors()
+{
+    QSettings settings(parameters.mirrorsFile, QSettings::IniFormat);
+    mirrors.clear();
+    const int size = settings.beginReadArray("mirrors");
+    for (int i = 0; i < size; ++i) {
+        settings.setArrayIndex(i);
+        MarkedSiteData mirror;
+        mirror.name = settings.value("mirror").toString();
+        mirrors.append(mirror);
+    }
+    settings.endArray();
+
+    for (MarkedSiteData &mirror : mirrors) {
+        settings.beginGroup(mirror.name);
+        mirror.url = settings.value("url").toString();
+        if (!mirror.url.endsWith('/'))
+            mirror.url += '/';
+        mirror.url += parameters.versionPath;
+        mirror.retries = readUnsignedAsInt(settings, "retries", 5);
+        if (mirror.retries <= 0)
+            mirror.retries = 5;
+        // Unlike the retries, a timeout of 0 is a valid choice: repeat at once.
+        mirror.timeout = readUnsignedAsInt(settings, "timeout", 15);
+        if (mirror.timeout < 0)
+            mirror.timeout = 15;
+        settings.endGroup();
+    }
+}
+
+void FTPProductDownloadSession::readUpdateSettings()
+{
+    if (parameters.updateDataFile.isEmpty())
+        return;
+    QSettings settings(parameters.updateDataFile, QSettings::IniFormat);
+    settings.beginGroup("update");
+    proxy = settings.value("proxy").toString();
+    streamCount = settings.value("streams", parameters.defaultStreams).toInt();
+    if (streamCount <= 0)
+        streamCount = 1;
+    settings.endGroup();
+}
+
+void FTPProductDownloadSession::startUpdate()
+{
+    arrangeStreams();
+    state = SessionStarting;
+    if (mirrors.isEmpty()) {
+        emit message(
+                QString("No mirror is listed in %1, can't continue.").arg(parameters.mirrorsFile));
+        // Reported from the event loop: the owner may delete the session on this signal, and it
+        // is still inside the call that started the run.
+        QTimer::singleShot(0, this, &FTPProductDownloadSession::processCancelled);
+        return;
+    }
+    connectStreamToMirror(0, 0);
+}
+
+void FTPProductDownloadSession::arrangeStreams()
+{
+    const int n = qMax(streamCount, 1);
+    streams.reserve(n);
+    for (int i = 0; i < n; ++i)
+        createDownloadStream();
+}
+
+DownloadStream *FTPProductDownloadSession::createDownloadStream()
+{
+    auto record =
+            std::make_unique<DownloadStream>(int(streams.size()), parameters.tempDirectory, proxy);
+    DownloadStream *relay = record.get();
+    using Self = FTPProductDownloadSession;
+    connect(relay, &DownloadStream::stateChanged, this, &Self::onStateChanged);
+    connect(relay, &DownloadStream::message, this, &Self::onStreamMessage);
+    connect(relay, &DownloadStream::failedToConnect, this, &Self::onFailedToConnect);
+    connect(relay, &DownloadStream::connected, this, &Self::onConnected);
+    connect(relay, &DownloadStream::disconnected, this, &Self::onDisconnected);
+    connect(relay, &DownloadStream::progressCount, this, &Self::onProgressCount);
+    connect(relay, &DownloadStream::fileFinished, this, &Self::onFileFinished);
+    connect(relay, &DownloadStream::fileError, this, &Self::onFileError);
+    streams.push_back(std::move(record));
+    return relay;
+}
+
+void FTPProductDownloadSession::connectStreamToMirror(int s, int m)
+{
+    DownloadStream *record = streams[s].get();
+    const MarkedSiteData &mirror = mirrors.at(m);
+    const QUrl url(mirror.url);
+    record->mirrorIndex = m;
+    record->fileIndex = -1;
+    if (!record->adjustStream(url)) {
+        // Handled like a mirror that cannot be reached, from the event loop, so that moving on
+        // to the next mirror never recurses through here.
+        if (record->stream)
+            record->stream->cancel();
+        record->postFailedToConnect(QString("Unsupported mirror URL %1").arg(mirror.url));
+        return;
+    }
+    record->stream->initiateConnection(url, record->proxy, mirror.retries, mirror.timeout);
+}
+
+int FTPProductDownloadSession::getNextMirror(int)
+{
+    const int n = mirrors.size();
+    if (n == 0)
+        return -1;
+    const int start = randomNumber() % n;
+    for (int k = 0; k < n; ++k) {
+        const int m = (start + k) % n;
+        if (!mirrors.at(m).failed)
+            return m;
+    }
+    return -1;
+}
+
+int FTPProductDownloadSession::getNextFileIndex()
+{
+    const unsigned int marks =
+            FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
+    for (int i = task.readyBound + 1; i < task.getSize(); ++i) {
+        const unsigned int flags = task.getFlags(i);
+        if ((flags & marks) == 0) {
+            task.setFlags(i, flags | FileSpecification::Pending);
+            return i;
+        }
+    }
+    return -1;
+}
+
+bool FTPProductDownloadSession::assignNextFile(int s)
+{
+    DownloadStream *record = streams[s].get();
+    const int i = getNextFileIndex();
+    if (i < 0) {
+        emit message(QString("Stream %1 shutting down").arg(s));
+        if (record->stream)
+            record->stream->cancel();
+        record->mirrorIndex = -1;
+        record->fileIndex = -1;
+        return false;
+    }
+    QString directory;
+    QString name;
+    QString md5;
+    quint64 size = 0;
+    if (!task.get(i, &directory, &name, &md5, &size)) {
+        emit message("Fatal internal error");
+        return false;
+    }
+    record->fileIndex = i;
+    record->stream->getFile(directory + "/" + name, md5, qint64(size));
+    return true;
+}
+
+void FTPProductDownloadSession::changeStreamMirror(int s)
+{
+    DownloadStream *record = streams[s].get();
+    // A stream that was shut down may still report; it has no mirror to blame.
+    if (record->mirrorIndex >= 0)
+        mirrors[record->mirrorIndex].failed = true;
+    record->mirrorIndex = -1;
+    if (record->fileIndex >= 0)
+        task.resetPendingMark(record->fileIndex);
+    record->fileIndex = -1;
+
+    const int m = getNextMirror(s);
+    if (m >= 0) {
+        if (record->stream)
+            record->stream->cancel();
+        emit message(QString("Stream %1 change mirror to %2").arg(s).arg(m));
+        connectStreamToMirror(s, m);
+        emit streamSwitchMirror(s);
+        return;
+    }
+    emit message(QString("Stream %1 can't continue - all mirrors reported error").arg(s));
+    if (!hasStreamWithMirror())
+        emit processCancelled();
+}
+
+bool FTPProductDownloadSession::hasStreamWithMirror() const
+{
+    for (const auto &record : streams) {
+        if (record->mirrorIndex >= 0)
+            return true;
+    }
+    return false;
+}
+
+void FTPProductDownloadSession::onStateChanged(int, DownloadStream_State) {}
+
+void FTPProductDownloadSession::onStreamMessage(int s, const QString &text)
+{
+    emit message(tr("Stream %1: %2").arg(QString::number(s), text));
+}
+
+void FTPProductDownloadSession::onFailedToConnect(int s, const QString &text)
+{
+    emit message(tr("Stream %1 got error %2").arg(QString::number(s), text));
+    changeStreamMirror(s);
+}
+
+void FTPProductDownloadSession::onConnected(int s)
+{
+    emit message(QString("Stream %1 connected").arg(s));
+    DownloadStream *record = streams[s].get();
+    if (state == SessionDownloading) {
+        if (record->stream && record->stream->getState() == DownloadStream_Connected)
+            assignNextFile(s);
+        return;
+    }
+    if (state == SessionStarting && s == 0) {
+        // Without a list path this never succeeds, so the list is always fetched afresh.
+        if (parameters.resumeSession && checkAllFiles(true, QString())) {
+            state = SessionDownloading;
+            startDownloadBySessionState();
+            return;
+        }
+        retrieveSessionState();
+    }
+}
+
+void FTPProductDownloadSession::onDisconnected(int s)
+{
+    DownloadStream *record = streams[s].get();
+    if (record->mirrorIndex < 0)
+        return;
+    const int m = getNextMirror(s);
+    if (m < 0) {
+        if (record->stream)
+            record->stream->cancel();
+        return;
+    }
+    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(mirrors.at(m).url));
+    connectStreamToMirror(s, m);
+}
+
+void FTPProductDownloadSession::onProgressCount(int, qint64, qint64)
+{
+    quint64 sum = 0;
+    for (const auto &record : streams) {
+        if (record->fileIndex < 0 || !record->stream)
+            continue;
+        unsigned long long done = 0;
+        record->stream->getProgress(&done, nullptr);
+        sum += done;
+    }
+    // Files an earlier run left complete count as well as those verified in this one.
+    emit progressCount(sum + task.downloadedSize, task.totalSize);
+}
+
+void FTPProductDownloadSession::onFileFinished(int s)
+{
+    DownloadStream *record = streams[s].get();
+    if (state == SessionDownloading) {
+        // A stream that has given its file back has nothing to report finished.
+        if (record->fileIndex < 0)
+            return;
+        task.markReady(record->fileIndex);
+        // Downloaded, not ready: files an earlier run left complete are never fetched again.
+        if (task.downloadedCount < task.getSize()) {
+            QString name;
+            task.get(record->fileIndex, nullptr, &name, nullptr, nullptr);
+            emit message(QString("Stream %1, %2 OK").arg(s).arg(name));
+            assignNextFile(s);
+            return;
+        }
+        emit message("Download finished.");
+        emit downloadFinished();
+        return;
+    }
+    if (state == SessionRetrievingList && s == 0) {
+        emit message("Download file list retrieved.");
+        state = SessionDownloading;
+        if (checkAllFiles(parameters.resumeSession, record->stream->getDestFilePath())) {
+            startDownloadBySessionState();
+            return;
+        }
+        emit message("Can't continue.");
+        emit downloadFinished();
+    }
+}
+
+void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, const QString &text)
+{
+    if (state == SessionRetrievingList)
+        state = SessionStarting;
+    // A local file error is no fault of the mirror; moving on would not help.
+    if (error == DownloadStream_ChecksumError || error == DownloadStream_LengthError
+        || error == DownloadStream_TransferError) {
+        emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), text));
+        changeStreamMirror(s);
+    }
+}
+
+void FTPProductDownloadSession::retrieveSessionState()
+{
+    state = SessionRetrievingList;
+    DownloadStream *record = streams[0].get();
+    record->fileIndex = -1;
+    record->stream->getFile(parameters.productListName + ".ini", QString(), 0);
+}
+
+bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
+{
+    if (listPath.isEmpty())
+        return false;
+    // A product list that lists nothing is as unusable as one that cannot be read.
+    task = TaskState();
+    if (!task.initializeByProductIni(listPath) || task.getSize() == 0) {
+        emit message(tr("Unable to initialize session with %1.").arg(listPath));
+        return false;
+    }
+    emit progressCount(0, task.totalSize);
+    task.resetMarks();
+    quint64 done = 0;
+    for (int i = 0; i < task.getSize(); ++i) {
+        FileSpecification file;
+        task.get(i, &file);
+        if (isInstalled(file)) {
+            task.markReady(i);
+            emit message(QString("File %1 up to date").arg(getInstalledFilePath(file)));
+        } else if (isDownloaded(file)) {
+            task.markDownloaded(i);
+        } else {
+            task.markNoFile(i, false);
+            QFile::remove(getTempFilePath(file));
+            continue;
+        }
+        done += file.size;
+        emit progressCount(done, task.totalSize);
+    }
+    task.updateCompletionInfo();
+    emit message(QString("Verification of %1 file(s) complete. Ready: %2, Downloaded: %3.")
+                         .arg(task.getSize())
+                         .arg(task.readyCount)
+                         .arg(task.downloadedCount - task.readyCount));
+    return true;
+}
+
+bool FTPProductDownloadSession::isInstalled(const FileSpecification &file) const
+{
+    const QString path = getInstalledFilePath(file);
+    if (!QFile::exists(path))
+        return false;
+    const QString md5 = getFileMD5Ex(path);
+    return !md5.isEmpty() && md5 == (file.unpackedName.isEmpty() ? file.md5 : file.unpackedMd5);
+}
+
+// Every file is looked for right in the installation root, whatever directory lists it.
+QString FTPProductDownloadSession::getInstalledFilePath(const FileSpecification &file) const
+{
+    return appDirectory.absoluteFilePath(file.unpackedName.isEmpty() ? file.name
+                                                                     : file.unpackedName);
+}
+
+bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) const
+{
+    QFile temp(getTempFilePath(file));
+    if (!temp.exists() || !temp.open(QIODevice::ReadOnly) || quint64(temp.size()) != file.size)
+        return false;
+    const QString md5 = getFileMD5Ex(temp);
+    return !md5.isEmpty() && md5 == file.md5;
+}
+
+QString FTPProductDownloadSession::getTempFilePath(const FileSpecification &file) const
+{
+    return parameters.tempDirectory + "/" + file.directory + "/" + file.name;
+}
+
+void FTPProductDownloadSession::startDownloadBySessionState()
+{
+    if (task.downloadedCount == task.getSize()) {
+        emit message("Download finished.");
+        emit downloadFinished();
+        return;
+    }
+    emit progressCount(task.downloadedSize, task.totalSize);
+    int m = 0;
+    for (const auto &record : streams) {
+        if (record->mirrorIndex >= 0)
+            continue;
+        connectStreamToMirror(record->index, m);
+        m = (m + 1) % mirrors.size();
+    }
+    for (int k = 0; k < int(streams.size()); ++k) {
+        const SingleFileDownloadStream *stream = streams[k]->stream;
+        if (stream && stream->getState() == DownloadStream_Connected)
+            assignNextFile(k);
+    }
+}
+
+bool FTPProductDownloadSession::createInitialFileList(const QString &path)
+{
+    task = TaskState();
+    task.initializeByProductIni(path);
+    return task.getSize() > 0;
+}
+
+QString getFTPDirectory(const QString &name, const QString &directory)
+{
+    return directory + "/" + name;
+}
