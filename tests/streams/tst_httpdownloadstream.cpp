@@ -194,6 +194,8 @@ void tst_HTTPDownloadStream::serverFaults_data()
             << retried + lastRetry + QStringList{"state 2", "fileError 4"} << "503";
     QTest::newRow("connection cut mid-body")
             << "f.bin" << QStringList{"cut:5000"} << retried + finished << QString();
+    QTest::newRow("body without length ends short")
+            << "k.bin" << QStringList{"short:5000"} << retried + finished << QString();
     QTest::newRow("stall mid-body")
             << "g.bin" << QStringList{"stall:5000"} << retried + finished << QString();
     QTest::newRow("endless body") << "h.bin" << QStringList{"endless"}

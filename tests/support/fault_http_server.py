@@ -3,7 +3,8 @@
 usage: fault_http_server.py LOG ROOT SCRIPT
 Serves files below ROOT. SCRIPT is a JSON file {path: [behaviour, ...]} read on every request;
 each request of a scripted path takes the next behaviour not yet used, then the path is served
-normally. Behaviours: ok, status:N, cut:N, stall:N, endless, corrupt, long:N.
+normally. Behaviours: ok, status:N, cut:N, short:N, stall:N, endless, corrupt, long:N.
+Paths are matched and served percent-decoded.
 Logs "<client port> <method> <path> <behaviour>" per request.
 Prints "ready <port>" once listening on an ephemeral port of 127.0.0.1.
 """
@@ -13,6 +14,7 @@ import sys
 import threading
 import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from urllib.parse import unquote
 
 LOG, ROOT, SCRIPT = sys.argv[1], sys.argv[2], sys.argv[3]
 used = {}
@@ -45,7 +47,7 @@ class Handler(BaseHTTPRequestHandler):
             f.write(f"{self.client_address[1]} {self.command} {self.path} {behaviour}\n")
 
     def body_of(self):
-        local = os.path.normpath(os.path.join(ROOT, self.path.lstrip("/")))
+        local = os.path.normpath(os.path.join(ROOT, unquote(self.path).lstrip("/")))
         if not local.startswith(os.path.normpath(ROOT)) or not os.path.isfile(local):
             return None
         with open(local, "rb") as f:
@@ -65,7 +67,7 @@ class Handler(BaseHTTPRequestHandler):
         self.handle_request(head=False)
 
     def handle_request(self, head):
-        behaviour = next_behaviour(self.path)
+        behaviour = next_behaviour(unquote(self.path))
         self.log(behaviour)
         kind, _, arg = behaviour.partition(":")
         body = self.body_of()
@@ -98,6 +100,14 @@ class Handler(BaseHTTPRequestHandler):
             self.send_head(200, len(body))
             self.wfile.write(body[: int(arg)])
             self.wfile.flush()
+            self.close_connection = True
+        elif kind == "short":
+            # No length announced: only the closing connection ends the body.
+            self.send_response(200)
+            self.send_header("Content-Type", "application/octet-stream")
+            self.send_header("Connection", "close")
+            self.end_headers()
+            self.wfile.write(body[: int(arg)])
             self.close_connection = True
         elif kind == "stall":
             self.send_head(200, len(body))

@@ -50,11 +50,12 @@ public:
     bool isRunning() const;
     void stop();
 
-    // Fault server only: the next requests of path (e.g. "/3/a.bin") behave as listed, one entry
-    // per request, then the path is served normally again. Behaviours:
+    // Fault server only: the next requests of path (decoded, e.g. "/3/a b.bin") behave as
+    // listed, one entry per request, then the path is served normally again. Behaviours:
     //   "ok"          serve the file
     //   "status:N"    reply with status N and a short body
     //   "cut:N"       announce the full length, send N bytes, close the connection
+    //   "short:N"     announce no length, send N bytes, close the connection
     //   "stall:N"     send headers and N bytes, then send nothing more (connection kept open)
     //   "endless"     send bytes without end (no length announced)
     //   "corrupt"     the file's length with every byte inverted
