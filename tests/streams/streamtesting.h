@@ -3,9 +3,9 @@
 #include "streams/singlefiledownloadstream.h"
 #include "streams/transportlibrary.h"
 #include "tests/support/loopbackserver.h"
+#include "tests/support/testfiles.h"
 
 #include <QCoreApplication>
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -89,33 +89,6 @@ private:
             onSignal(line);
     }
 };
-
-inline QString md5Of(const QByteArray &data)
-{
-    return QString::fromLatin1(QCryptographicHash::hash(data, QCryptographicHash::Md5).toHex());
-}
-
-inline bool writeTestFile(const QString &path, const QByteArray &data)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(data) == data.size();
-}
-
-inline QByteArray readTestFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// Bytes that differ from file to file and position to position.
-inline QByteArray patternBytes(int size, int seed)
-{
-    QByteArray data(size, Qt::Uninitialized);
-    for (int i = 0; i < size; ++i)
-        data[i] = char((i * 31 + seed * 17 + i / 251) & 0xff);
-    return data;
-}
 
 // Connects and waits for the outcome; true when the stream reports connected().
 inline bool connectAndWait(SingleFileDownloadStream &stream, StreamEvents &events,
