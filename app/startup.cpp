@@ -8,6 +8,7 @@
 #include "app/runningfiles.h"
 #include "session/ftpproductdownloadsessionstate.h"
 #include "streams/downloadstreamtypes.h"
+#include "streams/transportlibrary.h"
 #include "ui/mainwindow.h"
 
 #include <QApplication>
@@ -74,7 +75,8 @@ int runUpdater(int argc, char **argv)
     QTranslator toolkitTranslator;
     installTranslators(&programTranslator, &toolkitTranslator);
 
-    // The transport library's process-wide initialisation belongs here, before any transfer.
+    // Process-wide, before any transfer; it outlives the window.
+    const TransportLibrary transportLibrary;
 
     const std::unique_ptr<MainWindow> window = startMainWindow(QCoreApplication::arguments());
     if (!window)

@@ -1,22 +1,58 @@
 #include "ui/mainwindow.h"
 
 #include "app/apppaths.h"
+#include "app/messageboxes.h"
+#include "session/ftpproductdownloadsession.h"
+#include "ui/workingdirectory.h"
+#include "update/cleanup.h"
+#include "update/directoryupdate.h"
 
+#include <QCloseEvent>
+#include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSettings>
+#include <QTimerEvent>
 
 #include <cstdio>
+#include <optional>
+#include <utility>
 
 namespace {
 
 const QString makerWebAddress = QStringLiteral("https://www.orlivo.com/");
 const QString updateDataFileName = QStringLiteral("update.ini");
+const QString mirrorsFileName = QStringLiteral("mirrors.ini");
 const QString currentGroup = QStringLiteral("current");
+constexpr int speedTickMs = 1000;
+constexpr int sessionStreams = 4;
 
 QString updateDataPath(const QString &dir)
 {
     return QDir(dir).absoluteFilePath(updateDataFileName);
+}
+
+QString appFilePath(const QString &name)
+{
+    return QDir(getAppRootPath()).absoluteFilePath(name);
+}
+
+QString sessionFilePath(const QString &version)
+{
+    return appFilePath(QStringLiteral("session_") + version + QStringLiteral(".ini"));
+}
+
+// Removes the emptied dir from its parent: whether that worked, or nothing when dir has no
+// parent to go to.
+std::optional<bool> removeFromParent(const QString &dir)
+{
+    QDir parent(dir);
+    const QString name = parent.dirName();
+    if (!parent.cdUp())
+        return std::nullopt;
+    return parent.rmdir(name);
 }
 
 } // namespace
@@ -70,7 +106,127 @@ void MainWindow::cleanupCurrentUpdateDataIniFile()
     settings.remove(currentGroup);
 }
 
-void MainWindow::on_startButton_clicked() {}
+void MainWindow::on_startButton_clicked()
+{
+    if (updateDone) {
+        // Nobody waits for the client; whether it started is its own business.
+        QProcess::startDetached(QCoreApplication::applicationDirPath() + QLatin1Char('/')
+                                        + getClientBinaryName(),
+                                {});
+        close();
+        return;
+    }
+    if (!QFile::exists(appFilePath(mirrorsFileName))) {
+        showMessageBox(this, QMessageBox::Critical, tr("Error"),
+                       tr("%1 is missing, cannot proceed.").arg(mirrorsFileName));
+        return;
+    }
+
+    QString version;
+    QString workingDir;
+    takeUpEarlierSession(&version, &workingDir);
+    if (session)
+        return;
+
+    const bool resume = !workingDir.isEmpty();
+    if (!resume) {
+        const QString tempPath = QDir::tempPath();
+        if (!tempPath.isEmpty())
+            workingDir = createWorkingDirectory(tempPath);
+        if (workingDir.isEmpty()) {
+            showMessageBox(this, QMessageBox::Warning, tr("Error"),
+                           tr("Unable to get temp directory."));
+            return;
+        }
+    }
+
+    createSession();
+    elapsedSeconds = 0;
+    speedTimerId = startTimer(speedTickMs);
+    ui.startButton->setEnabled(false);
+
+    if (version.isEmpty())
+        version = QString::number(clientVersion);
+    const InitialParameters parameters = sessionParameters(version, workingDir, resume);
+    // Recorded before the first byte arrives, so that an interruption at any point is resumed.
+    modifyUpdateData(version, workingDir);
+    tempDir = workingDir;
+    // A session without mirrors reports that itself, through its signals.
+    session->initialize(parameters);
+    session->startUpdate();
+}
+
+InitialParameters MainWindow::sessionParameters(const QString &version, const QString &workingDir,
+                                                bool resume) const
+{
+    InitialParameters parameters;
+    parameters.productListName = clientType;
+    parameters.versionPath = version;
+    parameters.mirrorsFile = appFilePath(mirrorsFileName);
+    parameters.updateDataFile = appFilePath(updateDataFileName);
+    parameters.tempDirectory = workingDir;
+    parameters.resumeSession = resume;
+    parameters.defaultStreams = sessionStreams;
+    parameters.sessionFile = sessionFilePath(version);
+    parameters.reservedFlag = false;
+    return parameters;
+}
+
+void MainWindow::takeUpEarlierSession(QString *version, QString *dir)
+{
+    QString storedVersion;
+    QString storedType;
+    QString storedDir;
+    // A recorded directory that is a link or somebody else's is nothing this program made.
+    if (!getExistingUpdateData(QString(), &storedVersion, &storedType, &storedDir)
+        || !isOwnRealDirectory(storedDir)) {
+        return;
+    }
+    clientType = storedType;
+    if (storedVersion == QString::number(clientVersion)) {
+        onAppendText(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
+        *version = storedVersion;
+        *dir = storedDir;
+        return;
+    }
+    removeStaleSession(storedVersion, storedDir);
+}
+
+void MainWindow::removeStaleSession(const QString &version, const QString &dir)
+{
+    onAppendText(QStringLiteral("Cleanup previous session (v. %1, %2) files...").arg(version, dir));
+    cleanupDirectory(dir);
+    QFile::remove(sessionFilePath(version));
+    if (const std::optional<bool> removed = removeFromParent(dir)) {
+        onAppendText(*removed ? QStringLiteral("Ok")
+                              : QStringLiteral("Failed to remove directory"));
+    }
+    cleanupCurrentUpdateDataIniFile();
+}
+
+void MainWindow::createSession()
+{
+    session = new FTPProductDownloadSession;
+    using Session = FTPProductDownloadSession;
+    connect(session, &Session::downloadInitiated, this, &MainWindow::onDownloadInitiated);
+    connect(session, &Session::progressCount, this, &MainWindow::onProgressCount);
+    connect(session, &Session::streamStarted, this, &MainWindow::onStreamStarted);
+    connect(session, &Session::streamSwitchMirror, this, &MainWindow::onStreamSwitchMirror);
+    connect(session, &Session::streamError, this, &MainWindow::onStreamError);
+    connect(session, &Session::streamFinished, this, &MainWindow::onStreamFinished);
+    connect(session, &Session::streamProgress, this, &MainWindow::onStreamProgress);
+    connect(session, &Session::processCancelled, this, &MainWindow::onProcessCancelled);
+    connect(session, &Session::downloadFinished, this, &MainWindow::onUpdateFinished);
+    connect(session, &Session::message, this, &MainWindow::onAppendText);
+}
+
+void MainWindow::stopSpeedTimer()
+{
+    if (speedTimerId == 0)
+        return;
+    killTimer(speedTimerId);
+    speedTimerId = 0;
+}
 
 void MainWindow::onAppendText(const QString &text)
 {
@@ -79,15 +235,85 @@ void MainWindow::onAppendText(const QString &text)
     std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
 }
 
-void MainWindow::onUpdateFinished() {}
+void MainWindow::onUpdateFinished()
+{
+    stopSpeedTimer();
+    // The session emitted its last signal to get here and touches nothing after it.
+    delete std::exchange(session, nullptr);
+    if (copyTemporaryOnly())
+        removeTemporaryOnly();
+    updateDone = true;
+    ui.startButton->setText(tr("Start Orlivo"));
+    ui.startButton->setEnabled(true);
+    if (options.runMode == 2)
+        close();
+}
 
-void MainWindow::onProgressUpdate(quint64, quint64) {}
+bool MainWindow::copyTemporaryOnly()
+{
+    onAppendText(QStringLiteral("Copy updated files..."));
+    DirectoryUpdate update;
+    connect(&update, &DirectoryUpdate::message, this, &MainWindow::onAppendText);
+    connect(&update, &DirectoryUpdate::progress, this, &MainWindow::onProgressUpdate);
+    onProgressUpdate(0, 1);
+    // Whatever failed has been logged by the update itself; the run is finished all the same.
+    update.updateContent(options.runMode == 2, tempDir,
+                         tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"),
+                         getAppRootPath());
+    onAppendText(QStringLiteral("Updated files copied"));
+    return true;
+}
 
-void MainWindow::onDownloadInitiated() {}
+void MainWindow::removeTemporaryOnly()
+{
+    onAppendText(QStringLiteral("Remove temporary files..."));
+    cleanupCurrentUpdateFiles();
+    onAppendText(QStringLiteral("Temporary files removed."));
+    onAppendText(QStringLiteral("Update finished, version: %1").arg(clientVersion));
+}
 
-void MainWindow::onProgressCount(quint64, quint64) {}
+void MainWindow::cleanupCurrentUpdateFiles()
+{
+    QString version;
+    QString dir;
+    if (!getExistingUpdateData(QString(), &version, nullptr, &dir))
+        return;
+    // Emptied only when it is still the private directory the run made, never through a link.
+    if (isOwnRealDirectory(dir)) {
+        cleanupDirectory(dir);
+        removeFromParent(dir);
+    }
+    QFile::remove(sessionFilePath(version));
+    cleanupCurrentUpdateDataIniFile();
+}
 
-void MainWindow::onStreamStarted(int) {}
+void MainWindow::onProgressUpdate(quint64 current, quint64 total)
+{
+    // The bar counts in units of 100 bytes, so that large downloads fit its int range.
+    const int maximum = int(float(total) / 100.0);
+    if (maximum != ui.totalProgressBar->maximum())
+        ui.totalProgressBar->setMaximum(maximum);
+    ui.totalProgressBar->setValue(int(float(current) / 100.0));
+    ui.totalSizeLabel->setText(tr("%1 KB").arg(current / 1000));
+    ui.totalTotalSizeLabel->setText(tr("%1 KB").arg(total / 1000));
+    totalKB = total / 1000;
+    downloadedKB = current / 1000;
+}
+
+void MainWindow::onDownloadInitiated()
+{
+    onAppendText(QStringLiteral("Download started\n"));
+}
+
+void MainWindow::onProgressCount(quint64 current, quint64 total)
+{
+    onProgressUpdate(current, total);
+}
+
+void MainWindow::onStreamStarted(int stream)
+{
+    onAppendText(QStringLiteral("Download stream %1 started").arg(stream));
+}
 
 // Per-stream details reach the user through the session's messages only.
 void MainWindow::onStreamSwitchMirror(int) {}
@@ -98,4 +324,53 @@ void MainWindow::onStreamFinished() {}
 
 void MainWindow::onStreamProgress(int, qulonglong, qulonglong) {}
 
-void MainWindow::onProcessCancelled() {}
+void MainWindow::onProcessCancelled()
+{
+    stopSpeedTimer();
+    updateDone = false;
+    ui.startButton->setText(tr("Restart"));
+    ui.startButton->setEnabled(true);
+    // The session emitted its last signal to get here and touches nothing after it.
+    delete std::exchange(session, nullptr);
+    onAppendText(QStringLiteral("Download cancelled"));
+
+    QProgressBar *bar = ui.totalProgressBar;
+    if (bar->maximum() == 0 && bar->value() == 0) {
+        bar->setMaximum(1);
+        bar->setValue(0);
+    }
+    // Nobody would answer the box; the program ends as soon as it has been dealt with.
+    if (options.runMode == 2)
+        QCoreApplication::exit(2);
+    showMessageBox(this, QMessageBox::Critical, tr("Update"),
+                   tr("Download cancelled. Push \"Details\" to check reasons."));
+    bar->setMaximum(1);
+    bar->setValue(0);
+}
+
+void MainWindow::closeEvent(QCloseEvent *event)
+{
+    if (!session) {
+        event->accept();
+        return;
+    }
+    const QMessageBox::StandardButton answer =
+            showMessageBox(this, QMessageBox::Question, tr("Question"),
+                           tr("<p>Update in progress.</p><p>Are you sure you want to abort?</p>"),
+                           QMessageBox::Yes | QMessageBox::No);
+    if (answer == QMessageBox::Yes)
+        event->accept();
+    else
+        event->ignore();
+}
+
+void MainWindow::timerEvent(QTimerEvent *event)
+{
+    if (event->timerId() != speedTimerId) {
+        QWidget::timerEvent(event);
+        return;
+    }
+    ++elapsedSeconds;
+    ui.downloadSpeedLabel->setText(QString::number(qint64(downloadedKB) / qint64(elapsedSeconds))
+                                   + tr(" KB/s"));
+}

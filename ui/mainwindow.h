@@ -1,12 +1,15 @@
 #pragma once
 
 #include "app/commandlineoptions.h"
+#include "session/initialparameters.h"
 #include "ui_mainwindow.h"
 
 #include <QString>
 #include <QWidget>
 
 class FTPProductDownloadSession;
+class QCloseEvent;
+class QTimerEvent;
 
 // The program's one window and the controller of one update run; it owns the running session
 // and keeps the record of an unfinished run in update.ini.
@@ -40,7 +43,28 @@ public slots:
     void onStreamProgress(int stream, qulonglong done, qulonglong total);
     void onProcessCancelled();
 
+protected:
+    // Asks before the window goes while a download runs; the run's files stay for a resume.
+    void closeEvent(QCloseEvent *event) override;
+    // The speed tick: the average rate since the run started.
+    void timerEvent(QTimerEvent *event) override;
+
 private:
+    // The first steps of a press: an earlier run of the same version is taken up again, one of
+    // another version cleaned away. Returns the remembered version and directory, or empties.
+    void takeUpEarlierSession(QString *version, QString *dir);
+    void removeStaleSession(const QString &version, const QString &dir);
+    void createSession();
+    InitialParameters sessionParameters(const QString &version, const QString &workingDir,
+                                        bool resume) const;
+    void stopSpeedTimer();
+
+    // Installs the downloaded files; true even when some of them failed (the log tells).
+    bool copyTemporaryOnly();
+    void removeTemporaryOnly();
+    // Removes the run's working directory, its session file and its record in update.ini.
+    void cleanupCurrentUpdateFiles();
+
     Ui_MainWindow ui;
     CommandLineOptions options;
     QString clientType;

@@ -1,0 +1,475 @@
+#include "tests/support/loopbackserver.h"
+#include "tests/support/testfiles.h"
+
+#include <QDirIterator>
+#include <QRegularExpression>
+#include <QTcpServer>
+#include <QRandomGenerator>
+#include <QtTest>
+
+#include <sys/stat.h>
+
+// The real updater, copied into an installation of the previous release, updates it from mirrors
+// that update-publish made and real servers on loopback serve. Unattended runs go offscreen; the
+// run started without arguments waits for a key press on a virtual X display.
+class TestUpdateRun : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void update_data();
+    void update();
+    void interruptedRunResumes();
+    void everyMirrorDead();
+
+private:
+    void writeMirrors(const QStringList &kinds);
+    void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false);
+    bool runUnattended(QByteArray *log, int *exitCode);
+    void runInWindow(const QString &xvfb, const QString &xdotool, QByteArray *log, int *exitCode);
+    void verifyInstalled(bool oldUpdaterAside);
+
+    QTemporaryDir work;
+    QString previousRelease;
+    QString release;
+    QString mirrorRoot;
+    QStringList mirrorFiles; // "/12/<section>/<name>" of every file of the release
+    std::unique_ptr<LoopbackServer> http;
+    std::unique_ptr<LoopbackServer> ftp;
+    std::unique_ptr<LoopbackServer> versionServer;
+    std::unique_ptr<LoopbackServer> fault;
+    QString deadPort;
+
+    std::unique_ptr<QTemporaryDir> installation;
+    std::unique_ptr<QTemporaryDir> tempDir;
+    std::unique_ptr<QProcess> display;
+    QString displayName;
+};
+
+namespace {
+
+// Bytes that gzip cannot shrink, the same on every run.
+QByteArray noiseBytes(int size, quint32 seed)
+{
+    QRandomGenerator generator(seed);
+    QByteArray bytes(size, Qt::Uninitialized);
+    for (char &c : bytes)
+        c = char(generator.bounded(256));
+    return bytes;
+}
+
+// Lines of text, which gzip shrinks to a small share.
+QByteArray textBytes(int lines)
+{
+    QByteArray bytes;
+    for (int i = 0; i < lines; ++i)
+        bytes += "line " + QByteArray::number(i) + " of a release file\n";
+    return bytes;
+}
+
+const QString clientType = QStringLiteral("client_linux_amd64");
+const QString listPath = QStringLiteral("/12/client_linux_amd64.ini");
+constexpr int runTimeoutMs = 120000;
+
+QString path(const QString &dir, const QString &name)
+{
+    return dir + QLatin1Char('/') + name;
+}
+
+int modeBits(const QString &file)
+{
+    struct stat status = {};
+    return ::stat(QFile::encodeName(file).constData(), &status) == 0 ? int(status.st_mode & 07777)
+                                                                     : -1;
+}
+
+// Relative paths of the files below dir, sorted.
+QStringList filesBelow(const QString &dir)
+{
+    QStringList files;
+    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext())
+        files << QDir(dir).relativeFilePath(it.next());
+    files.sort();
+    return files;
+}
+
+void copyTree(const QString &from, const QString &to)
+{
+    for (const QString &name : filesBelow(from)) {
+        QVERIFY(writeTestFile(path(to, name), readTestFile(path(from, name))));
+        QFile::setPermissions(path(to, name), QFile::permissions(path(from, name)));
+    }
+}
+
+void makeExecutable(const QString &file)
+{
+    QFile::setPermissions(file, QFile::permissions(file) | QFile::ExeOwner | QFile::ExeGroup
+                                        | QFile::ExeOther);
+}
+
+bool runTool(const QString &program, const QStringList &arguments, const QString &dir = {},
+             QByteArray *output = nullptr)
+{
+    QProcess process;
+    process.setWorkingDirectory(dir);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    const bool done = process.waitForFinished(runTimeoutMs);
+    const QByteArray out = process.readAll();
+    if (output)
+        *output = out;
+    if (!done || process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
+        qWarning("%s %s: %s", qPrintable(program), qPrintable(arguments.join(' ')),
+                 out.constData());
+        return false;
+    }
+    return true;
+}
+
+QStringList sorted(QStringList list)
+{
+    list.sort();
+    return list;
+}
+
+// The paths of the release files the server sent in full, request by request.
+QStringList fetched(const QStringList &faultLog, const QStringList &files)
+{
+    QStringList paths;
+    for (const QString &line : faultLog) {
+        const QStringList fields = line.split(QLatin1Char(' '));
+        if (fields.value(1) == QLatin1String("GET") && fields.value(3) == QLatin1String("ok")
+            && (files.contains(fields.value(2)) || fields.value(2) == listPath)) {
+            paths << fields.value(2);
+        }
+    }
+    return paths;
+}
+
+} // namespace
+
+void TestUpdateRun::initTestCase()
+{
+    QVERIFY(work.isValid());
+    // Version 11 as installed, and version 12 with a changed, a new and a packed file, one file
+    // fewer, and a new updater, which differs from the running one and so is renamed aside.
+    previousRelease = work.filePath(QStringLiteral("release-11"));
+    release = work.filePath(QStringLiteral("release-12"));
+    const QByteArray updater = readTestFile(QStringLiteral(UPDATE_BINARY));
+    QVERIFY(!updater.isEmpty());
+    QVERIFY(writeTestFile(path(previousRelease, QStringLiteral("update")), updater));
+    QVERIFY(writeTestFile(path(previousRelease, QStringLiteral("readme.txt")), "Orlivo 11\n"));
+    QVERIFY(writeTestFile(path(previousRelease, QStringLiteral("codec-old.dat")),
+                          noiseBytes(3000, 1)));
+    QVERIFY(writeTestFile(path(previousRelease, QStringLiteral("lib/libvoice.so")),
+                          noiseBytes(20000, 2)));
+    makeExecutable(path(previousRelease, QStringLiteral("update")));
+    QVERIFY(writeTestFile(path(release, QStringLiteral("update")),
+                          updater + "\nOrlivo update 12\n"));
+    QVERIFY(writeTestFile(path(release, QStringLiteral("readme.txt")), textBytes(500)));
+    QVERIFY(writeTestFile(path(release, QStringLiteral("lib/libvoice.so")), noiseBytes(30000, 3)));
+    QVERIFY(writeTestFile(path(release, QStringLiteral("sounds/ring tone.wav")),
+                          noiseBytes(9000, 4)));
+
+    // nginx and pyftpdlib report canonical paths.
+    mirrorRoot = QFileInfo(work.path()).canonicalFilePath() + QStringLiteral("/mirror");
+    QByteArray output;
+    QVERIFY(runTool(QStringLiteral(UPDATE_PUBLISH),
+                    {release, clientType, QStringLiteral("12"), mirrorRoot,
+                     QStringLiteral("--previous"), previousRelease},
+                    {}, &output));
+    QVERIFY2(output.contains("4 files (2 packed"), output.constData());
+    QVERIFY2(output.contains("1 to delete"), output.constData());
+    for (const QString &file : filesBelow(path(mirrorRoot, QStringLiteral("12")))) {
+        if (!file.endsWith(QLatin1String(".ini")))
+            mirrorFiles << QStringLiteral("/12/") + file;
+    }
+    QCOMPARE(mirrorFiles.size(), 4);
+
+    http = LoopbackServer::nginx(mirrorRoot);
+    ftp = LoopbackServer::ftp(mirrorRoot);
+    versionServer = LoopbackServer::versionServer("12,1,1");
+    QVERIFY(http && ftp && versionServer);
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    deadPort = QString::number(probe.serverPort());
+}
+
+void TestUpdateRun::init()
+{
+    installation = std::make_unique<QTemporaryDir>();
+    tempDir = std::make_unique<QTemporaryDir>();
+    QVERIFY(installation->isValid() && tempDir->isValid());
+    copyTree(previousRelease, installation->path());
+    QVERIFY(writeTestFile(installation->filePath(QStringLiteral("update.ini")),
+                          "[update]\nserver=127.0.0.1:" + QByteArray::number(versionServer->port())
+                                  + "\n"));
+}
+
+void TestUpdateRun::cleanup()
+{
+    fault.reset();
+    if (display) {
+        display->terminate();
+        display->waitForFinished();
+        display.reset();
+    }
+}
+
+// "http", "ftp", "fault", "dead http", "dead ftp"; written to mirrors.ini in this order.
+void TestUpdateRun::writeMirrors(const QStringList &kinds)
+{
+    QStringList urls;
+    for (const QString &kind : kinds) {
+        if (kind == QLatin1String("http"))
+            urls << http->url(QStringLiteral("http"), QStringLiteral("/"));
+        else if (kind == QLatin1String("ftp"))
+            urls << ftp->url(QStringLiteral("ftp"), QStringLiteral("/"));
+        else if (kind == QLatin1String("fault"))
+            urls << fault->url(QStringLiteral("http"), QStringLiteral("/"));
+        else
+            urls << kind.section(QLatin1Char(' '), 1) + QStringLiteral("://127.0.0.1:") + deadPort
+                            + QLatin1Char('/');
+    }
+    QByteArray ini = "[mirrors]\nsize=" + QByteArray::number(urls.size()) + "\n";
+    for (int i = 0; i < urls.size(); ++i)
+        ini += QByteArray::number(i + 1) + "\\mirror=m" + QByteArray::number(i) + "\n";
+    for (int i = 0; i < urls.size(); ++i)
+        ini += "[m" + QByteArray::number(i) + "]\nurl=" + urls.at(i).toUtf8()
+               + "\nretries=2\ntimeout=0\n";
+    QVERIFY(writeTestFile(installation->filePath(QStringLiteral("mirrors.ini")), ini));
+}
+
+void TestUpdateRun::startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("TMPDIR"), tempDir->path());
+    if (onDisplay) {
+        environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
+        environment.insert(QStringLiteral("DISPLAY"), displayName);
+    } else {
+        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    }
+    process->setProcessEnvironment(environment);
+    process->setWorkingDirectory(installation->path());
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->start(installation->filePath(QStringLiteral("update")), arguments);
+}
+
+bool TestUpdateRun::runUnattended(QByteArray *log, int *exitCode)
+{
+    QProcess process;
+    startUpdater(&process, {QStringLiteral("--nouser")});
+    const bool finished = process.waitForFinished(runTimeoutMs);
+    *log = process.readAll();
+    *exitCode = process.exitCode();
+    if (!finished)
+        process.kill();
+    return finished && process.exitStatus() == QProcess::NormalExit;
+}
+
+// The installation is the release byte for byte, executables 0755, the deleted file gone, and
+// the run has left no trace but the renamed old updater.
+void TestUpdateRun::verifyInstalled(bool oldUpdaterAside)
+{
+    const QString root = installation->path();
+    QStringList expected = filesBelow(release);
+    expected << QStringLiteral("mirrors.ini") << QStringLiteral("update.ini");
+    if (oldUpdaterAside)
+        expected << QStringLiteral("_old_update");
+    expected.sort();
+    QCOMPARE(filesBelow(root), expected);
+    for (const QString &name : filesBelow(release))
+        QVERIFY2(readTestFile(path(root, name)) == readTestFile(path(release, name)),
+                 qPrintable(name));
+    QCOMPARE(modeBits(path(root, QStringLiteral("update"))), 0755);
+    QCOMPARE(modeBits(path(root, QStringLiteral("lib/libvoice.so"))), 0755);
+    if (oldUpdaterAside)
+        QCOMPARE(readTestFile(path(root, QStringLiteral("_old_update"))),
+                 readTestFile(path(previousRelease, QStringLiteral("update"))));
+    QVERIFY(!readTestFile(path(root, QStringLiteral("update.ini"))).contains("[current]"));
+    QCOMPARE(QDir(tempDir->path()).entryList({QStringLiteral("orlivo_temp_*")}, QDir::AllEntries),
+             QStringList());
+}
+
+// Starts the updater without arguments on a virtual display and works it with the keyboard.
+void TestUpdateRun::runInWindow(const QString &xvfb, const QString &xdotool, QByteArray *log,
+                                int *exitCode)
+{
+    display = std::make_unique<QProcess>();
+    display->start(xvfb, {"-displayfd", "1", "-screen", "0", "800x600x24", "-nolisten", "tcp"});
+    QVERIFY(display->waitForReadyRead(30000));
+    displayName = QLatin1Char(':') + QString::fromLatin1(display->readLine().trimmed());
+
+    QProcess updater;
+    startUpdater(&updater, {}, true);
+    auto xdo = [&](const QStringList &arguments) {
+        QProcess tool;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("DISPLAY"), displayName);
+        tool.setProcessEnvironment(environment);
+        tool.start(xdotool, arguments);
+        return tool.waitForFinished(runTimeoutMs) && tool.exitCode() == 0;
+    };
+    // Nothing happens until the user presses "Start Update", which has the focus.
+    QVERIFY(xdo({"search", "--sync", "--onlyvisible", "--name", "^Orlivo Client Update$",
+                 "windowfocus", "--sync", "key", "space"}));
+    QTRY_VERIFY_WITH_TIMEOUT((*log += updater.readAll()).contains("Update finished, version: 12"),
+                             runTimeoutMs);
+    // The finished window's button starts the client and closes the window. It lost the focus
+    // to "Details" while it was disabled; Shift+Tab gives it back.
+    QVERIFY(xdo({"key", "shift+Tab", "space"}));
+    QVERIFY(updater.waitForFinished(runTimeoutMs));
+    *log += updater.readAll();
+    *exitCode = updater.exitCode();
+}
+
+void TestUpdateRun::update_data()
+{
+    QTest::addColumn<QStringList>("mirrors");
+    QTest::addColumn<bool>("onDisplay");
+    QTest::addColumn<bool>("staleRun");
+
+    QTest::newRow("--nouser over HTTP") << QStringList{"http", "ftp"} << false << false;
+    QTest::newRow("--nouser over FTP") << QStringList{"ftp"} << false << false;
+    QTest::newRow("no arguments, a key press in the window")
+            << QStringList{"http", "ftp"} << true << false;
+    QTest::newRow("a recorded run of another version is cleaned first")
+            << QStringList{"http"} << false << true;
+    QTest::newRow("mirror 0 dead") << QStringList{"dead http", "ftp"} << false << false;
+    QTest::newRow("mirror 0 corrupt") << QStringList{"fault", "http"} << false << false;
+}
+
+void TestUpdateRun::update()
+{
+    QFETCH(QStringList, mirrors);
+    QFETCH(bool, onDisplay);
+    QFETCH(bool, staleRun);
+    if (mirrors.contains(QStringLiteral("fault"))) {
+        fault = LoopbackServer::faultHttp(mirrorRoot);
+        QVERIFY(fault);
+        for (const QString &file : std::as_const(mirrorFiles))
+            fault->setFaults(file, QStringList(8, QStringLiteral("corrupt")));
+    }
+    writeMirrors(mirrors);
+    const QString staleDir = path(tempDir->path(), QStringLiteral("orlivo_temp_0"));
+    if (staleRun) {
+        QVERIFY(writeTestFile(path(staleDir, QStringLiteral("client_linux_amd64/update")),
+                              "old part"));
+        QVERIFY(writeTestFile(installation->filePath(QStringLiteral("session_11.ini")), "[s]\n"));
+        QFile data(installation->filePath(QStringLiteral("update.ini")));
+        QVERIFY(data.open(QIODevice::Append));
+        data.write("[current]\nversion=11\ntype=client_linux_amd64\ndir=" + staleDir.toUtf8()
+                   + "\n");
+    }
+
+    QByteArray log;
+    int exitCode = -1;
+    if (onDisplay) {
+        const QString xvfb = QStandardPaths::findExecutable(QStringLiteral("Xvfb"));
+        const QString xdotool = QStandardPaths::findExecutable(QStringLiteral("xdotool"));
+        if (xvfb.isEmpty() || xdotool.isEmpty())
+            QSKIP("needs Xvfb and xdotool");
+        runInWindow(xvfb, xdotool, &log, &exitCode);
+        if (QTest::currentTestFailed())
+            return;
+    } else {
+        QVERIFY(runUnattended(&log, &exitCode));
+    }
+
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Update finished, version: 12"), log.constData());
+    if (staleRun) {
+        QVERIFY2(log.contains("Cleanup previous session (v. 11, " + staleDir.toUtf8()
+                              + ") files...\nOk\n"),
+                 log.constData());
+        QVERIFY(!QFile::exists(installation->filePath(QStringLiteral("session_11.ini"))));
+    }
+    if (fault) {
+        QVERIFY2(log.contains("reported error"), log.constData());
+        // The list came from mirror 0, every file from the other mirror.
+        QCOMPARE(fetched(fault->logLines(), mirrorFiles), QStringList{listPath});
+    }
+    verifyInstalled(true);
+
+    // The next start clears the old updater away and finds everything up to date.
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 4, Downloaded: 0."),
+             log.constData());
+    verifyInstalled(false);
+}
+
+void TestUpdateRun::interruptedRunResumes()
+{
+    fault = LoopbackServer::faultHttp(mirrorRoot);
+    QVERIFY(fault);
+    const QString stalled =
+            *std::find_if(mirrorFiles.begin(), mirrorFiles.end(), [](const QString &file) {
+                return file.endsWith(QLatin1String("libvoice.so"));
+            });
+    fault->setFaults(stalled, {QStringLiteral("stall:1000")});
+    writeMirrors({QStringLiteral("fault")});
+
+    QProcess first;
+    startUpdater(&first, {QStringLiteral("--nouser")});
+    QByteArray log;
+    // Every other file arrives while the one stalls; then the updater is killed.
+    static const QRegularExpression fileOk(QStringLiteral("^Stream \\d+, .* OK$"),
+                                           QRegularExpression::MultilineOption);
+    QTRY_COMPARE_WITH_TIMEOUT(QString::fromLocal8Bit(log += first.readAll()).count(fileOk),
+                              mirrorFiles.size() - 1, runTimeoutMs);
+    QTRY_VERIFY(fault->logLines().join('\n').contains(stalled + QStringLiteral(" stall:1000")));
+    first.kill();
+    QVERIFY(first.waitForFinished());
+    const QStringList firstRequests = fault->logLines();
+    QStringList delivered = mirrorFiles;
+    delivered.removeOne(stalled);
+    delivered << listPath;
+    delivered.sort();
+    QCOMPARE(sorted(fetched(firstRequests, mirrorFiles)), delivered);
+    const QString workingDir = path(tempDir->path(), QStringLiteral("orlivo_temp_0"));
+    QVERIFY(readTestFile(installation->filePath(QStringLiteral("update.ini")))
+                    .contains("dir=" + workingDir.toUtf8()));
+
+    int exitCode = -1;
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Previous update session for v. 12 found\n"), log.constData());
+    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 3."),
+             log.constData());
+    QVERIFY(!QFileInfo::exists(path(tempDir->path(), QStringLiteral("orlivo_temp_1"))));
+    // Only the list and the file that never arrived are fetched again.
+    QCOMPARE(fetched(fault->logLines().mid(firstRequests.size()), mirrorFiles),
+             (QStringList{listPath, stalled}));
+    verifyInstalled(true);
+}
+
+void TestUpdateRun::everyMirrorDead()
+{
+    writeMirrors({QStringLiteral("dead http"), QStringLiteral("dead ftp")});
+
+    QByteArray log;
+    int exitCode = -1;
+    QVERIFY(runUnattended(&log, &exitCode));
+
+    QVERIFY2(exitCode == 2, log.constData());
+    QVERIFY2(log.contains("can't continue - all mirrors reported error\nDownload cancelled\n"),
+             log.constData());
+    // Nothing installed, and the run stays recorded for a later start to resume.
+    QStringList expected = filesBelow(previousRelease);
+    expected << QStringLiteral("mirrors.ini") << QStringLiteral("update.ini");
+    expected.sort();
+    QCOMPARE(filesBelow(installation->path()), expected);
+    const QSettings data(installation->filePath(QStringLiteral("update.ini")),
+                         QSettings::IniFormat);
+    QCOMPARE(data.value(QStringLiteral("current/version")).toString(), QStringLiteral("12"));
+    QVERIFY(QFileInfo(path(tempDir->path(), QStringLiteral("orlivo_temp_0"))).isDir());
+}
+
+QTEST_GUILESS_MAIN(TestUpdateRun)
+#include "tst_updaterun.moc"
