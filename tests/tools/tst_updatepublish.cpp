@@ -1,11 +1,52 @@
-#include "releasefixture.h"
+#include "tasks/taskspecification.h"
+#include "tests/support/testfiles.h"
+#include "tools/mirrorchecker.h"
+#include "tools/releasepublisher.h"
+#include "update/directoryupdate.h"
 
 #include <QDirIterator>
 #include <QProcess>
+#include <QRegularExpression>
+#include <QSet>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+Q_DECLARE_METATYPE(ReleasePublisher::Packing)
+
 namespace {
+
+using Tree = QMap<QString, QByteArray>;
+
+const QString clientType = QStringLiteral("client_linux_amd64");
+const QByteArray gzipMagic("\x1f\x8b", 2);
+const QByteArray packable = QByteArray("a line that packs well\n").repeated(300);
+
+const Tree oldRelease = {{"orlivo", "old client"},
+                         {"gone dir/x y.txt", "3"},
+                         {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
+                         // Turns into a directory: the file must go before the directory comes.
+                         {"plugins", "5"}};
+
+// Every shape of file the layout must carry: nested, packable and not, empty, awkward names,
+// section names and mirror names that collide, raw content that begins like gzip data, and
+// content that shrinks, but by fewer bytes than "auto" asks for ("orlivo").
+const Tree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
+                         {"empty", QByteArray()},
+                         {"notes.txt", packable},
+                         {"notes.txt.gz", gzipMagic + "packed by its vendor"},
+                         {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
+                         {".config/.hidden", "x"},
+                         {"lib/libfoo.so.1", packable},
+                         {"lib/sub/magic", gzipMagic + "raw"},
+                         {"x.y/f", "one"},
+                         {"x/y/f", "two"},
+                         {"X/y/f", "three"},
+                         {"plugins/p.so", "plugin"}};
 
 struct Run
 {
@@ -27,15 +68,37 @@ Run runTool(const QStringList &arguments)
     return run;
 }
 
-// Lists and their temporary forms anywhere below root.
-QStringList listsBelow(const QString &root)
+// The entries below root by relative path, with the bytes of the regular files.
+Tree treeBelow(const QString &root, QDir::Filters filters)
 {
-    QStringList found;
-    QDirIterator it(root, {"*.ini*", ".*.ini*"}, QDir::Files | QDir::Hidden,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext())
-        found.append(it.next());
-    return found;
+    Tree entries;
+    QDirIterator it(root, filters | QDir::Hidden, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        entries.insert(QDir(root).relativeFilePath(path),
+                       it.fileInfo().isFile() ? readTestFile(path) : QByteArray());
+    }
+    return entries;
+}
+
+// Installs the list's version into install with the updater's own code.
+void installAndCompare(const QString &list, const QString &install, const Tree &expected)
+{
+    DirectoryUpdate update;
+    QVERIFY(update.updateContent(true, QFileInfo(list).path(), list, install));
+    const Tree installed = treeBelow(install, QDir::Files);
+    QCOMPARE(installed.keys(), expected.keys());
+    for (auto it = expected.cbegin(); it != expected.cend(); ++it)
+        QVERIFY2(installed.value(it.key()) == it.value(), qPrintable(it.key()));
+}
+
+// Replaces one field of a listed value, as a hand-edited or stale list would carry it.
+void editList(const QString &list, const QString &key, int field, const QString &text)
+{
+    QSettings settings(list, QSettings::IniFormat);
+    QStringList fields = settings.value(key).toString().split("::");
+    fields[field] = text;
+    settings.setValue(key, fields.join("::"));
 }
 
 } // namespace
@@ -45,118 +108,242 @@ class tst_UpdatePublish : public QObject
     Q_OBJECT
 
 private slots:
-    void publishes();
-    void help();
+    void roundTrip_data();
+    void roundTrip();
+    void publishCheckAndRepair();
     void errors_data();
     void errors();
 };
 
-void tst_UpdatePublish::publishes()
+void tst_UpdatePublish::roundTrip_data()
 {
-    QTemporaryDir dir;
-    writeTestFile(dir.filePath("release/orlivo"), "client");
-    writeTestFile(dir.filePath("release/lib/libfoo.so"), textBytes(200));
-    const Run run = runTool({"--pack", "all", dir.filePath("release"), "client_linux_amd64", "7",
-                             dir.filePath("mirror")});
-    QCOMPARE(run.exitCode, 0);
-    QVERIFY(run.err.isEmpty());
-    QCOMPARE(run.out.size(), 1);
-    QVERIFY2(run.out.first().startsWith(dir.filePath("mirror/7/client_linux_amd64.ini")
-                                        + ": 2 files (2 packed"),
-             qPrintable(run.out.first()));
-    QCOMPARE(listsBelow(dir.filePath("mirror")),
-             QStringList{dir.filePath("mirror/7/client_linux_amd64.ini")});
+    QTest::addColumn<ReleasePublisher::Packing>("packing");
+    QTest::addColumn<bool>("previousAsList");
+    QTest::addColumn<QStringList>("packed");
+    QTest::addColumn<QStringList>("twoFields");
+
+    QTest::newRow("pack none, previous release directory")
+            << ReleasePublisher::Packing::None << false << QStringList{"lib/sub/magic"}
+            << QStringList{"empty", "notes.txt", "notes.txt.gz", "orlivo"};
+    QTest::newRow("pack auto, previous product list")
+            << ReleasePublisher::Packing::Auto << true
+            << QStringList{"lib/libfoo.so.1", "lib/sub/magic", "notes.txt"}
+            << QStringList{"empty", "notes.txt.gz", "orlivo"};
+    QTest::newRow("pack all, previous product list")
+            << ReleasePublisher::Packing::All << true << newRelease.keys() << QStringList();
 }
 
-void tst_UpdatePublish::help()
+void tst_UpdatePublish::roundTrip()
 {
-    const Run run = runTool({"--help"});
+    QFETCH(ReleasePublisher::Packing, packing);
+    QFETCH(bool, previousAsList);
+    QFETCH(QStringList, packed);
+    QFETCH(QStringList, twoFields);
+
+    QTemporaryDir dir;
+    for (auto it = oldRelease.cbegin(); it != oldRelease.cend(); ++it)
+        QVERIFY(writeTestFile(dir.filePath("old/" + it.key()), it.value()));
+    for (auto it = newRelease.cbegin(); it != newRelease.cend(); ++it)
+        QVERIFY(writeTestFile(dir.filePath("new/" + it.key()), it.value()));
+    ReleasePublisher old(dir.filePath("old"), clientType, "11", dir.filePath("mirror"));
+    old.setPacking(packing);
+    QVERIFY2(old.publish(), qPrintable(old.errors().join('\n')));
+    installAndCompare(old.listPath(), dir.filePath("install"), oldRelease);
+    if (QTest::currentTestFailed())
+        return;
+
+    ReleasePublisher publisher(dir.filePath("new"), clientType, "12", dir.filePath("mirror"));
+    publisher.setPacking(packing);
+    publisher.setPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
+    QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
+    QCOMPARE(publisher.deletedPaths(),
+             QStringList({"gone dir/x y.txt", QString::fromUtf8("gone dir/ünï=;.txt"), "plugins"}));
+    MirrorChecker checker(publisher.listPath());
+    QVERIFY2(checker.check(), qPrintable(checker.problems().join('\n')));
+
+    // Names any server on any file system serves as they are, distinct regardless of case.
+    static const QRegularExpression mirrorName("^[A-Za-z0-9_-][A-Za-z0-9._-]*$");
+    TaskSpecification task;
+    QVERIFY(task.initializeByProductIni(publisher.listPath()));
+    QSet<QString> mirrorPaths;
+    QStringList packedFound;
+    QStringList twoFieldsFound;
+    for (const FileSpecification &entry : std::as_const(task.files)) {
+        for (const QString &name : {entry.directory, entry.name})
+            QVERIFY2(mirrorName.match(name).hasMatch(), qPrintable(name));
+        mirrorPaths.insert((entry.directory + '/' + entry.name).toLower());
+        if (entry.unpackedName.isEmpty())
+            twoFieldsFound.append(entry.name);
+        else if (entry.md5 != entry.unpackedMd5)
+            packedFound.append(entry.unpackedName);
+    }
+    QCOMPARE(mirrorPaths.size(), newRelease.size());
+    packedFound.sort();
+    twoFieldsFound.sort();
+    QCOMPARE(packedFound, packed);
+    QCOMPARE(twoFieldsFound, twoFields);
+
+    installAndCompare(publisher.listPath(), dir.filePath("install"), newRelease);
+}
+
+void tst_UpdatePublish::publishCheckAndRepair()
+{
+    QTemporaryDir dir;
+    const QString release = dir.filePath("release");
+    QVERIFY(writeTestFile(release + "/orlivo", "client"));
+    QVERIFY(writeTestFile(release + "/lib/big.txt", packable));
+    QVERIFY(writeTestFile(release + "/doc/read me", "read me"));
+    const QStringList publish = {release, "client", "12", dir.filePath("mirror")};
+    const QString list = dir.filePath("mirror/12/client.ini");
+    const QString raw = dir.filePath("mirror/12/client/orlivo");
+    const QString packed = dir.filePath("mirror/12/client.lib/big.txt.gz");
+    const QString renamed = dir.filePath("mirror/12/client.doc/read_me");
+    const QString problem = "update-publish: " + list + ": ";
+
+    Run run = runTool(publish);
     QCOMPARE(run.exitCode, 0);
-    const QString text = run.out.join('\n');
-    QVERIFY(text.startsWith("Usage: "));
-    for (const char *option : {"--pack <mode>", "--previous <path>", "--force", "--check"})
-        QVERIFY2(text.contains(option), option);
+    QVERIFY(run.err.isEmpty());
+    const qint64 packedSize = QFileInfo(packed).size();
+    const qint64 mirrorBytes = QFileInfo(raw).size() + packedSize + QFileInfo(renamed).size();
+    QCOMPARE(run.out,
+             QStringList(QString("%1: 3 files (1 packed, %2 bytes on the mirror), 0 to delete")
+                                 .arg(list)
+                                 .arg(mirrorBytes)));
+    // The list is renamed into place, and nothing else is left beside the sections.
+    QCOMPARE(QDir(dir.filePath("mirror/12"))
+                     .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+             QStringList({"client", "client.doc", "client.ini", "client.lib"}));
+
+    QVERIFY(writeTestFile(raw, "Client"));
+    QVERIFY(QFile::resize(packed, 30));
+    QVERIFY(QFile::remove(renamed));
+    run = runTool({"--check", list});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(run.err, QStringList({problem + "client/orlivo: checksum " + md5Of("Client")
+                                           + ", listed " + md5Of("client"),
+                                   problem + "client.doc/read_me: missing",
+                                   problem + "client.lib/big.txt.gz: length 30, listed "
+                                           + QString::number(packedSize)}));
+
+    // Republishing over the damaged tree replaces whatever it finds in place.
+    QVERIFY(writeTestFile(release + "/orlivo", "client 2"));
+    QCOMPARE(runTool(QStringList("--force") + publish).exitCode, 0);
+    run = runTool({"--check", list});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(run.out, QStringList(list + ": 3 files correct"));
+
+    const QString upperCase = md5Of("client 2").toUpper();
+    editList(list, "client/orlivo", 0, upperCase);
+    editList(list, "client.doc/read_me", 3, "8");
+    editList(list, "client.lib/big.txt.gz", 2, QString(32, '0'));
+    run = runTool({"--check", list});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(run.err, QStringList({problem + "client/orlivo: checksum \"" + upperCase
+                                           + "\" is not 32 lower-case hexadecimal digits",
+                                   problem + "client.doc/read_me: unpacks to length 7, listed 8",
+                                   problem + "client.lib/big.txt.gz: unpacks to checksum "
+                                           + md5Of(packable) + ", listed " + QString(32, '0')}));
+
+    editList(list, "client.doc/read_me", 4, "../outside");
+    run = runTool({"--check", list});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(run.err,
+             QStringList(problem
+                         + "a value is not of the form md5::size or "
+                           "md5::size::unpackedMd5::unpackedSize::unpackedName, or an unpacked "
+                           "name is not a safe relative path"));
 }
 
 void tst_UpdatePublish::errors_data()
 {
-    QTest::addColumn<QString>("setup");
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("message");
+    QTest::addColumn<QStringList>("messages");
+    QTest::addColumn<QByteArray>("setup");
+    const auto row = [](const char *name, const QStringList &arguments, const QStringList &messages,
+                        const QByteArray &setup = QByteArray()) {
+        QTest::newRow(name) << arguments << messages << setup;
+    };
 
     const QString release = "%R/release";
     const QString root = "%R/mirror";
-    QTest::newRow("missing release") << "" << QStringList{"%R/none", "client", "12", root}
-                                     << "release directory %R/none does not exist";
-    QTest::newRow("release is a file")
-            << "file" << QStringList{"%R/file", "client", "12", root} << "is not a directory";
-    QTest::newRow("version with a letter") << "" << QStringList{release, "client", "12a", root}
-                                           << "version \"12a\" is not a decimal number";
-    QTest::newRow("version with a leading zero")
-            << "" << QStringList{release, "client", "012", root} << "is not a decimal number";
-    QTest::newRow("version too large") << "" << QStringList{release, "client", "99999999999", root}
-                                       << "is not a decimal number";
-    QTest::newRow("client type with a slash")
-            << "" << QStringList{release, "a/b", "12", root} << "client type \"a/b\" must";
-    QTest::newRow("client type with a dot")
-            << "" << QStringList{release, "a.b", "12", root} << "client type \"a.b\" must";
-    QTest::newRow("reserved client type")
-            << "" << QStringList{release, "Delete", "12", root} << "reserved";
-    QTest::newRow("output root is a file")
-            << "file" << QStringList{release, "client", "12", "%R/file"} << "is not a directory";
-    QTest::newRow("version directory blocked")
-            << "blocked" << QStringList{release, "client", "12", root}
-            << "cannot create directory %R/mirror/12/client";
-    QTest::newRow("output inside the release")
-            << "" << QStringList{release, "client", "12", "%R/release/out"} << "overlap";
-    QTest::newRow("name with a backslash")
-            << "backslash" << QStringList{release, "client", "12", root}
-            << "%R/release/lib/a\\b: cannot be published: its name holds a backslash";
-    QTest::newRow("already published") << "published" << QStringList{release, "client", "12", root}
-                                       << "exists already; use --force";
-    QTest::newRow("unknown packing")
-            << "" << QStringList{"--pack", "some", release, "client", "12", root} << "--pack";
-    QTest::newRow("missing previous release")
-            << "" << QStringList{"--previous", "%R/none", release, "client", "12", root}
-            << "previous release %R/none is neither";
-    QTest::newRow("too few arguments")
-            << "" << QStringList{release, "client"} << "expected RELEASE TYPE VERSION ROOT";
-    QTest::newRow("check without a list")
-            << "" << QStringList{"--check", "%R/mirror/12/client.ini"} << "cannot be read";
+    const QStringList publish = {release, "client", "12", root};
+    row("bad names and locations", {"%R/none", "a.b", "012", "%R/file"},
+        {"client type \"a.b\" must consist of letters, digits, '_' and '-'",
+         "version \"012\" is not a decimal number (digits only, no leading zeros)",
+         "release directory %R/none does not exist", "output root %R/file is not a directory"},
+        "file");
+    row("reserved type, version too large", {"%R/file", "Delete", "99999999999", root},
+        {"client type \"Delete\" is reserved in the product list",
+         "version \"99999999999\" is not a decimal number (digits only, no leading zeros)",
+         "release directory %R/file is not a directory"},
+        "file");
+    row("empty release", {"%R/empty", "client", "12", root},
+        {"release directory %R/empty holds no files"}, "empty");
+    row("version directory blocked", publish, {"cannot create directory %R/mirror/12/client.lib"},
+        "blocked");
+    row("output inside the release", {release, "client", "12", "%R/release/out"},
+        {"the output %R/release/out/12 and the release directory %R/release overlap"});
+    row("files the list cannot carry", publish,
+        {"%R/release/bad\uFFFD: name is not valid UTF-8", "%R/release/fifo: is not a regular file",
+         "%R/release/lib/link: is a symbolic link; put the file itself into the release",
+         "%R/release/a::b: cannot be published: its name holds \"::\", which separates the "
+         "fields of the list",
+         "%R/release/lib/a\\b: cannot be published: its name holds a backslash or a control "
+         "character"},
+        "inexpressible");
+    row("already published", publish,
+        {"%R/mirror/12/client.ini exists already; use --force to replace it"}, "published");
+    row("unknown packing", QStringList{"--pack", "some"} + publish,
+        {"--pack takes all, none or auto, not \"some\""});
+    row("missing previous release", QStringList{"--previous", "%R/none"} + publish,
+        {"previous release %R/none is neither a directory nor a readable product list"});
+    row("too few arguments", {release, "client"},
+        {"expected RELEASE TYPE VERSION ROOT, got 2 arguments (see --help)"});
+    row("check without a list", {"--check", "%R/mirror/12/client.ini"},
+        {"%R/mirror/12/client.ini: cannot be read"});
 }
 
 void tst_UpdatePublish::errors()
 {
-    QFETCH(QString, setup);
     QFETCH(QStringList, arguments);
-    QFETCH(QString, message);
+    QFETCH(QStringList, messages);
+    QFETCH(QByteArray, setup);
 
     QTemporaryDir dir;
-    writeTestFile(dir.filePath("release/orlivo"), "client");
-    writeTestFile(dir.filePath("release/lib/libfoo.so"), textBytes(200));
-    if (setup == "file")
-        writeTestFile(dir.filePath("file"), "not a directory");
-    else if (setup == "blocked")
-        writeTestFile(dir.filePath("mirror/12"), "in the way");
-    else if (setup == "backslash")
-        writeTestFile(dir.filePath("release/lib/a\\b"), "");
-    else if (setup == "published")
-        QCOMPARE(
-                runTool({dir.filePath("release"), "client", "12", dir.filePath("mirror")}).exitCode,
-                0);
-    const QStringList listsBefore = listsBelow(dir.path());
-    const QByteArray listBefore = readTestFile(dir.filePath("mirror/12/client.ini"));
+    // The canonical form, because the overlap is reported between resolved paths.
+    const QString base = QFileInfo(dir.path()).canonicalFilePath();
+    const QString release = base + "/release";
+    QVERIFY(writeTestFile(release + "/orlivo", "client"));
+    QVERIFY(writeTestFile(release + "/lib/libfoo.so", "library"));
+    const QByteArray undecodable = QFile::encodeName(release) + "/bad\xff";
+    if (setup == "file") {
+        QVERIFY(writeTestFile(base + "/file", "not a directory"));
+    } else if (setup == "empty") {
+        QVERIFY(QDir().mkpath(base + "/empty"));
+    } else if (setup == "blocked") {
+        QVERIFY(writeTestFile(base + "/mirror/12", "in the way"));
+    } else if (setup == "published") {
+        QCOMPARE(runTool({release, "client", "12", base + "/mirror"}).exitCode, 0);
+    } else if (setup == "inexpressible") {
+        QVERIFY(writeTestFile(release + "/lib/a\\b", ""));
+        QVERIFY(writeTestFile(release + "/a::b", ""));
+        QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
+        QCOMPARE(symlink("../orlivo", QFile::encodeName(release + "/lib/link").constData()), 0);
+        QCOMPARE(mkfifo(QFile::encodeName(release + "/fifo").constData(), 0600), 0);
+    }
+    const Tree before = treeBelow(base, QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
 
-    arguments.replaceInStrings("%R", dir.path());
-    const Run run = runTool(arguments);
+    const Run run = runTool(arguments.replaceInStrings("%R", base));
+    const Tree after = treeBelow(base, QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
+    // QTemporaryDir cannot remove a name that does not decode.
+    unlink(undecodable.constData());
     QCOMPARE(run.exitCode, 1);
     QVERIFY(run.out.isEmpty());
-    QCOMPARE(run.err.size(), 1);
-    QVERIFY2(run.err.first().startsWith("update-publish: "), qPrintable(run.err.first()));
-    QVERIFY2(run.err.first().contains(message.replace("%R", dir.path())),
-             qPrintable(run.err.first()));
-    QCOMPARE(listsBelow(dir.path()), listsBefore);
-    QCOMPARE(readTestFile(dir.filePath("mirror/12/client.ini")), listBefore);
+    for (QString &line : messages)
+        line = "update-publish: " + line.replace("%R", base);
+    QCOMPARE(run.err, messages);
+    QCOMPARE(after.keys(), before.keys());
+    QVERIFY(after == before);
 }
 
 QTEST_GUILESS_MAIN(tst_UpdatePublish)
