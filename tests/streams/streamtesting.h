@@ -5,57 +5,37 @@
 #include "tests/support/loopbackserver.h"
 #include "tests/support/testfiles.h"
 
-#include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QStringList>
+#include <QTcpServer>
 #include <QTest>
 
 #include <functional>
 
-// QTEST_GUILESS_MAIN with libcurl initialised around the whole run, as main() does.
-#define ORLIVO_STREAMS_TEST_MAIN(TestObject)                                                       \
-    int main(int argc, char *argv[])                                                               \
-    {                                                                                              \
-        TransportLibrary transportLibrary;                                                         \
-        QCoreApplication app(argc, argv);                                                          \
-        qRegisterMetaType<DownloadStream_State>("DownloadStream_State");                           \
-        qRegisterMetaType<DownloadStream_Error>("DownloadStream_Error");                           \
-        TestObject test;                                                                           \
-        QTEST_SET_MAIN_SOURCE_PATH                                                                 \
-        return QTest::qExec(&test, argc, argv);                                                    \
-    }
-
 // Records what a stream says, in order, as short lines: "state 3", "message <text>",
-// "failedToConnect", "connected", "fileFinished", "fileError 4". Progress is not listed.
+// "failedToConnect", "connected", "fileFinished", "fileError 4". Progress only sets lastDone.
 class StreamEvents
 {
 public:
     explicit StreamEvents(SingleFileDownloadStream *stream)
     {
-        using Stream = SingleFileDownloadStream;
-        QObject::connect(stream, &Stream::stateChanged, &context, [this](DownloadStream_State s) {
-            record(QStringLiteral("state %1").arg(int(s)));
+        using S = SingleFileDownloadStream;
+        QObject::connect(stream, &S::stateChanged, &context, [this](DownloadStream_State state) {
+            record(QStringLiteral("state %1").arg(int(state)));
         });
-        QObject::connect(stream, &Stream::message, &context,
+        QObject::connect(stream, &S::message, &context,
                          [this](const QString &text) { record("message " + text); });
-        QObject::connect(stream, &Stream::failedToConnect, &context, [this](const QString &text) {
-            lastText = text;
-            record(QStringLiteral("failedToConnect"));
-        });
-        QObject::connect(stream, &Stream::connected, &context,
-                         [this] { record(QStringLiteral("connected")); });
-        QObject::connect(stream, &Stream::progressCount, &context, [this](qint64 done, qint64) {
+        QObject::connect(stream, &S::failedToConnect, &context,
+                         [this](const QString &text) { record("failedToConnect", text); });
+        QObject::connect(stream, &S::connected, &context, [this] { record("connected"); });
+        QObject::connect(stream, &S::progressCount, &context, [this](qint64 done, qint64) {
             lastDone = done;
-            record(QStringLiteral("progress"));
+            if (onSignal)
+                onSignal("progress");
         });
-        QObject::connect(stream, &Stream::fileFinished, &context,
-                         [this] { record(QStringLiteral("fileFinished")); });
-        QObject::connect(stream, &Stream::fileError, &context,
+        QObject::connect(stream, &S::fileFinished, &context, [this] { record("fileFinished"); });
+        QObject::connect(stream, &S::fileError, &context,
                          [this](DownloadStream_Error error, const QString &text) {
-                             lastText = text;
-                             record(QStringLiteral("fileError %1").arg(int(error)));
+                             record(QStringLiteral("fileError %1").arg(int(error)), text);
                          });
     }
 
@@ -63,8 +43,7 @@ public:
     bool fileEnded() const
     {
         return !lines.isEmpty()
-               && (lines.last() == QLatin1String("fileFinished")
-                   || lines.last().startsWith(QLatin1String("fileError")));
+               && (lines.last() == "fileFinished" || lines.last().startsWith("fileError"));
     }
     void clear()
     {
@@ -73,18 +52,19 @@ public:
         lastDone = 0;
     }
 
-    // Runs inside the stream's emission, after the line ("progress" too) was recorded.
+    // Runs inside the stream's emission, after the line was recorded.
     std::function<void(const QString &line)> onSignal;
     QObject context;
     QStringList lines;
-    QString lastText;
+    QString lastText; // of the last failedToConnect or fileError
     qint64 lastDone = 0;
 
 private:
-    void record(const QString &line)
+    void record(const QString &line, const QString &text = {})
     {
-        if (line != QLatin1String("progress"))
-            lines << line;
+        lines << line;
+        if (!text.isNull())
+            lastText = text;
         if (onSignal)
             onSignal(line);
     }
@@ -96,20 +76,20 @@ inline bool connectAndWait(SingleFileDownloadStream &stream, StreamEvents &event
 {
     stream.initiateConnection(QUrl(url), proxy, retries, 2);
     const auto settled = [&] {
-        return events.lines.contains(QLatin1String("connected"))
-               || events.lines.contains(QLatin1String("failedToConnect"));
+        return events.lines.contains("connected") || events.lines.contains("failedToConnect");
     };
-    return QTest::qWaitFor(settled, 20000) && events.lines.last() == QLatin1String("connected");
+    return QTest::qWaitFor(settled, 20000) && events.lines.last() == "connected";
 }
 
-// Fetches one file and waits until it ends; true when it finished and holds content.
+// Fetches one file and waits until it ends; true when it finished and holds content. The
+// checksum is given in upper case, as a product list may carry it.
 inline bool fetchAndWait(SingleFileDownloadStream &stream, StreamEvents &events,
                          const QString &remotePath, const QByteArray &content)
 {
     events.clear();
-    stream.getFile(remotePath, md5Of(content), content.size());
+    stream.getFile(remotePath, md5Of(content).toUpper(), content.size());
     return QTest::qWaitFor([&] { return events.fileEnded(); }, 30000)
-           && events.lines.last() == QLatin1String("fileFinished")
+           && events.lines.last() == "fileFinished"
            && readTestFile(stream.getDestFilePath()) == content;
 }
 
@@ -117,4 +97,12 @@ inline bool fetchAndWait(SingleFileDownloadStream &stream, StreamEvents &events,
 inline qsizetype proxiedRequests(const LoopbackServer &proxy)
 {
     return proxy.logLines().filter(QStringLiteral("Request (file descriptor")).size();
+}
+
+// A loopback port nobody listens on.
+inline QString closedPort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost, 0);
+    return QString::number(probe.serverPort());
 }

@@ -1,0 +1,410 @@
+#include "session/ftpproductdownloadsession.h"
+
+#include "app/apppaths.h"
+#include "app/randomgenerator.h"
+#include "streams/transportlibrary.h"
+#include "tests/support/loopbackserver.h"
+#include "tests/support/testfiles.h"
+#include "tools/releasepublisher.h"
+
+#include <QDir>
+#include <QHash>
+#include <QRandomGenerator>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+const QString productName = "orlivo";
+const QString version = "3061";
+const QString listPath = "/" + version + "/" + productName + ".ini";
+
+// By install path. Random bytes stay raw on the mirror; text compresses, so it is packed.
+const QHash<QString, QByteArray> &releaseFiles()
+{
+    const auto random = [](int size, quint32 seed) {
+        QByteArray bytes(size, Qt::Uninitialized);
+        QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+        return bytes;
+    };
+    static const QByteArray text = QByteArray("Orlivo voice chat, all rights reserved.\n");
+    static const QHash<QString, QByteArray> files = {
+            {"orlivo", random(180000, 1)},        {"empty.dat", {}},
+            {"lib/libcore.so", random(70000, 2)}, {"README", text.repeated(200)},
+            {"data/tiny.txt", random(4, 3)},      {"lang/de.qm", random(40000, 4)},
+            {"lang/en.qm", random(30000, 5)},     {"sounds/notes.txt", text.repeated(600)},
+    };
+    return files;
+}
+
+QStringList sorted(QStringList list)
+{
+    list.sort();
+    return list;
+}
+
+// Paths the server delivered in full, one per delivery, from its request log.
+QStringList deliveredPaths(const LoopbackServer &server, const QString &ftpRoot)
+{
+    QStringList paths;
+    for (const QString &line : server.logLines()) {
+        const QStringList fields = line.split(' ');
+        const int retr = int(fields.indexOf("RETR"));
+        if (retr > 0 && line.contains("completed=1"))
+            paths << fields.value(retr + 1).mid(ftpRoot.size());
+        else if (fields.value(1) == "GET" && (fields.value(3) == "200" || fields.value(3) == "ok"))
+            paths << fields.value(2);
+    }
+    return paths;
+}
+
+} // namespace
+
+// How a session reads its mirror list and settings, and whole sessions against real mirrors on
+// loopback as their owner sees them: what they log, which final signal they end with, what the
+// mirrors delivered, and what lies in the working directory.
+class tst_FTPProductDownloadSession : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void initialize_data();
+    void initialize();
+    void cleanup();
+    void download_data();
+    void download();
+
+private:
+    std::unique_ptr<LoopbackServer> startMirror(const QString &kind, QStringList *urls);
+    QString mirrorPath(const QString &installPath) const;
+
+    TransportLibrary transportLibrary;
+    QTemporaryDir published;
+    QString root;
+    QHash<QString, FileSpecification> entries; // by install path
+    QStringList installed;
+};
+
+void tst_FTPProductDownloadSession::initialize_data()
+{
+    QTest::addColumn<QString>("mirrorList");
+    QTest::addColumn<QString>("updateData");  // no update data file when null
+    QTest::addColumn<QStringList>("mirrors"); // "name|url|retries|timeout"
+    QTest::addColumn<int>("streams");
+    QTest::addColumn<QString>("proxy");
+
+    const QString one = "[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=ftp://h/pub\n";
+    const QString none;
+    QTest::newRow("zero and text: retries corrected, timeout kept")
+            << one + "retries=0\ntimeout=soon\n"
+            << "[update]\nproxy=http://p:8080\nstreams=0\n"
+            << QStringList{"m|ftp://h/pub/3.0.1|5|0"} << 1 << "http://p:8080";
+    QTest::newRow("negative and wrapped round to negative fall back; other groups ignored")
+            << one + "retries=-3\ntimeout=4294967295\n"
+            << "[current]\nproxy=x\n[update]\nstreams=-2\n"
+            << QStringList{"m|ftp://h/pub/3.0.1|5|15"} << 1 << none;
+    QTest::newRow("defaults; array order; no mirror key reads the top level; no url kept")
+            << "[General]\nurl=ftp://top\nretries=3\n[a]\nurl=http://a\n[mirrors]\nsize=3\n"
+               "1\\mirror=b\n3\\mirror=a\n"
+            << none
+            << QStringList{"b|/3.0.1|5|15", "|ftp://top/3.0.1|3|15", "a|http://a/3.0.1|5|15"} << 4
+            << none;
+    QTest::newRow("no mirrors") << "[mirrors]\nsize=0\n[m]\nurl=ftp://h\n"
+                                << none << QStringList() << 4 << none;
+}
+
+void tst_FTPProductDownloadSession::initialize()
+{
+    QFETCH(QString, mirrorList);
+    QFETCH(QString, updateData);
+    QFETCH(QStringList, mirrors);
+    QFETCH(int, streams);
+    QFETCH(QString, proxy);
+
+    QTemporaryDir config;
+    InitialParameters parameters;
+    parameters.mirrorsFile = config.filePath("mirrors.ini");
+    parameters.versionPath = "3.0.1";
+    parameters.defaultStreams = 4;
+    QVERIFY(writeTestFile(parameters.mirrorsFile, mirrorList.toUtf8()));
+    if (!updateData.isNull()) {
+        parameters.updateDataFile = config.filePath("update.ini");
+        QVERIFY(writeTestFile(parameters.updateDataFile, updateData.toUtf8()));
+    }
+
+    FTPProductDownloadSession session;
+    QCOMPARE(session.initialize(parameters), !mirrors.isEmpty());
+    QStringList read;
+    for (const MarkedSiteData &m : session.getMirrors())
+        read << QString("%1|%2|%3|%4").arg(m.name, m.url).arg(m.retries).arg(m.timeout);
+    QCOMPARE(read, mirrors);
+    QCOMPARE(session.getStreamCount(), streams);
+    QCOMPARE(session.getProxy(), proxy);
+}
+
+void tst_FTPProductDownloadSession::initTestCase()
+{
+    seedRandomGenerator();
+    QTemporaryDir release;
+    for (auto file = releaseFiles().begin(); file != releaseFiles().end(); ++file)
+        QVERIFY(writeTestFile(release.filePath(file.key()), file.value()));
+    // nginx and pyftpdlib report canonical paths.
+    root = QFileInfo(published.path()).canonicalFilePath();
+    ReleasePublisher publisher(release.path(), productName, version, root);
+    QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
+    for (const FileSpecification &entry : publisher.entries())
+        entries.insert(entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName, entry);
+    QCOMPARE(entries.size(), releaseFiles().size());
+    QVERIFY(entries.value("README").unpackedMd5 != entries.value("README").md5);
+}
+
+void tst_FTPProductDownloadSession::cleanup()
+{
+    const QDir installation(getAppRootPath());
+    for (const QString &name : std::as_const(installed)) {
+        QFile::remove(installation.filePath(name));
+        if (name.contains('/'))
+            installation.rmpath(QFileInfo(name).path());
+    }
+    installed.clear();
+}
+
+QString tst_FTPProductDownloadSession::mirrorPath(const QString &installPath) const
+{
+    const FileSpecification &entry = entries[installPath];
+    return "/" + version + "/" + entry.directory + "/" + entry.name;
+}
+
+// "http", "ftp", "unsupported" (a scheme no stream speaks), "closed" (nobody listens), or
+// "fault:WHAT=B1+B2..." (the fault server scripting the next requests of the file installed as
+// WHAT, of the list for "list", of every file for "*").
+std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const QString &kind,
+                                                                           QStringList *urls)
+{
+    std::unique_ptr<LoopbackServer> server;
+    if (kind == "unsupported") {
+        *urls << "file:///nowhere/";
+    } else if (kind == "closed") {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        *urls << QString("http://127.0.0.1:%1/").arg(probe.serverPort());
+    } else if (kind == "ftp") {
+        server = LoopbackServer::ftp(root);
+        *urls << server->url("ftp", "/");
+    } else if (kind.startsWith("fault:")) {
+        server = LoopbackServer::faultHttp(root);
+        const QString what = kind.section(':', 1).section('=', 0, 0);
+        const QStringList behaviours = kind.section('=', 1).split('+');
+        const QStringList targets = what == "*" ? QStringList(entries.keys()) : QStringList{what};
+        for (const QString &target : targets)
+            server->setFaults(target == "list" ? listPath : mirrorPath(target), behaviours);
+        *urls << server->url("http", "/");
+    } else {
+        server = LoopbackServer::nginx(root);
+        *urls << server->url("http", "/");
+    }
+    return server;
+}
+
+void tst_FTPProductDownloadSession::download_data()
+{
+    QTest::addColumn<QString>("mirrors"); // kinds of startMirror(), joined by ' '
+    QTest::addColumn<int>("streams");
+    // Install path = "installed" (right bytes in the installation), "stale" (wrong bytes
+    // there), "mirrorCopy" (the mirror's bytes under the mirror's name there), "complete",
+    // "truncated" or "corrupt" (in the working directory).
+    QTest::addColumn<QString>("before"); // joined by ' '
+
+    QTest::addColumn<bool>("finishes"); // with downloadFinished(), else processCancelled()
+    QTest::addColumn<QStringList>("lines");
+    // Install paths delivered by all mirrors together, each exactly once.
+    QTest::addColumn<QStringList>("fetched");
+
+    const QStringList none;
+    const QStringList all = releaseFiles().keys();
+    // An empty file is known empty from its SIZE reply and never retrieved over FTP.
+    QStringList allButEmpty = all;
+    allButEmpty.removeAll("empty.dat");
+    const QStringList fresh{"Verification of 8 file(s) complete. Ready: 0, Downloaded: 0."};
+    const QString corrupt = "fault:*=" + QStringList(8, "corrupt").join('+');
+
+    QTest::newRow("http, 1 stream") << "http" << 1 << "" << true << fresh << all;
+    QTest::newRow("http, 4 streams") << "http" << 4 << "" << true << fresh << all;
+    QTest::newRow("ftp, 1 stream") << "ftp" << 1 << "" << true << fresh << allButEmpty;
+    QTest::newRow("ftp, 4 streams") << "ftp" << 4 << "" << true << fresh << allButEmpty;
+
+    QTest::newRow("mirror 0 unreachable, HTTP streams replaced for FTP")
+            << "closed ftp" << 2 << "" << true
+            << QStringList{"Stream 0 change mirror to 1", "Stream 1 change mirror to 1"}
+            << allButEmpty;
+    QTest::newRow("mirror 0 of a scheme no stream speaks")
+            << "unsupported http" << 1 << "" << true
+            << QStringList{"Stream 0 got error Unsupported mirror URL file:///nowhere/3061",
+                           "Stream 0 change mirror to 1"}
+            << all;
+    QTest::newRow("mirror 0 fails a file beyond its retries")
+            << "fault:README=status:500+status:503 http" << 1 << "" << true
+            << QStringList{"Stream 0: Download error. Timeout 0 seconds to repeat.",
+                           "Stream 0: Download attempt 2", "Stream 0 change mirror to 1"}
+            << all;
+    QTest::newRow("list missing on mirror 0") << "fault:list=status:404 http" << 2 << "" << true
+                                              << QStringList{"Stream 0 change mirror to 1"} << all;
+    QTest::newRow("unusable list")
+            << "fault:list=corrupt" << 2 << "" << true << QStringList{"Can't continue."} << none;
+
+    QTest::newRow("mirror closed, list missing on the other")
+            << "closed fault:list=status:404" << 4 << "" << false
+            << QStringList{"Stream 0 change mirror to 1"} << none;
+    QTest::newRow("every file corrupt everywhere")
+            << corrupt + " " + corrupt << 4 << "" << false << none << none;
+    QTest::newRow("no mirror listed") << "" << 2 << "" << false << none << none;
+
+    QTest::newRow("resumed")
+            << "http" << 2
+            << "orlivo=installed README=installed lib/libcore.so=complete empty.dat=complete "
+               "data/tiny.txt=truncated lang/de.qm=corrupt lang/en.qm=stale "
+               "sounds/notes.txt=mirrorCopy"
+            << true << QStringList{"Verification of 8 file(s) complete. Ready: 2, Downloaded: 2."}
+            << QStringList{"data/tiny.txt", "lang/de.qm", "lang/en.qm", "sounds/notes.txt"};
+    QTest::newRow("resumed with nothing left to fetch")
+            << "http" << 2
+            << "orlivo=installed README=installed empty.dat=installed sounds/notes.txt=installed "
+               "lang/de.qm=complete lang/en.qm=complete data/tiny.txt=complete "
+               "lib/libcore.so=complete"
+            << true << QStringList{"Verification of 8 file(s) complete. Ready: 4, Downloaded: 4."}
+            << none;
+}
+
+// The owner deletes the session inside the slot of its final signal, as the window does.
+void tst_FTPProductDownloadSession::download()
+{
+    QFETCH(QString, mirrors);
+    QFETCH(int, streams);
+    QFETCH(QString, before);
+    QFETCH(bool, finishes);
+    QFETCH(QStringList, lines);
+    QFETCH(QStringList, fetched);
+
+    QTemporaryDir work;
+    const QDir installation(getAppRootPath());
+    QStringList upToDate;
+    QStringList kept;
+    for (const QString &item : before.split(' ', Qt::SkipEmptyParts)) {
+        const QString path = item.section('=', 0, 0);
+        const QString state = item.section('=', 1);
+        const FileSpecification &entry = entries[path];
+        QByteArray bytes = state == "installed" ? releaseFiles()[path]
+                           : state == "stale"   ? QByteArray("old version")
+                                                : readTestFile(root + mirrorPath(path));
+        if (state == "truncated")
+            bytes.chop(bytes.size() / 2 + 1);
+        if (state == "corrupt")
+            bytes[bytes.size() / 2] = char(~bytes.at(bytes.size() / 2));
+        if (state == "installed")
+            upToDate << "File " + installation.filePath(path) + " up to date";
+        if (state == "complete")
+            kept << path;
+        const QString target = state == "mirrorCopy" ? entry.name : path;
+        const bool inInstallation = state == "installed" || state == "stale" || target != path;
+        if (inInstallation)
+            installed << target;
+        QVERIFY(writeTestFile(inInstallation ? installation.filePath(target)
+                                             : work.filePath(entry.directory + "/" + entry.name),
+                              bytes));
+    }
+
+    QStringList urls;
+    std::vector<std::unique_ptr<LoopbackServer>> servers;
+    const QStringList kinds = mirrors.split(' ', Qt::SkipEmptyParts);
+    for (const QString &kind : kinds) {
+        servers.push_back(startMirror(kind, &urls));
+        QVERIFY(kind == "closed" || kind == "unsupported" || servers.back());
+    }
+    // No wait before a repeated attempt, and one repeat: failing mirrors are left quickly.
+    QString mirrorList = QString("[mirrors]\nsize=%1\n").arg(urls.size());
+    for (int i = 0; i < urls.size(); ++i)
+        mirrorList += QString("%1\\mirror=m%1\n").arg(i + 1);
+    for (int i = 0; i < urls.size(); ++i)
+        mirrorList += QString("[m%1]\nurl=%2\nretries=2\ntimeout=0\n").arg(i + 1).arg(urls.at(i));
+    InitialParameters parameters;
+    parameters.productListName = productName;
+    parameters.versionPath = version;
+    parameters.mirrorsFile = work.filePath("config/mirrors.ini");
+    parameters.updateDataFile = work.filePath("config/update.ini");
+    parameters.tempDirectory = work.path();
+    parameters.resumeSession = !before.isEmpty();
+    QVERIFY(writeTestFile(parameters.mirrorsFile, mirrorList.toUtf8()));
+    QVERIFY(writeTestFile(parameters.updateDataFile,
+                          QString("[update]\nstreams=%1\n").arg(streams).toUtf8()));
+
+    using Session = FTPProductDownloadSession;
+    auto session = std::make_unique<Session>();
+    QObject owner;
+    QStringList log; // messages, and the final signals by name
+    QPair<quint64, quint64> progress;
+    connect(session.get(), &Session::message, &owner, [&](const QString &text) { log << text; });
+    connect(session.get(), &Session::progressCount, &owner,
+            [&](quint64 done, quint64 total) { progress = qMakePair(done, total); });
+    const auto end = [&](const QString &signal) {
+        log << signal;
+        session.reset();
+    };
+    connect(session.get(), &Session::downloadFinished, &owner, [&] { end("downloadFinished"); });
+    connect(session.get(), &Session::processCancelled, &owner, [&] { end("processCancelled"); });
+    session->initialize(parameters);
+    session->startUpdate();
+    QTRY_VERIFY_WITH_TIMEOUT(!session, 60000);
+    // Whatever the streams still had queued must go nowhere.
+    QCoreApplication::sendPostedEvents();
+    QCoreApplication::processEvents();
+
+    QCOMPARE(log.last(), QString(finishes ? "downloadFinished" : "processCancelled"));
+    QCOMPARE(log.count("downloadFinished") + log.count("processCancelled"), 1);
+    for (const QString &line : lines)
+        QVERIFY2(log.contains(line), qPrintable(line + "\n" + log.join('\n')));
+    const QString lastMessage = log.at(log.size() - 2);
+    if (!finishes) {
+        QVERIFY(lastMessage.endsWith("can't continue - all mirrors reported error")
+                || lastMessage.startsWith("No mirror is listed in"));
+        return;
+    }
+    if (lines.contains("Can't continue."))
+        return;
+    QCOMPARE(lastMessage, QString("Download finished."));
+    QCOMPARE(sorted(log.filter(" up to date")), sorted(upToDate));
+    quint64 total = 0;
+    for (const FileSpecification &entry : std::as_const(entries))
+        total += entry.size;
+    QCOMPARE(progress, qMakePair(total, total));
+
+    QStringList expected{listPath};
+    QStringList delivered;
+    for (const QString &path : fetched)
+        expected << mirrorPath(path);
+    for (int i = 0; i < int(servers.size()); ++i) {
+        if (servers.at(i))
+            delivered << deliveredPaths(*servers.at(i), kinds.at(i) == "ftp" ? root : "");
+    }
+    QCOMPARE(sorted(delivered), sorted(expected));
+    for (const QString &path : fetched + kept) {
+        const FileSpecification &entry = entries[path];
+        const QString local = work.filePath(entry.directory + "/" + entry.name);
+        QVERIFY2(QFile::exists(local), qPrintable(path));
+        QCOMPARE(readTestFile(local), readTestFile(root + mirrorPath(path)));
+    }
+    // A stream relayed twice would report each of its connections twice. Every stream connects
+    // once there is anything to fetch.
+    for (int s = 0; !fetched.isEmpty() && s < streams; ++s) {
+        const QString stream = QString("Stream %1 ").arg(s);
+        const qsizetype connections = 1 + log.filter(stream + "change mirror to").size()
+                                      - log.filter(stream + "got error").size();
+        QCOMPARE(log.count(stream + "connected"), connections);
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_FTPProductDownloadSession)
+#include "tst_ftpproductdownloadsession.moc"
