@@ -1,11 +1,13 @@
+#include "app/apppaths.h"
 #include "app/commandlineoptions.h"
 #include "app/messageboxes.h"
+#include "app/updatechecker.h"
 #include "tests/support/loopbackserver.h"
-#include "tests/app/updateserversetting.h"
 
 #include <QtTest>
 
-// The command line against a real version server on the loopback interface.
+// The command line and the version query behind its defaults, against a real UDP version server
+// on the loopback interface.
 class TestCommandLineOptions : public QObject
 {
     Q_OBJECT
@@ -16,6 +18,8 @@ private slots:
     void parse_data();
     void parse();
     void clientTypeVersion();
+    void reply_data();
+    void reply();
 
 private:
     QList<MessageBoxRequest> boxes;
@@ -23,11 +27,17 @@ private:
 
 namespace {
 
-const QString defaultsFailed = QStringLiteral("Can't detect default parameters");
-const QString queryFailed = QStringLiteral("Failed to query latest client\n"
-                                           "version from update server.");
+// Points the version query at a test server through the installation's update.ini.
+void setUpdateServer(const QString &server)
+{
+    QSettings(getAppRootPath() + QStringLiteral("/update.ini"), QSettings::IniFormat)
+            .setValue(QStringLiteral("update/server"), server);
+}
 
-enum ServerBehaviour { Answers12, AnswersNonNumber, Silent };
+qsizetype openDescriptors()
+{
+    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::System).size();
+}
 
 } // namespace
 
@@ -43,91 +53,68 @@ void TestCommandLineOptions::init()
 void TestCommandLineOptions::cleanup()
 {
     setMessageBoxHandler({});
-    removeUpdateData();
+    QFile::remove(getAppRootPath() + QStringLiteral("/update.ini"));
 }
 
 void TestCommandLineOptions::parse_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("server");
-    QTest::addColumn<QString>("fallbackVersion");
+    QTest::addColumn<QByteArray>("reply"); // empty: the server stays silent
     QTest::addColumn<QString>("result");
-    QTest::addColumn<int>("runMode");
-    QTest::addColumn<QString>("clientType");
-    QTest::addColumn<int>("clientVersion");
-    QTest::addColumn<int>("warnings");
-    QTest::addColumn<int>("queries");
+    QTest::addColumn<QString>("options"); // runMode clientType clientVersion
+    QTest::addColumn<int>("queries");     // each failed one shows a warning box
 
-    const QString amd64 = QStringLiteral("client_linux_amd64");
-    const QString x86 = QStringLiteral("client_linux_x86");
-    const QString none;
-
-    QTest::newRow("no arguments, server answers 12")
-            << QStringList() << int(Answers12) << none << none << 1 << amd64 << 12 << 0 << 1;
-    QTest::newRow("no arguments, server answers a non-number")
-            << QStringList() << int(AnswersNonNumber) << none << defaultsFailed << 0 << amd64 << 0
-            << 0 << 1;
-    QTest::newRow("no arguments, server silent")
-            << QStringList() << int(Silent) << none << defaultsFailed << 0 << amd64 << 0 << 1 << 1;
-    QTest::newRow("no arguments, server silent, fallback version")
-            << QStringList() << int(Silent) << QStringLiteral("33") << none << 1 << amd64 << 33 << 1
-            << 1;
-    QTest::newRow("--nouser, server answers 12") << QStringList{"--nouser"} << int(Answers12)
-                                                 << none << none << 2 << amd64 << 12 << 0 << 1;
-    QTest::newRow("--nouser, server silent: asked twice")
-            << QStringList{"--nouser"} << int(Silent) << none << defaultsFailed << 0 << amd64 << 0
-            << 2 << 2;
+    const QString failed = QStringLiteral("Can't detect default parameters");
+    const QByteArray answer = "12,3,4";
+    QTest::newRow("no arguments: the server's version") << QStringList() << answer << ""
+                                                        << "1 client_linux_amd64 12" << 1;
+    QTest::newRow("server version with a newline")
+            << QStringList() << QByteArray("12\n,3") << failed << "0 client_linux_amd64 0" << 1;
+    QTest::newRow("--nouser, server silent: tried twice")
+            << QStringList{"--nouser"} << QByteArray() << failed << "0 client_linux_amd64 0" << 2;
+    QTest::newRow("--nouser: defaults, unattended") << QStringList{"--nouser"} << answer << ""
+                                                    << "2 client_linux_amd64 12" << 1;
     QTest::newRow("type and version: no query")
-            << QStringList{x86, "7"} << int(Answers12) << none << none << 1 << x86 << 7 << 0 << 0;
-    QTest::newRow("--nouser, type and version: no query")
-            << QStringList{"--nouser", x86, "7"} << int(Answers12) << none << none << 2 << x86 << 7
-            << 0 << 0;
+            << QStringList{"client_linux_x86", "7"} << answer << ""
+            << "1 client_linux_x86 7" << 0;
     QTest::newRow("--nouser, type and bad version")
-            << QStringList{"--nouser", amd64, "x7"} << int(Answers12) << none
-            << QStringLiteral("Wrong version code") << 2 << amd64 << 0 << 0 << 0;
-    QTest::newRow("version with a trailing space")
-            << QStringList{x86, "7 "} << int(Answers12) << none
-            << QStringLiteral("Wrong version code") << 1 << x86 << 0 << 0 << 0;
-    QTest::newRow("switch in capitals falls back to the defaults")
-            << QStringList{"--NOUSER", x86, "7"} << int(Answers12) << none << none << 1 << amd64
-            << 12 << 0 << 1;
-    QTest::newRow("one unknown word falls back to the defaults")
-            << QStringList{"hello"} << int(Answers12) << none << none << 1 << amd64 << 12 << 0 << 1;
-    QTest::newRow("five arguments are ignored")
-            << QStringList{"--nouser", x86, "7", x86, "8"} << int(Answers12) << none << none << 1
-            << amd64 << 12 << 0 << 1;
+            << QStringList{"--nouser", "client_linux_amd64", "x7"} << answer << "Wrong version code"
+            << "2 client_linux_amd64 0" << 0;
+    QTest::newRow("switch in capitals: defaults")
+            << QStringList{"--NOUSER", "client_linux_x86", "7"} << answer << ""
+            << "1 client_linux_amd64 12" << 1;
+    QTest::newRow("five arguments: defaults")
+            << QStringList{"--nouser", "client_linux_x86", "7", "a", "8"} << answer << ""
+            << "1 client_linux_amd64 12" << 1;
 }
 
 void TestCommandLineOptions::parse()
 {
     QFETCH(QStringList, arguments);
-    QFETCH(int, server);
-    QFETCH(QString, fallbackVersion);
-
-    const auto versionServer = LoopbackServer::versionServer(
-            server == AnswersNonNumber ? QByteArray("12\n,3,4") : QByteArray("12,3,4"),
-            server != Silent);
-    QVERIFY(versionServer);
-    setUpdateServer(QStringLiteral("127.0.0.1:%1").arg(versionServer->port()));
+    QFETCH(QByteArray, reply);
+    QFETCH(int, queries);
+    const auto server = LoopbackServer::versionServer(reply, !reply.isEmpty());
+    QVERIFY(server);
+    setUpdateServer(QStringLiteral("127.0.0.1:%1").arg(server->port()));
 
     CommandLineOptions options;
     arguments.prepend(QStringLiteral("/opt/orlivo/update"));
-    const QString result = parseCommandLineOptions(&options, fallbackVersion, arguments);
+    QTEST(parseCommandLineOptions(&options, QString(), arguments), "result");
 
-    QTEST(result, "result");
-    QTEST(options.runMode, "runMode");
-    QTEST(options.clientType, "clientType");
-    QTEST(options.clientVersion, "clientVersion");
-    QFETCH(int, warnings);
-    QCOMPARE(boxes.size(), warnings);
+    QTEST(QStringLiteral("%1 %2 %3")
+                  .arg(options.runMode)
+                  .arg(options.clientType)
+                  .arg(options.clientVersion),
+          "options");
+    QCOMPARE(server->logLines(), QStringList(queries, QStringLiteral("3200")));
+    QCOMPARE(boxes.size(), reply.isEmpty() ? queries : 0);
     for (const MessageBoxRequest &box : std::as_const(boxes)) {
         QCOMPARE(box.icon, QMessageBox::Warning);
         QCOMPARE(box.title, QStringLiteral("Error"));
-        QCOMPARE(box.text, queryFailed);
+        QCOMPARE(box.text, QStringLiteral("Failed to query latest client\n"
+                                          "version from update server."));
         QCOMPARE(box.buttons, QMessageBox::StandardButtons(QMessageBox::Ok));
     }
-    QFETCH(int, queries);
-    QCOMPARE(versionServer->logLines(), QStringList(queries, QStringLiteral("3200")));
 }
 
 void TestCommandLineOptions::clientTypeVersion()
@@ -136,10 +123,52 @@ void TestCommandLineOptions::clientTypeVersion()
     const QStringList arguments{"update", "client_linux_x86"};
     CommandLineOptions options;
     QCOMPARE(getClientTypeVersion(&options, arguments, 2), "No client type specified");
-    QCOMPARE(options.clientType, QString());
     QCOMPARE(getClientTypeVersion(&options, arguments, 1), "No client version specified");
     QCOMPARE(options.clientType, QStringLiteral("client_linux_x86"));
-    QCOMPARE(options.runMode, 0);
+}
+
+void TestCommandLineOptions::reply_data()
+{
+    QTest::addColumn<QString>("setting"); // empty: the test server
+    QTest::addColumn<QByteArray>("reply");
+    QTest::addColumn<QByteArrayList>("versions"); // empty: no answer
+
+    QTest::newRow("fields after the third ignored")
+            << "" << QByteArray("1,2,3,4,5") << QByteArrayList{"1", "2", "3"};
+    QTest::newRow("empty fields skipped")
+            << "" << QByteArray(",,7,,8,") << QByteArrayList{"7", "8", ""};
+    QTest::newRow("empty reply") << "" << QByteArray() << QByteArrayList{"", "", ""};
+    QTest::newRow("only 31 bytes read") << "" << QByteArray("1234567890,1234567890,123456789XYZ")
+                                        << QByteArrayList{"1234567890", "1234567890", "123456789"};
+    // Bounded by the receive timeout; an unbounded wait would hang here.
+    QTest::newRow("silent server") << "" << QByteArray("1") << QByteArrayList();
+    QTest::newRow("port too large") << "127.0.0.1:65536" << QByteArray("1") << QByteArrayList();
+    // Refused by sendto without SO_BROADCAST: a failure after the socket exists.
+    QTest::newRow("broadcast address")
+            << "255.255.255.255:17384" << QByteArray("1") << QByteArrayList();
+}
+
+void TestCommandLineOptions::reply()
+{
+    QFETCH(QString, setting);
+    QFETCH(QByteArray, reply);
+    QFETCH(QByteArrayList, versions);
+    const auto server = LoopbackServer::versionServer(reply, !versions.isEmpty());
+    QVERIFY(server);
+    setUpdateServer(setting.isEmpty() ? QStringLiteral("127.0.0.1:%1").arg(server->port())
+                                      : setting);
+    const qsizetype descriptors = openDescriptors();
+
+    UpdateChecker checker;
+    QCOMPARE(checker.checkUpdate(), !versions.isEmpty());
+
+    if (!versions.isEmpty()) {
+        QCOMPARE((QByteArrayList{checker.getClientVersion(), checker.getServerVersion(),
+                                 checker.getAppsVersion()}),
+                 versions);
+    }
+    QCOMPARE(server->logLines().size(), setting.isEmpty() ? 1 : 0);
+    QCOMPARE(openDescriptors(), descriptors);
 }
 
 QTEST_MAIN(TestCommandLineOptions)

@@ -1,4 +1,5 @@
 #include "app/runningfiles.h"
+#include "tests/support/testfiles.h"
 
 #include <QtTest>
 
@@ -10,9 +11,7 @@ class TestRunningFiles : public QObject
     Q_OBJECT
 
 private slots:
-    void specialName_data();
-    void specialName();
-    void removeOldFiles();
+    void specialFiles();
     void makeExecutable_data();
     void makeExecutable();
     void separateProcess();
@@ -25,49 +24,26 @@ namespace {
 
 bool writeFile(const QString &path, const QByteArray &content, int mode)
 {
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size()
-           && chmod(QFile::encodeName(path).constData(), mode_t(mode)) == 0;
+    return writeTestFile(path, content) && chmod(QFile::encodeName(path).constData(), mode) == 0;
 }
 
 } // namespace
 
-void TestRunningFiles::specialName_data()
+void TestRunningFiles::specialFiles()
 {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<bool>("special");
+    QVERIFY(isSpecialFileName("libQtCore.so.4") && isSpecialFileName("libQt6Widgets.so.6"));
+    QVERIFY(!isSpecialFileName("LIBQTCORE.SO.4") && !isSpecialFileName("lib/libQtCore.so.4"));
 
-    QTest::newRow("Qt 4 library") << QStringLiteral("libQtCore.so.4") << true;
-    QTest::newRow("Qt 6 library") << QStringLiteral("libQt6Widgets.so.6") << true;
-    QTest::newRow("updater") << QStringLiteral("update") << true;
-    QTest::newRow("capitals") << QStringLiteral("LIBQTCORE.SO.4") << false;
-    QTest::newRow("with a directory") << QStringLiteral("lib/libQtCore.so.4") << false;
-    QTest::newRow("renamed copy") << QStringLiteral("_old_update") << false;
-    QTest::newRow("client") << QStringLiteral("orvclient_linux_amd64") << false;
-}
-
-void TestRunningFiles::specialName()
-{
-    QFETCH(QString, name);
-    QTEST(isSpecialFileName(name), "special");
-    QCOMPARE(getSpecialFileRenamePrefix(), QStringLiteral("_old_"));
-}
-
-void TestRunningFiles::removeOldFiles()
-{
-    const QStringList renamed{
-            "libQtNetwork.so.4", "libQtGui.so.4",  "libQtCore.so.4",     "update",
-            "libQt6Core.so.6",   "libQt6Gui.so.6", "libQt6Widgets.so.6", "libQt6Network.so.6"};
     const QStringList kept{"_old_UPDATE", "_old_readme.txt", "old_update", "update"};
     QTemporaryDir dir;
-    for (const QString &name : renamed)
-        QVERIFY(writeFile(dir.filePath("_old_" + name), "x", 0644));
+    for (const QString &name : getSpecialFileNames())
+        QVERIFY(writeTestFile(dir.filePath("_old_" + name), "x"));
     for (const QString &name : kept)
-        QVERIFY(writeFile(dir.filePath(name), "x", 0644));
+        QVERIFY(writeTestFile(dir.filePath(name), "x"));
 
-    ::removeOldFiles(dir.path());
+    removeOldFiles(dir.path());
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files, QDir::Name), kept);
-    ::removeOldFiles(dir.path());
+    removeOldFiles(dir.path());
     QCOMPARE(QDir(dir.path()).entryList(QDir::Files, QDir::Name), kept);
 }
 
@@ -77,17 +53,14 @@ void TestRunningFiles::makeExecutable_data()
     QTest::addColumn<int>("before");
     QTest::addColumn<int>("after");
 
-    QTest::newRow("updater") << QStringLiteral("update") << 0600 << 0755;
-    QTest::newRow("32-bit client") << QStringLiteral("orvclient_linux_x86") << 0644 << 0755;
+    QTest::newRow("32-bit client") << QStringLiteral("orvclient_linux_x86") << 0600 << 0755;
     QTest::newRow("world-writable library narrowed")
             << QStringLiteral("libQtCore.so.4") << 0666 << 0755;
     QTest::newRow("plain shared library") << QStringLiteral("libvoice.so") << 0644 << 0755;
-    QTest::newRow("Qt 6 library") << QStringLiteral("libQt6Widgets.so.6") << 0644 << 0755;
     QTest::newRow("64-bit client untouched")
             << QStringLiteral("orvclient_linux_amd64") << 0644 << 0644;
     QTest::newRow("longer library suffix untouched")
-            << QStringLiteral("libvoice.so.4.5") << 0644 << 0644;
-    QTest::newRow("text file untouched") << QStringLiteral("readme.txt") << 0640 << 0640;
+            << QStringLiteral("libvoice.so.4.5") << 0640 << 0640;
 }
 
 void TestRunningFiles::makeExecutable()
@@ -116,10 +89,9 @@ void TestRunningFiles::separateProcess()
                       0755));
     QVERIFY(createSeparateUpdateProcess(dir.path(), {"--nouser", "two words"}));
 
-    QFile started(dir.filePath(QStringLiteral("started.txt")));
-    QTRY_VERIFY(started.exists());
-    QVERIFY(started.open(QIODevice::ReadOnly));
-    QCOMPARE(QString::fromLocal8Bit(started.readAll()),
+    const QString started = dir.filePath(QStringLiteral("started.txt"));
+    QTRY_VERIFY(QFile::exists(started));
+    QCOMPARE(QString::fromLocal8Bit(readTestFile(started)),
              dir.path() + QStringLiteral("\n--nouser\ntwo words\n"));
 }
 

@@ -1,0 +1,229 @@
+#include "tests/support/testfiles.h"
+#include "update/checksums.h"
+#include "update/cleanup.h"
+#include "update/gzip.h"
+
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+// Compressible, so that a damaged byte breaks the deflate data itself, not only the checksum.
+QByteArray text(int lines)
+{
+    QByteArray result;
+    for (int i = 0; i < lines; ++i)
+        result += "line " + QByteArray::number(i * 7919 % 1000) + " of the test text\n";
+    return result;
+}
+
+// Runs gzip with input on standard input and returns its standard output.
+QByteArray runGzip(const QStringList &arguments, const QByteArray &input)
+{
+    QProcess gzip;
+    gzip.start("gzip", arguments);
+    gzip.write(input);
+    gzip.closeWriteChannel();
+    if (!gzip.waitForFinished(60000) || gzip.exitCode() != 0)
+        return "<gzip failed>";
+    return gzip.readAllStandardOutput();
+}
+
+} // namespace
+
+// MD5 checksums, gzip packing and the clean-up of working directories, on real files.
+class tst_FileUtilities : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void checksums_data();
+    void checksums();
+    void unreadableChecksums();
+    void gzipRoundTrip_data();
+    void gzipRoundTrip();
+    void brokenGzip_data();
+    void brokenGzip();
+    void plainOrMissingGzipInput();
+    void cleanupEmptiesTreeButLeavesLinks();
+    void cleanupOfNothing();
+
+private:
+    QTemporaryDir dir;
+    QString original;
+    QString packed;
+    QString unpacked;
+};
+
+void tst_FileUtilities::init()
+{
+    original = dir.filePath("original");
+    packed = dir.filePath("packed.gz");
+    unpacked = dir.filePath("unpacked");
+    for (const QString &path : {original, packed, unpacked})
+        QFile::remove(path);
+}
+
+void tst_FileUtilities::checksums_data()
+{
+    QTest::addColumn<int>("size");
+
+    QTest::newRow("empty") << 0;
+    QTest::newRow("one block and a byte") << 16385;
+}
+
+void tst_FileUtilities::checksums()
+{
+    QFETCH(int, size);
+    const QByteArray content = patternBytes(size, size);
+    const QString expected = size ? md5Of(content) : "d41d8cd98f00b204e9800998ecf8427e";
+    QFile file(original);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    QCOMPARE(file.write(content), size);
+    QVERIFY(file.flush());
+
+    QCOMPARE(getFileMD5(original), expected);
+    QCOMPARE(getFileMD5Ex(original), expected);
+    // An open file is checksummed whole, wherever it stood, and left open at its end.
+    QVERIFY(file.seek(size / 2));
+    QCOMPARE(getFileMD5Ex(file), expected);
+    QCOMPARE(file.pos(), size);
+    QVERIFY(file.isOpen());
+}
+
+void tst_FileUtilities::unreadableChecksums()
+{
+    QCOMPARE(getFileMD5(dir.filePath("missing")), QString());
+    QCOMPARE(getFileMD5Ex(dir.filePath("missing")), QString());
+    QCOMPARE(getFileMD5Ex(dir.path()), QString());
+    QFile writeOnly(original);
+    QVERIFY(writeOnly.open(QIODevice::WriteOnly));
+    QCOMPARE(getFileMD5Ex(writeOnly), QString());
+    writeOnly.close();
+    QCOMPARE(getFileMD5Ex(writeOnly), QString());
+}
+
+void tst_FileUtilities::gzipRoundTrip_data()
+{
+    QTest::addColumn<QByteArray>("content");
+
+    QTest::newRow("empty") << QByteArray();
+    QTest::newRow("one block and a byte") << patternBytes(16385, 1);
+    QTest::newRow("large text") << text(100000);
+}
+
+void tst_FileUtilities::gzipRoundTrip()
+{
+    QFETCH(QByteArray, content);
+    if (QStandardPaths::findExecutable("gzip").isEmpty())
+        QSKIP("the gzip tool is needed to check the packed form");
+
+    QVERIFY(writeTestFile(original, content));
+    QVERIFY(zipFile(original, packed));
+    QCOMPARE(runGzip({"-dc"}, readTestFile(packed)), content);
+    QVERIFY(writeTestFile(unpacked, "older and longer content than some of the rows"));
+    QVERIFY(unzipFile(unpacked, packed));
+    QCOMPARE(readTestFile(unpacked), content);
+
+    QVERIFY(writeTestFile(packed, runGzip({"-c"}, content)));
+    QVERIFY(unzipFile(unpacked, packed));
+    QCOMPARE(readTestFile(unpacked), content);
+}
+
+void tst_FileUtilities::brokenGzip_data()
+{
+    QTest::addColumn<int>("keep");    // bytes kept from the start, or cut off the end if negative
+    QTest::addColumn<int>("damaged"); // offset from the end of a byte to invert, or 0
+
+    QTest::newRow("half a header") << 5 << 0;
+    QTest::newRow("cut in the middle") << 2000 << 0;
+    QTest::newRow("trailer missing") << -8 << 0;
+    QTest::newRow("damaged data") << 0 << 1000;
+    QTest::newRow("wrong checksum") << 0 << 8;
+    QTest::newRow("wrong length") << 0 << 1;
+}
+
+void tst_FileUtilities::brokenGzip()
+{
+    QFETCH(int, keep);
+    QFETCH(int, damaged);
+
+    QVERIFY(writeTestFile(original, text(20000)));
+    QVERIFY(zipFile(original, packed));
+    QByteArray data = readTestFile(packed);
+    QVERIFY(data.size() > qMax(keep, damaged));
+    if (keep != 0)
+        data = keep > 0 ? data.left(keep) : data.chopped(-keep);
+    if (damaged > 0)
+        data[data.size() - damaged] = ~data.at(data.size() - damaged);
+    QVERIFY(writeTestFile(packed, data));
+
+    QVERIFY(!unzipFile(unpacked, packed));
+    QVERIFY(!QFile::exists(unpacked));
+}
+
+void tst_FileUtilities::plainOrMissingGzipInput()
+{
+    // Data that is not gzip is copied through; the checksum check after it catches a wrong file.
+    QVERIFY(writeTestFile(original, "plain"));
+    QVERIFY(unzipFile(unpacked, original));
+    QCOMPARE(readTestFile(unpacked), "plain");
+
+    const QString missing = dir.filePath("missing");
+    const QString noDirectory = dir.filePath("no/such/file");
+    QVERIFY(!unzipFile(unpacked, missing));
+    QVERIFY(QFile::exists(unpacked));
+    QCOMPARE(readTestFile(unpacked), QByteArray());
+    QVERIFY(zipFile(original, packed));
+    QVERIFY(!unzipFile(noDirectory, packed));
+    QVERIFY(!zipFile(missing, packed + "2"));
+    QVERIFY(!QFile::exists(packed + "2"));
+    QVERIFY(!zipFile(original, noDirectory));
+}
+
+void tst_FileUtilities::cleanupEmptiesTreeButLeavesLinks()
+{
+    const QString root = dir.filePath("work");
+    const QString outside = dir.filePath("outside");
+    for (const char *path : {"a", ".hidden", "sub/b", "sub/deeper/c", ".dir/d", "linked/e",
+                             "../outside/target", "../outside/inner/f"}) {
+        QVERIFY(writeTestFile(root + '/' + path, "content"));
+    }
+    QVERIFY(QDir().mkpath(root + "/empty/empty"));
+    QVERIFY(QFile::link(outside + "/target", root + "/linked/to-file"));
+    QVERIFY(QFile::link(outside + "/inner", root + "/sub/deeper/to-dir"));
+    QVERIFY(QFile::link(outside + "/gone", root + "/dangling"));
+    QCOMPARE(mkfifo(QFile::encodeName(root + "/sub/fifo").constData(), 0600), 0);
+
+    cleanupDirectory(root);
+
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+    QCOMPARE(QDir(root).entryList(all, QDir::Name), QStringList({"dangling", "linked", "sub"}));
+    QCOMPARE(QDir(root + "/sub").entryList(all), QStringList({"deeper"}));
+    QCOMPARE(QDir(root + "/sub/deeper").entryList(all), QStringList({"to-dir"}));
+    QCOMPARE(QDir(root + "/linked").entryList(all), QStringList({"to-file"}));
+    QVERIFY(QFile::exists(outside + "/target"));
+    QVERIFY(QFile::exists(outside + "/inner/f"));
+}
+
+void tst_FileUtilities::cleanupOfNothing()
+{
+    QVERIFY(writeTestFile(original, "x"));
+    cleanupDirectory(dir.filePath("missing"));
+    QVERIFY(!QFileInfo::exists(dir.filePath("missing")));
+
+    // An empty path must not be taken for the current directory.
+    const QString current = QDir::currentPath();
+    QVERIFY(QDir::setCurrent(dir.path()));
+    cleanupDirectory(QString());
+    QVERIFY(QDir::setCurrent(current));
+    QVERIFY(QFile::exists(original));
+}
+
+QTEST_GUILESS_MAIN(tst_FileUtilities)
+#include "tst_fileutilities.moc"
