@@ -1,3 +1,5 @@
+#include "tests/support/virtualdisplay.h"
+
 #include <QtTest>
 
 // The real executable on a virtual X server: bad parameters show the error box, and once it is
@@ -12,35 +14,25 @@ private slots:
 
 void TestUpdateBinary::badVersionExitsWithOne()
 {
-    const QString xvfbRun = QStandardPaths::findExecutable(QStringLiteral("xvfb-run"));
-    const QString xdotool = QStandardPaths::findExecutable(QStringLiteral("xdotool"));
-    if (xvfbRun.isEmpty() || xdotool.isEmpty())
-        QSKIP("needs xvfb-run and xdotool");
+    if (!VirtualDisplay::isAvailable())
+        QSKIP("needs Xvfb and xdotool");
+    VirtualDisplay display;
+    QVERIFY(display.start());
 
-    // The box is answered with Return as a user would; the main window must never appear.
-    const QString script = QStringLiteral(R"(
-"$1" client_linux_amd64 x7 &
-program=$!
-box=$(xdotool search --sync --onlyvisible --name '^Error') || exit 100
-xdotool search --onlyvisible --name 'Orlivo' >/dev/null && exit 101
-xdotool windowfocus --sync "$box" key Return || exit 102
-wait $program
-)");
-    QProcess run;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
-    run.setProcessEnvironment(environment);
-    run.setProcessChannelMode(QProcess::ForwardedChannels);
-    run.start(xvfbRun, {"-a", "sh", "-c", script, "sh", QStringLiteral(UPDATE_BINARY)});
+    QProcess updater;
+    updater.setProcessEnvironment(display.environment());
+    updater.setProcessChannelMode(QProcess::ForwardedChannels);
+    updater.start(QStringLiteral(UPDATE_BINARY), {"client_linux_amd64", "x7"});
 
-    if (!run.waitForFinished(90000)) {
-        // xvfb-run takes its X server down on SIGTERM.
-        run.terminate();
-        run.waitForFinished();
-        QFAIL("the error box never appeared or was never answered");
-    }
-    QCOMPARE(run.exitStatus(), QProcess::NormalExit);
-    QCOMPARE(run.exitCode(), 1);
+    QByteArray box;
+    QVERIFY(display.xdotool({"search", "--sync", "--onlyvisible", "--name", "^Error$"}, &box));
+    QVERIFY(!display.xdotool({"search", "--onlyvisible", "--name", "Orlivo"}));
+    // Answered with Return, as a user would.
+    QVERIFY(display.xdotool(
+            {"windowfocus", "--sync", QString::fromLatin1(box.trimmed()), "key", "Return"}));
+    QVERIFY(updater.waitForFinished(60000));
+    QCOMPARE(updater.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(updater.exitCode(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestUpdateBinary)

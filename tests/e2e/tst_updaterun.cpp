@@ -1,5 +1,6 @@
 #include "tests/support/loopbackserver.h"
 #include "tests/support/testfiles.h"
+#include "tests/support/virtualdisplay.h"
 
 #include <QDirIterator>
 #include <QRegularExpression>
@@ -29,7 +30,7 @@ private:
     void writeMirrors(const QStringList &kinds);
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false);
     bool runUnattended(QByteArray *log, int *exitCode);
-    void runInWindow(const QString &xvfb, const QString &xdotool, QByteArray *log, int *exitCode);
+    void runInWindow(QByteArray *log, int *exitCode);
     void verifyInstalled(bool oldUpdaterAside);
 
     QTemporaryDir work;
@@ -45,8 +46,7 @@ private:
 
     std::unique_ptr<QTemporaryDir> installation;
     std::unique_ptr<QTemporaryDir> tempDir;
-    std::unique_ptr<QProcess> display;
-    QString displayName;
+    std::unique_ptr<VirtualDisplay> display;
 };
 
 namespace {
@@ -213,11 +213,7 @@ void TestUpdateRun::init()
 void TestUpdateRun::cleanup()
 {
     fault.reset();
-    if (display) {
-        display->terminate();
-        display->waitForFinished();
-        display.reset();
-    }
+    display.reset();
 }
 
 // "http", "ftp", "fault", "dead http", "dead ftp"; written to mirrors.ini in this order.
@@ -249,8 +245,8 @@ void TestUpdateRun::startUpdater(QProcess *process, const QStringList &arguments
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("TMPDIR"), tempDir->path());
     if (onDisplay) {
-        environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
-        environment.insert(QStringLiteral("DISPLAY"), displayName);
+        environment = display->environment();
+        environment.insert(QStringLiteral("TMPDIR"), tempDir->path());
     } else {
         environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
     }
@@ -297,32 +293,21 @@ void TestUpdateRun::verifyInstalled(bool oldUpdaterAside)
 }
 
 // Starts the updater without arguments on a virtual display and works it with the keyboard.
-void TestUpdateRun::runInWindow(const QString &xvfb, const QString &xdotool, QByteArray *log,
-                                int *exitCode)
+void TestUpdateRun::runInWindow(QByteArray *log, int *exitCode)
 {
-    display = std::make_unique<QProcess>();
-    display->start(xvfb, {"-displayfd", "1", "-screen", "0", "800x600x24", "-nolisten", "tcp"});
-    QVERIFY(display->waitForReadyRead(30000));
-    displayName = QLatin1Char(':') + QString::fromLatin1(display->readLine().trimmed());
+    display = std::make_unique<VirtualDisplay>();
+    QVERIFY(display->start());
 
     QProcess updater;
     startUpdater(&updater, {}, true);
-    auto xdo = [&](const QStringList &arguments) {
-        QProcess tool;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("DISPLAY"), displayName);
-        tool.setProcessEnvironment(environment);
-        tool.start(xdotool, arguments);
-        return tool.waitForFinished(runTimeoutMs) && tool.exitCode() == 0;
-    };
     // Nothing happens until the user presses "Start Update", which has the focus.
-    QVERIFY(xdo({"search", "--sync", "--onlyvisible", "--name", "^Orlivo Client Update$",
-                 "windowfocus", "--sync", "key", "space"}));
+    QVERIFY(display->xdotool({"search", "--sync", "--onlyvisible", "--name",
+                              "^Orlivo Client Update$", "windowfocus", "--sync", "key", "space"}));
     QTRY_VERIFY_WITH_TIMEOUT((*log += updater.readAll()).contains("Update finished, version: 12"),
                              runTimeoutMs);
     // The finished window's button starts the client and closes the window. It lost the focus
     // to "Details" while it was disabled; Shift+Tab gives it back.
-    QVERIFY(xdo({"key", "shift+Tab", "space"}));
+    QVERIFY(display->xdotool({"key", "shift+Tab", "space"}));
     QVERIFY(updater.waitForFinished(runTimeoutMs));
     *log += updater.readAll();
     *exitCode = updater.exitCode();
@@ -370,11 +355,9 @@ void TestUpdateRun::update()
     QByteArray log;
     int exitCode = -1;
     if (onDisplay) {
-        const QString xvfb = QStandardPaths::findExecutable(QStringLiteral("Xvfb"));
-        const QString xdotool = QStandardPaths::findExecutable(QStringLiteral("xdotool"));
-        if (xvfb.isEmpty() || xdotool.isEmpty())
+        if (!VirtualDisplay::isAvailable())
             QSKIP("needs Xvfb and xdotool");
-        runInWindow(xvfb, xdotool, &log, &exitCode);
+        runInWindow(&log, &exitCode);
         if (QTest::currentTestFailed())
             return;
     } else {
