@@ -1,13 +1,24 @@
+#include "app/apppaths.h"
+#include "app/messageboxes.h"
+#include "app/startup.h"
+#include "streams/transportlibrary.h"
+#include "tests/support/loopbackserver.h"
+#include "tests/support/testfiles.h"
+#include "tools/releasepublisher.h"
 #include "ui/mainwindow.h"
-#include "ui/urlclicklabel.h"
+#include "ui/workingdirectory.h"
 
+#include <QAbstractEventDispatcher>
+#include <QApplication>
 #include <QDesktopServices>
+#include <QTcpServer>
 #include <QtTest>
 
-#include <unistd.h>
+#include <sys/stat.h>
 
-// The window as its form builds it, offscreen: layout tree, properties, the details toggle, the
-// clickable logo and the log pane.
+// The window and the runs it controls, in this process against real servers on loopback, up to
+// one window's life from the start button's refusals through a cancelled run and its resumption
+// to starting the client. Message boxes are answered through the seam.
 class TestMainWindow : public QObject
 {
     Q_OBJECT
@@ -16,14 +27,21 @@ public slots:
     void openUrl(const QUrl &url) { opened.append(url); }
 
 private slots:
+    void initTestCase();
     void init();
     void cleanup();
-    void widgetTree();
-    void properties();
-    void detailsToggle();
-    void logoClick_data();
-    void logoClick();
-    void appendText();
+    void widgets();
+    void workingDirectory_data();
+    void workingDirectory();
+    void existingData_data();
+    void existingData();
+    void recordAndRemove();
+    void progress_data();
+    void progress();
+    void germanCatalogue();
+    void earlierSession_data();
+    void earlierSession();
+    void wholeRun();
 
 private:
     template<typename T>
@@ -31,165 +49,469 @@ private:
     {
         return window->findChild<T *>(QLatin1String(name));
     }
+    QStringList logLines() const
+    {
+        return child<QTextEdit>("outputTextEdit")->toPlainText().split(QLatin1Char('\n'));
+    }
 
+    QTemporaryDir scratch;
+    QString tempPath;
+    QString deadUrl;
+    QTemporaryDir mirrorRoot;
+    std::unique_ptr<LoopbackServer> mirror;
     std::unique_ptr<MainWindow> window;
+    QStringList boxes;
+    QMessageBox::StandardButton answer = QMessageBox::Ok;
     QList<QUrl> opened;
+    int testNumber = 0;
 };
 
 namespace {
 
-// The layout and, depth first, its items: "name", or "spacer WxH Horizontal/Vertical", then
-// the cell in a grid.
-void describe(QLayout *layout, QStringList *tree)
+const QString clientType = QStringLiteral("client_linux_amd64");
+const QString storedType = QStringLiteral("client_stored");
+const QByteArray userSettings = "[update]\nproxy=http://127.0.0.1:3128\nstreams=2\n";
+// The one file of the release published as version 7.
+const QString releaseFile = QStringLiteral("libvoice.so");
+const QByteArray releaseBytes = patternBytes(40000, 7);
+constexpr int runTimeoutMs = 60000;
+
+QString appFile(const QString &name)
 {
-    tree->append(layout->objectName());
-    const QMetaEnum policy = QMetaEnum::fromType<QSizePolicy::Policy>();
-    for (int i = 0; i < layout->count(); ++i) {
-        QLayoutItem *item = layout->itemAt(i);
-        if (item->layout()) {
-            describe(item->layout(), tree);
-            continue;
-        }
-        QString text = item->widget() ? item->widget()->objectName() : QString();
-        if (const QSpacerItem *spacer = item->spacerItem()) {
-            text = QStringLiteral("spacer %1x%2 %3/%4")
-                           .arg(spacer->sizeHint().width())
-                           .arg(spacer->sizeHint().height())
-                           .arg(policy.valueToKey(spacer->sizePolicy().horizontalPolicy()),
-                                policy.valueToKey(spacer->sizePolicy().verticalPolicy()));
-        }
-        if (auto *grid = qobject_cast<QGridLayout *>(layout)) {
-            int row, column, rowSpan, columnSpan;
-            grid->getItemPosition(i, &row, &column, &rowSpan, &columnSpan);
-            text += QStringLiteral(" @%1,%2 %3x%4")
-                            .arg(row)
-                            .arg(column)
-                            .arg(rowSpan)
-                            .arg(columnSpan);
-        }
-        tree->append(text);
-    }
+    return getAppRootPath() + QLatin1Char('/') + name;
 }
 
-QWidget *nextTabStop(QWidget *widget)
+QString recorded(const QString &key)
 {
-    do
-        widget = widget->nextInFocusChain();
-    while (!(widget->focusPolicy() & Qt::TabFocus));
-    return widget;
+    const QSettings data(appFile(QStringLiteral("update.ini")), QSettings::IniFormat);
+    return data.value(QStringLiteral("current/") + key).toString();
+}
+
+void writeMirrors(const QStringList &urls)
+{
+    QByteArray list = "[mirrors]\nsize=" + QByteArray::number(urls.size()) + "\n";
+    QByteArray sections;
+    for (int i = 0; i < urls.size(); ++i) {
+        list += QByteArray::number(i + 1) + "\\mirror=m" + QByteArray::number(i) + "\n";
+        sections += "[m" + QByteArray::number(i) + "]\nurl=" + urls.at(i).toUtf8()
+                    + "\nretries=1\ntimeout=0\n";
+    }
+    QVERIFY(writeTestFile(appFile(QStringLiteral("mirrors.ini")), list + sections));
+}
+
+// The one 1000 ms timer the window runs for its speed display, or 0.
+int speedTimerOf(QObject *window)
+{
+    for (const auto &timer : QAbstractEventDispatcher::instance()->registeredTimers(window)) {
+        if (timer.interval == 1000)
+            return timer.timerId;
+    }
+    return 0;
 }
 
 } // namespace
 
+void TestMainWindow::initTestCase()
+{
+    QVERIFY(scratch.isValid());
+    QTcpServer probe;
+    QVERIFY(probe.listen(QHostAddress::LocalHost));
+    deadUrl = QStringLiteral("http://127.0.0.1:%1/").arg(probe.serverPort());
+    probe.close();
+
+    QTemporaryDir release;
+    QVERIFY(writeTestFile(release.filePath(releaseFile), releaseBytes));
+    ReleasePublisher publisher(release.path(), clientType, QStringLiteral("7"), mirrorRoot.path());
+    QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join(QLatin1Char('\n'))));
+    mirror = LoopbackServer::nginx(mirrorRoot.path());
+    QVERIFY(mirror);
+
+    // Each box as "Icon Title: text [buttons]"; none of the program's boxes has a default.
+    setMessageBoxHandler([this](const MessageBoxRequest &box) {
+        const QMetaEnum icons = QMetaEnum::fromType<QMessageBox::Icon>();
+        const QMetaEnum buttons = QMetaEnum::fromType<QMessageBox::StandardButtons>();
+        // Ok is also known as FirstButton.
+        boxes << QStringLiteral("%1 %2: %3 [%4]")
+                         .arg(QLatin1String(icons.valueToKey(box.icon)), box.title, box.text,
+                              QString::fromLatin1(buttons.valueToKeys(int(box.buttons)))
+                                      .remove(QStringLiteral("|FirstButton")));
+        if (box.defaultButton != QMessageBox::NoButton)
+            boxes.last() += QStringLiteral(" with a default");
+        return answer;
+    });
+}
+
 void TestMainWindow::init()
 {
-    window = std::make_unique<MainWindow>(
-            CommandLineOptions{1, QStringLiteral("client_linux_amd64"), 3061});
+    tempPath = scratch.filePath(QStringLiteral("tmp%1").arg(++testNumber));
+    QVERIFY(QDir().mkpath(tempPath));
+    qputenv("TMPDIR", QFile::encodeName(tempPath));
+    boxes.clear();
+    answer = QMessageBox::Ok;
+    window = std::make_unique<MainWindow>(CommandLineOptions{1, clientType, 7});
 }
 
 void TestMainWindow::cleanup()
 {
     window.reset();
+    for (const char *name : {"mirrors.ini", "update.ini", "session_6.ini", "session_7.ini",
+                             "marker", "orvclient_linux_amd64", "libvoice.so"}) {
+        QFile::remove(appFile(QLatin1String(name)));
+    }
 }
 
-void TestMainWindow::widgetTree()
+void TestMainWindow::widgets()
 {
-    QStringList tree;
-    describe(window->layout(), &tree);
-    QCOMPARE(tree, (QStringList{"verticalLayout",       "gridLayout",
-                                "orvLabel @0,0 1x1",    "spacer 10x20 Expanding/Minimum @0,1 1x1",
-                                "orlivoLabel @0,2 2x1", "copyrightLabel @1,0 1x1",
-                                "horizontalLayout_3",   "label_4",
-                                "revnoLabel",           "spacer 20x20 Fixed/Minimum",
-                                "downloadSpeedLabel",   "spacer 10x20 Expanding/Minimum",
-                                "totalSizeLabel",       "label_6",
-                                "totalTotalSizeLabel",  "totalProgressBar",
-                                "outputTextEdit",       "horizontalLayout",
-                                "detailsButton",        "spacer 40x20 Expanding/Minimum",
-                                "startButton"}));
-}
-
-void TestMainWindow::properties()
-{
-    QCOMPARE(window->objectName(), QStringLiteral("MainWindow"));
-    QVERIFY(!window->windowIcon().isNull());
-    QCOMPARE(window->layout()->sizeConstraint(), QLayout::SetFixedSize);
-    QCOMPARE(child<QLabel>("revnoLabel")->text(), QStringLiteral("3061"));
-    QCOMPARE(child<QLabel>("orlivoLabel")->pixmap().size(), QSize(48, 48));
+    QCOMPARE(child<QLabel>("revnoLabel")->text(), QStringLiteral("7"));
+    QVERIFY(!child<QLabel>("orlivoLabel")->pixmap().isNull());
     auto *log = child<QTextEdit>("outputTextEdit");
-    QVERIFY(log->isReadOnly());
     QVERIFY(log->isHidden());
-    auto *details = child<QPushButton>("detailsButton");
-    auto *start = child<QPushButton>("startButton");
-    QVERIFY(details->isCheckable());
-    QVERIFY(start->isDefault());
-    QCOMPARE(nextTabStop(start), details);
-    QCOMPARE(nextTabStop(details), log);
-    QCOMPARE(nextTabStop(log), start);
-}
-
-void TestMainWindow::detailsToggle()
-{
     window->show();
     QVERIFY(QTest::qWaitForWindowExposed(window.get()));
-    auto *details = child<QPushButton>("detailsButton");
     const QSize collapsed = window->size();
 
+    // "Details" shows and hides the log; the window follows its contents and cannot be resized.
+    auto *details = child<QPushButton>("detailsButton");
     QTest::mouseClick(details, Qt::LeftButton);
-    QVERIFY(child<QTextEdit>("outputTextEdit")->isVisible());
+    QVERIFY(log->isVisible());
     QTRY_VERIFY(window->height() > collapsed.height());
     QCOMPARE(window->minimumSize(), window->maximumSize());
-
     QTest::mouseClick(details, Qt::LeftButton);
-    QVERIFY(!child<QTextEdit>("outputTextEdit")->isVisible());
+    QVERIFY(!log->isVisible());
     QTRY_COMPARE(window->size(), collapsed);
-}
 
-void TestMainWindow::logoClick_data()
-{
-    QTest::addColumn<Qt::MouseButton>("button");
-    QTest::addColumn<bool>("urlSet");
-
-    QTest::newRow("left button") << Qt::LeftButton << true;
-    QTest::newRow("right button") << Qt::RightButton << true;
-    QTest::newRow("middle button") << Qt::MiddleButton << true;
-    QTest::newRow("no URL set") << Qt::LeftButton << false;
-}
-
-void TestMainWindow::logoClick()
-{
-    QFETCH(Qt::MouseButton, button);
-    QFETCH(bool, urlSet);
+    // Any mouse button on the logo opens the maker's site.
     QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "openUrl");
-    QDesktopServices::setUrlHandler(QString(), this, "openUrl");
-    opened.clear();
-    UrlClickLabel bare;
-
-    QTest::mousePress(urlSet ? child<UrlClickLabel>("orlivoLabel") : &bare, button);
-
+    QTest::mousePress(child<QLabel>("orlivoLabel"), Qt::LeftButton);
+    QTest::mousePress(child<QLabel>("orlivoLabel"), Qt::RightButton);
     QDesktopServices::unsetUrlHandler(QStringLiteral("https"));
-    QDesktopServices::unsetUrlHandler(QString());
-    QCOMPARE(opened,
-             QList<QUrl>{urlSet ? QUrl(QStringLiteral("https://www.orlivo.com/")) : QUrl()});
+    const QUrl site(QStringLiteral("https://www.orlivo.com/"));
+    QCOMPARE(opened, (QList<QUrl>{site, site}));
 }
 
-void TestMainWindow::appendText()
+void TestMainWindow::workingDirectory_data()
 {
-    QTemporaryFile captured;
-    QVERIFY(captured.open());
-    const int savedStderr = dup(STDERR_FILENO);
-    QVERIFY(dup2(captured.handle(), STDERR_FILENO) >= 0);
-    window->onAppendText(QStringLiteral("Download stream 0 started"));
-    window->onAppendText(QStringLiteral("Größe: 12 KB"));
-    dup2(savedStderr, STDERR_FILENO);
-    close(savedStderr);
+    QTest::addColumn<QStringList>("present"); // "dir N", "link N", "dangling N"
+    QTest::addColumn<int>("chosen");          // -1: none
 
-    QCOMPARE(child<QTextEdit>("outputTextEdit")->toPlainText(),
-             QStringLiteral("Download stream 0 started\nGröße: 12 KB"));
-    QVERIFY(captured.seek(0));
-    QCOMPARE(QString::fromUtf8(captured.readAll()),
-             QStringLiteral("Download stream 0 started\nGröße: 12 KB\n"));
+    QStringList taken;
+    for (int n = 0; n < 999; ++n)
+        taken << QStringLiteral("dir %1").arg(n);
+    QTest::newRow("0 and 1 taken") << QStringList{"dir 0", "dir 1"} << 2;
+    QTest::newRow("links are never taken") << QStringList{"link 0", "dangling 1"} << 2;
+    QTest::newRow("999 is the last candidate") << taken << 999;
+    QTest::newRow("all 1000 taken") << (taken << "dir 999") << -1;
 }
 
-QTEST_MAIN(TestMainWindow)
+void TestMainWindow::workingDirectory()
+{
+    QFETCH(QStringList, present);
+    QFETCH(int, chosen);
+    const QString target = scratch.filePath(QStringLiteral("somebody-else"));
+    QVERIFY(writeTestFile(target + QStringLiteral("/keep"), "not yours"));
+    for (const QString &entry : present) {
+        const QString path = tempPath + QStringLiteral("/orlivo_temp_") + entry.section(' ', 1);
+        if (entry.startsWith(QLatin1String("dir")))
+            QVERIFY(QDir().mkdir(path));
+        else
+            QVERIFY(QFile::link(entry.startsWith(QLatin1String("link")) ? target : target + "/gone",
+                                path));
+    }
+
+    const QString made = createWorkingDirectory(tempPath);
+
+    QCOMPARE(made,
+             chosen < 0 ? QString() : tempPath + QStringLiteral("/orlivo_temp_%1").arg(chosen));
+    QCOMPARE(QDir(target).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList{"keep"});
+    // A private directory of its own, not a link to one.
+    struct stat status = {};
+    QCOMPARE(::lstat(QFile::encodeName(made).constData(), &status) == 0 ? status.st_mode : 0,
+             chosen < 0 ? 0 : S_IFDIR | 0700);
+}
+
+void TestMainWindow::existingData_data()
+{
+    QTest::addColumn<QByteArray>("current");
+    QTest::addColumn<bool>("found");
+
+    QTest::newRow("complete record") << QByteArray("version=7\ntype=t\ndir=@TEMP@\n") << true;
+    QTest::newRow("version empty") << QByteArray("version=\ntype=t\ndir=@TEMP@\n") << false;
+    QTest::newRow("directory empty") << QByteArray("version=7\ntype=t\ndir=\n") << false;
+    QTest::newRow("directory gone") << QByteArray("version=7\ntype=t\ndir=@TEMP@/gone\n") << false;
+}
+
+void TestMainWindow::existingData()
+{
+    QFETCH(QByteArray, current);
+    QFETCH(bool, found);
+    const QByteArray content =
+            userSettings + "[current]\n" + current.replace("@TEMP@", tempPath.toUtf8());
+    QVERIFY(writeTestFile(appFile(QStringLiteral("update.ini")), content));
+
+    QString version = QStringLiteral("untouched"), type = version, dir = version;
+    QCOMPARE(window->getExistingUpdateData(QString(), &version, &type, &dir), found);
+
+    QCOMPARE((QStringList{version, type, dir}),
+             (found ? QStringList{"7", "t", tempPath} : QStringList(3, "untouched")));
+    // Reading never rewrites the file, not even an invalid record.
+    QCOMPARE(readTestFile(appFile(QStringLiteral("update.ini"))), content);
+}
+
+void TestMainWindow::recordAndRemove()
+{
+    // The user's own settings survive the record and its removal.
+    const QString dataFile = appFile(QStringLiteral("update.ini"));
+    QVERIFY(writeTestFile(dataFile, userSettings));
+    window->modifyUpdateData(QStringLiteral("7"), tempPath);
+    QString version, dir, type = QStringLiteral("kept");
+    QVERIFY(window->getExistingUpdateData(getAppRootPath(), &version, nullptr, &dir));
+    QCOMPARE((QStringList{version, type, dir}), (QStringList{"7", "kept", tempPath}));
+    QCOMPARE(recorded(QStringLiteral("type")), clientType);
+    window->cleanupCurrentUpdateDataIniFile();
+    QCOMPARE(readTestFile(dataFile), userSettings);
+}
+
+void TestMainWindow::progress_data()
+{
+    QTest::addColumn<quint64>("current");
+    QTest::addColumn<quint64>("total");
+    QTest::addColumn<int>("barMaximum");
+    QTest::addColumn<int>("barValue");
+    QTest::addColumn<QString>("sizes");
+
+    QTest::newRow("0 of 1 is the busy bar")
+            << Q_UINT64_C(0) << Q_UINT64_C(1) << 0 << 0 << "0 KB/0 KB";
+    QTest::newRow("150 bytes") << Q_UINT64_C(0) << Q_UINT64_C(150) << 1 << 0 << "0 KB/0 KB";
+    QTest::newRow("kilobytes round down")
+            << Q_UINT64_C(1999) << Q_UINT64_C(2999) << 29 << 19 << "1 KB/2 KB";
+    QTest::newRow("beyond 4 GB") << Q_UINT64_C(5000000000) << Q_UINT64_C(10000000000) << 100000000
+                                 << 50000000 << "5000000 KB/10000000 KB";
+}
+
+void TestMainWindow::progress()
+{
+    QFETCH(quint64, current);
+    QFETCH(quint64, total);
+
+    window->onProgressCount(current, total);
+
+    QTEST(child<QProgressBar>("totalProgressBar")->maximum(), "barMaximum");
+    QTEST(child<QProgressBar>("totalProgressBar")->value(), "barValue");
+    QTEST(child<QLabel>("totalSizeLabel")->text() + QLatin1Char('/')
+                  + child<QLabel>("totalTotalSizeLabel")->text(),
+          "sizes");
+}
+
+void TestMainWindow::germanCatalogue()
+{
+    // lupdate brings a copy of the catalogue up to date with the sources: whatever it has to
+    // add is untranslated, whatever it has to retire matches no tr() call any more.
+    const QString copy = tempPath + QStringLiteral("/update_de.ts");
+    QVERIFY(QFile::copy(QStringLiteral(SOURCE_DIR "/resources/update_de.ts"), copy));
+    QStringList arguments{QStringLiteral("-locations"), QStringLiteral("none")};
+    for (const char *folder : {"app", "ui", "session", "streams", "update"})
+        arguments << QStringLiteral(SOURCE_DIR "/") + QLatin1String(folder);
+    QProcess lupdate;
+    lupdate.setProcessChannelMode(QProcess::MergedChannels);
+    lupdate.start(QStringLiteral(LUPDATE), arguments << QStringLiteral("-ts") << copy);
+    QVERIFY(lupdate.waitForFinished(120000));
+    QVERIFY2(lupdate.exitCode() == 0, lupdate.readAll().constData());
+    // Messages marked so (unfinished, vanished, obsolete), and those without a translation.
+    static const QRegularExpression problem(QStringLiteral(
+            "<source>[^<]*</source>\\s*<translation(?: type=\"\\w+\">|></translation>)"));
+    const QString catalogue = QString::fromUtf8(readTestFile(copy));
+    QVERIFY(catalogue.count(QStringLiteral("<source>")) > 30);
+    QStringList problems;
+    for (const QRegularExpressionMatch &match : problem.globalMatch(catalogue))
+        problems << match.captured();
+    QVERIFY2(problems.isEmpty(), qPrintable(problems.join(QLatin1Char('\n'))));
+
+    // And the window speaks it.
+    QTranslator translator;
+    QVERIFY(translator.load(QStringLiteral(":/i18n/update_de.qm")));
+    QCoreApplication::installTranslator(&translator);
+    const auto restore =
+            qScopeGuard([&translator] { QCoreApplication::removeTranslator(&translator); });
+    child<QPushButton>("startButton")->click(); // there is no mirrors.ini
+    window->onProcessCancelled();
+    QCOMPARE(boxes,
+             (QStringList{"Critical Fehler: mirrors.ini fehlt, die Aktualisierung kann nicht "
+                          "beginnen. [Ok]",
+                          "Critical Aktualisierung: Download abgebrochen. Unter „Details“ finden "
+                          "Sie die Gründe. [Ok]"}));
+    QCOMPARE(child<QPushButton>("startButton")->text(), QStringLiteral("Neu starten"));
+}
+
+void TestMainWindow::earlierSession_data()
+{
+    QTest::addColumn<QString>("storedVersion");
+    QTest::addColumn<QStringList>("log");
+    QTest::addColumn<QStringList>("leftInStored"); // what stays where the record points
+
+    QTest::newRow("other version, directory cannot be removed")
+            << "6"
+            << QStringList{"Cleanup previous session (v. 6, @DIR@) files...",
+                           "Failed to remove directory"}
+            << QStringList{"link"};
+    QTest::newRow("a linked directory is not resumed")
+            << "7" << QStringList() << QStringList{"part.bin"};
+}
+
+// A same-version session in a directory of the updater's own is resumed in wholeRun(), one of
+// another version cleaned away in the end-to-end test; a record whose directory is gone is no
+// session at all (existingData()).
+void TestMainWindow::earlierSession()
+{
+    QFETCH(QString, storedVersion);
+    QFETCH(QStringList, log);
+    QFETCH(QStringList, leftInStored);
+    const bool stale = storedVersion == QLatin1String("6");
+
+    // A stale run's directory holding a link (which emptying leaves, so it cannot be removed), or
+    // a link to somebody else's directory.
+    const QString dir = scratch.filePath(QStringLiteral("earlier%1").arg(testNumber));
+    const QString elsewhere = scratch.filePath(QStringLiteral("elsewhere%1").arg(testNumber));
+    QVERIFY(writeTestFile(elsewhere + QStringLiteral("/part.bin"), "partial download"));
+    if (stale) {
+        QVERIFY(writeTestFile(dir + QStringLiteral("/part.bin"), "partial download"));
+        QVERIFY(writeTestFile(dir + QStringLiteral("/sub/.hidden"), "x"));
+        QVERIFY(QFile::link(elsewhere, dir + QStringLiteral("/link")));
+    } else {
+        QVERIFY(QFile::link(elsewhere, dir));
+    }
+    QVERIFY(writeTestFile(appFile(QStringLiteral("update.ini")),
+                          "[current]\nversion=" + storedVersion.toUtf8() + "\ndir=" + dir.toUtf8()
+                                  + "\ntype=" + storedType.toUtf8() + "\n"));
+    const QString sessionFile = appFile(QStringLiteral("session_%1.ini").arg(storedVersion));
+    QVERIFY(writeTestFile(sessionFile, "[s]\n"));
+    writeMirrors({deadUrl});
+
+    child<QPushButton>("startButton")->click();
+    QTRY_VERIFY_WITH_TIMEOUT(child<QPushButton>("startButton")->isEnabled(), runTimeoutMs);
+
+    for (QString &line : log)
+        line.replace(QStringLiteral("@DIR@"), dir);
+    // The start sequence's own lines, whatever the session logs after them.
+    static const QRegularExpression ownLines(QStringLiteral(
+            "^(Previous update session|Cleanup previous session|Ok$|Failed to remove)"));
+    QCOMPARE(logLines().filter(ownLines), log);
+    QCOMPARE(recorded(QStringLiteral("dir")), tempPath + QStringLiteral("/orlivo_temp_0"));
+    QCOMPARE(recorded(QStringLiteral("version")), QStringLiteral("7"));
+    // The stale session's type is taken over, though the session is gone.
+    QCOMPARE(recorded(QStringLiteral("type")), stale ? storedType : clientType);
+    QCOMPARE(QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System
+                                 | QDir::NoDotAndDotDot),
+             leftInStored);
+    QCOMPARE(QDir(elsewhere).entryList(QDir::Files), QStringList{"part.bin"});
+    QCOMPARE(QFileInfo::exists(sessionFile), !stale);
+}
+
+void TestMainWindow::wholeRun()
+{
+    // Stands in for the client: started from the installation, it leaves a mark there.
+    const QString client = appFile(QStringLiteral("orvclient_linux_amd64"));
+    QVERIFY(writeTestFile(client, "#!/bin/sh\necho started > \"$(dirname \"$0\")/marker\"\n"));
+    QFile::setPermissions(client, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    window->show();
+    auto *start = child<QPushButton>("startButton");
+    const auto *bar = child<QProgressBar>("totalProgressBar");
+    const auto *speed = child<QLabel>("downloadSpeedLabel");
+
+    // No mirror list, then no temporary directory: nothing starts and nothing is written.
+    start->click();
+    writeMirrors({deadUrl});
+    qputenv("TMPDIR", QFile::encodeName(tempPath + QStringLiteral("/missing")));
+    start->click();
+    qputenv("TMPDIR", QFile::encodeName(tempPath));
+    QCOMPARE(boxes, (QStringList{"Critical Error: mirrors.ini is missing, cannot proceed. [Ok]",
+                                 "Warning Error: Unable to get temp directory. [Ok]"}));
+    QVERIFY(start->isEnabled());
+    QCOMPARE(start->text(), QStringLiteral("Start Update"));
+    QVERIFY(!QFile::exists(appFile(QStringLiteral("update.ini"))));
+    QVERIFY(QDir(tempPath).isEmpty());
+    // Without a run the window closes without asking.
+    QVERIFY(window->close());
+    window->show();
+
+    // A mirror that sends the product list's headers and then nothing keeps the run going.
+    std::unique_ptr<LoopbackServer> stalling = LoopbackServer::faultHttp(mirrorRoot.path());
+    QVERIFY(stalling);
+    const QString listPath = QStringLiteral("/7/") + clientType + QStringLiteral(".ini");
+    stalling->setFaults(listPath, {QStringLiteral("stall:0")});
+    writeMirrors({stalling->url(QStringLiteral("http"), QStringLiteral("/"))});
+    start->click();
+    QVERIFY(!start->isEnabled());
+    QTRY_VERIFY(stalling->logLines().join('\n').contains(listPath + QStringLiteral(" stall:0")));
+
+    // The speed is the average since the press, one tick a second.
+    QTimerEvent tick(speedTimerOf(window.get()));
+    QVERIFY(tick.timerId() > 0);
+    QCoreApplication::sendEvent(window.get(), &tick);
+    QCOMPARE(speed->text(), QStringLiteral("0 KB/s"));
+    window->onProgressCount(500000, 1000000);
+    for (int i = 0; i < 9; ++i)
+        QCoreApplication::sendEvent(window.get(), &tick);
+    QCOMPARE(speed->text(), QStringLiteral("50 KB/s"));
+
+    // Closing asks first: No keeps the window, Yes lets it go but leaves the run alone.
+    answer = QMessageBox::No;
+    QVERIFY(!window->close());
+    QVERIFY(window->isVisible());
+    answer = QMessageBox::Yes;
+    QVERIFY(window->close());
+    const QString question = QStringLiteral("Question Question: <p>Update in progress.</p><p>Are "
+                                            "you sure you want to abort?</p> [Yes|No]");
+    QCOMPARE(boxes.mid(2), (QStringList{question, question}));
+    QVERIFY(!start->isEnabled());
+    window->show();
+
+    // The mirror goes: the run is cancelled, and its directory and record are kept.
+    answer = QMessageBox::Ok;
+    stalling.reset();
+    QTRY_VERIFY_WITH_TIMEOUT(start->isEnabled(), runTimeoutMs);
+    QCOMPARE(start->text(), QStringLiteral("Restart"));
+    QCOMPARE(boxes.mid(4), QStringList{"Critical Update: Download cancelled. Push \"Details\" to "
+                                       "check reasons. [Ok]"});
+    QCOMPARE(bar->maximum(), 1);
+    QCOMPARE(bar->value(), 0);
+    QCOMPARE(logLines().last(), QStringLiteral("Download cancelled"));
+    QCOMPARE(speedTimerOf(window.get()), 0);
+    QCOMPARE(speed->text(), QStringLiteral("50 KB/s"));
+    const QString dir = recorded(QStringLiteral("dir"));
+    QCOMPARE(dir, tempPath + QStringLiteral("/orlivo_temp_0"));
+    QVERIFY(QFileInfo(dir).isDir());
+
+    // A mirror is back: "Restart" resumes in the same directory and installs the release.
+    writeMirrors({deadUrl, mirror->url(QStringLiteral("http"), QStringLiteral("/"))});
+    start->click();
+    QTRY_VERIFY_WITH_TIMEOUT(start->isEnabled(), runTimeoutMs);
+    const QStringList lines = logLines();
+    QVERIFY(lines.contains(QStringLiteral("Previous update session for v. 7 found")));
+    QCOMPARE(lines.mid(lines.size() - 3),
+             (QStringList{"Remove temporary files...", "Temporary files removed.",
+                          "Update finished, version: 7"}));
+    QCOMPARE(start->text(), QStringLiteral("Start Orlivo"));
+    QCOMPARE(boxes.size(), 5);
+    QCOMPARE(readTestFile(appFile(releaseFile)), releaseBytes);
+    QCOMPARE(QDir(tempPath).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+    QCOMPARE(recorded(QStringLiteral("dir")), QString());
+    QCOMPARE(bar->maximum(), bar->value());
+
+    // "Start Orlivo" starts the client from the program's directory and closes the window.
+    start->click();
+    QVERIFY(!window->isVisible());
+    QTRY_COMPARE_WITH_TIMEOUT(readTestFile(appFile(QStringLiteral("marker"))),
+                              QByteArray("started\n"), runTimeoutMs);
+}
+
+int main(int argc, char *argv[])
+{
+    TransportLibrary transportLibrary;
+    registerMetaTypes();
+    QApplication application(argc, argv);
+    TestMainWindow test;
+    QTEST_SET_MAIN_SOURCE_PATH
+    return QTest::qExec(&test, argc, argv);
+}
+
 #include "tst_mainwindow.moc"
