@@ -5,9 +5,9 @@ set -euo pipefail
 packages=(
     cmake ninja-build g++ pkg-config
     qt6-base-dev qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools libgl-dev
-    libcurl4-openssl-dev zlib1g-dev
+    libcurl4-openssl-dev libssl-dev zlib1g-dev
     nginx-light python3 python3-pyftpdlib tinyproxy openssl ca-certificates
-    xvfb xauth xdotool imagemagick fonts-dejavu-core
+    xvfb xauth xdotool imagemagick fonts-dejavu-core time
 )
 
 missing=()

@@ -19,6 +19,9 @@ constexpr long defaultStallTimeoutSeconds = 60;
 constexpr long maximumRedirects = 5;
 constexpr int defaultProxyPort = 3128;
 constexpr char userAgent[] = "Orlivo Update";
+// Large bodies come in fewer, larger blocks than libcurl's 16 KiB; small ones keep the default,
+// which costs nothing to set up for each of thousands of files.
+constexpr long largeReceiveBuffer = 262144;
 
 // Ids are unique in the process, so an id kept from an earlier transport never matches a new one.
 int lastCommandId = 0;
@@ -289,6 +292,8 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
     set(CURLOPT_WRITEFUNCTION, writeCallback);
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    if (current && current->expectedLength > largeReceiveBuffer)
+        set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
 
     // An empty proxy and an empty exception list keep the environment's proxy settings out.
     set(CURLOPT_PROXY, proxyAddress.constData());

@@ -1,6 +1,7 @@
 #include "streams/singlefiledownloadstream.h"
 
 #include "streams/curltransport.h"
+#include "streams/hashingfile.h"
 #include "tasks/pathsafety.h"
 #include "update/checksums.h"
 
@@ -135,6 +136,7 @@ bool SingleFileDownloadStream::enterState(DownloadStream_State state)
 bool SingleFileDownloadStream::finalCheckCurrentFile()
 {
     const qint64 length = file->size();
+    const QString written = file->writtenMD5();
     file->close();
     file.reset();
 
@@ -149,7 +151,8 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
             }
             return false;
         }
-        if (getFileMD5Ex(localPath).compare(md5, Qt::CaseInsensitive) != 0) {
+        const QString actual = written.isEmpty() ? getFileMD5Ex(localPath) : written;
+        if (actual.compare(md5, Qt::CaseInsensitive) != 0) {
             QFile::remove(localPath);
             if (enterState(DownloadStream_Connected)) {
                 emit fileError(DownloadStream_ChecksumError,
@@ -268,8 +271,9 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
             return {};
         }
     }
-    file = std::make_unique<QFile>(localPath);
-    if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+    file = std::make_unique<HashingFile>(localPath);
+    // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
+    if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         file.reset();
         emit fileError(DownloadStream_LocalFileError,
                        QStringLiteral("ERROR: failed creating %1").arg(localPath));

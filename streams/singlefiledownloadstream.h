@@ -11,6 +11,7 @@
 #include <memory>
 
 class CurlTransport;
+class HashingFile;
 class QFile;
 
 // One connection to one mirror over which files are fetched one at a time into destDir, with
@@ -85,7 +86,7 @@ protected:
     QUrl proxy;
     QString remotePath;
     QString localPath;
-    std::unique_ptr<QFile> file;
+    std::unique_ptr<HashingFile> file;
     QString md5;
     qint64 size = 0;
     qint64 done = 0;

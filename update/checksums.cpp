@@ -1,16 +1,18 @@
 #include "update/checksums.h"
 
-#include <QCryptographicHash>
+#include "update/md5hash.h"
+
 #include <QFile>
 
 namespace {
 
-constexpr qint64 blockSize = 16384;
+// Large enough that the system calls cost little beside the hashing of the block.
+constexpr qint64 blockSize = 65536;
 
 // A read error gives an empty text rather than the checksum of what happened to be read.
 QString hashFromCurrentPosition(QFile &file)
 {
-    QCryptographicHash hash(QCryptographicHash::Md5);
+    Md5Hash hash;
     char buffer[blockSize];
     for (;;) {
         const qint64 n = file.read(buffer, blockSize);
@@ -18,9 +20,9 @@ QString hashFromCurrentPosition(QFile &file)
             return QString();
         if (n == 0)
             break;
-        hash.addData(QByteArrayView(buffer, n));
+        hash.addData(buffer, n);
     }
-    return QString::fromLatin1(hash.result().toHex());
+    return hash.result();
 }
 
 } // namespace
@@ -34,13 +36,15 @@ QString getFileMD5(const QString &path)
     if (file.error() != QFileDevice::NoError)
         return QString();
     file.close();
-    return QString::fromLatin1(QCryptographicHash::hash(content, QCryptographicHash::Md5).toHex());
+    Md5Hash hash;
+    hash.addData(content.constData(), content.size());
+    return hash.result();
 }
 
 QString getFileMD5Ex(const QString &path)
 {
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return QString();
     return hashFromCurrentPosition(file);
 }

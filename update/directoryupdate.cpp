@@ -4,6 +4,7 @@
 #include "app/runningfiles.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
+#include "update/filecopy.h"
 #include "update/gzip.h"
 
 #include <QDir>
@@ -94,13 +95,17 @@ QString DirectoryUpdate::installFile(const FileSpecification &entry, const QStri
 
     const QString relativeSource = entry.directory + QLatin1Char('/') + entry.name;
     if (!entry.unpackedName.isEmpty()) {
-        if (!unzipFile(target, source))
+        // What a successful unpacking wrote is the file: its checksum needs no second reading.
+        QString unpackedMd5;
+        if (!unzipFileWithMD5(target, source, &unpackedMd5)) {
             fail(QStringLiteral("Can't unzip %1!").arg(relativeSource));
-        if (getFileMD5Ex(target) != entry.unpackedMd5)
+            unpackedMd5 = getFileMD5Ex(target);
+        }
+        if (unpackedMd5 != entry.unpackedMd5)
             fail(QStringLiteral("Wrong checksum %1!").arg(target));
         if (quint64(QFileInfo(target).size()) != entry.unpackedSize)
             fail(QStringLiteral("Wrong length %1!").arg(target));
-    } else if (!QFile::copy(source, target)) {
+    } else if (!copyFile(source, target)) {
         fail(QStringLiteral("Can't copy %1!").arg(relativeSource));
     }
     makeSingleFileExecutable(target);

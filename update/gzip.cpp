@@ -1,12 +1,16 @@
 #include "update/gzip.h"
 
+#include "update/md5hash.h"
+
 #include <QFile>
 
 #include <zlib.h>
 
 namespace {
 
-constexpr unsigned blockSize = 16384;
+constexpr unsigned blockSize = 65536;
+// zlib reads the packed file through a buffer of its own, 8 KiB unless told otherwise.
+constexpr unsigned packedBufferSize = 131072;
 
 gzFile openGzip(const QString &path, const char *mode)
 {
@@ -21,9 +25,8 @@ bool failAndRemove(gzFile gzip, QFile &output)
     return false;
 }
 
-} // namespace
-
-bool unzipFile(const QString &destination, const QString &source)
+// Unpacks source into destination, adding what it writes to hash when there is one.
+bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
 {
     QFile output(destination);
     if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
@@ -31,6 +34,7 @@ bool unzipFile(const QString &destination, const QString &source)
     gzFile gzip = openGzip(source, "rb");
     if (!gzip)
         return false;
+    gzbuffer(gzip, packedBufferSize);
     gzrewind(gzip);
     char buffer[blockSize];
     for (;;) {
@@ -41,6 +45,8 @@ bool unzipFile(const QString &destination, const QString &source)
             break;
         if (output.write(buffer, n) < n)
             return failAndRemove(gzip, output);
+        if (hash)
+            hash->addData(buffer, n);
     }
     // gzread ends a stream cut short like a complete one; only the error state tells them apart.
     int error = Z_OK;
@@ -52,6 +58,22 @@ bool unzipFile(const QString &destination, const QString &source)
         output.remove();
         return false;
     }
+    return true;
+}
+
+} // namespace
+
+bool unzipFile(const QString &destination, const QString &source)
+{
+    return unpack(destination, source, nullptr);
+}
+
+bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5)
+{
+    Md5Hash hash;
+    if (!unpack(destination, source, &hash))
+        return false;
+    *md5 = hash.result();
     return true;
 }
 
