@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# The benchmark in one command on a fresh Debian 12 machine: installs what is missing (the
+# project's packages, then the peers and measuring tools), builds in Release and runs
+# bench/bench.py with the given options. See bench/README.md.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+
+extras=(aria2 curl time linux-perf)
+missing=()
+for p in "${extras[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+    sudo=""
+    [ "$(id -u)" -ne 0 ] && sudo="sudo"
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+exec /usr/bin/python3 bench/bench.py "$@"

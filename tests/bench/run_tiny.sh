@@ -1,0 +1,14 @@
+#!/bin/bash
+# Runs the benchmark harness in its tiny mode and checks that it finished and printed a result
+# for every workload. Timings are never judged here.
+# usage: run_tiny.sh UPDATE-BINARY UPDATE-PUBLISH-BINARY WORK-DIRECTORY
+set -euo pipefail
+repo=$(cd "$(dirname "$0")/../.." && pwd)
+out=$(/usr/bin/python3 "$repo/bench/bench.py" --tiny --update "$1" --publish "$2" --work "$3")
+echo "$out"
+for workload in big-http big-ftp resume-http small-http; do
+    if ! grep -q "^| $workload | updater |" <<<"$out"; then
+        echo "no result for $workload" >&2
+        exit 1
+    fi
+done
