@@ -15,7 +15,7 @@ int modeOf(const QString &path)
 {
     struct stat status = {};
     return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777)
-                                                                      : -1;
+                                                                     : -1;
 }
 
 QByteArray text(int lines)
@@ -114,29 +114,30 @@ void tst_CopyAndHash::copiesContentAndMode()
 
 void tst_CopyAndHash::copyRefusals_data()
 {
-    QTest::addColumn<QString>("source");
-    QTest::addColumn<QString>("target");
+    QTest::addColumn<QStringList>("paths");      // source, target
     QTest::addColumn<QByteArray>("targetAfter"); // what stands at target afterwards, if anything
 
-    QTest::newRow("target exists") << "plain" << "existing" << QByteArray("kept as it was");
-    QTest::newRow("source missing") << "missing" << "new" << QByteArray();
-    QTest::newRow("source is a directory") << "folder" << "new" << QByteArray();
-    QTest::newRow("target directory missing") << "plain" << "no/such/dir/new" << QByteArray();
+    QTest::newRow("target exists")
+            << QStringList{"plain", "existing"} << QByteArray("kept as it was");
+    QTest::newRow("source missing") << QStringList{"missing", "new"} << QByteArray();
+    QTest::newRow("source is a directory") << QStringList{"folder", "new"} << QByteArray();
+    QTest::newRow("target directory missing")
+            << QStringList{"plain", "no/such/dir/new"} << QByteArray();
 }
 
 void tst_CopyAndHash::copyRefusals()
 {
-    QFETCH(QString, source);
-    QFETCH(QString, target);
+    QFETCH(QStringList, paths);
     QFETCH(QByteArray, targetAfter);
 
     QVERIFY(writeTestFile(dir->filePath("plain"), "plain content"));
     QVERIFY(writeTestFile(dir->filePath("existing"), "kept as it was"));
     QVERIFY(QDir(dir->path()).mkdir("folder"));
 
-    QVERIFY(!copyFile(dir->filePath(source), dir->filePath(target)));
-    QCOMPARE(QFileInfo::exists(dir->filePath(target)), !targetAfter.isEmpty());
-    QCOMPARE(readTestFile(dir->filePath(target)), targetAfter);
+    const QString target = dir->filePath(paths.at(1));
+    QVERIFY(!copyFile(dir->filePath(paths.at(0)), target));
+    QCOMPARE(QFileInfo::exists(target), !targetAfter.isEmpty());
+    QCOMPARE(readTestFile(target), targetAfter);
 }
 
 void tst_CopyAndHash::unzipGivesChecksumOfWhatItWrote_data()
