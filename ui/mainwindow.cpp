@@ -28,6 +28,10 @@ const QString mirrorsFileName = QStringLiteral("mirrors.ini");
 const QString currentGroup = QStringLiteral("current");
 constexpr int speedTickMs = 1000;
 constexpr int sessionStreams = 4;
+// The bar and the size labels follow the progress at most this often: with thousands of small
+// files, repainting the bar and laying the window out again for every file cost more than the
+// files themselves, and nobody sees changes faster than this.
+constexpr qint64 progressRefreshMs = 50;
 
 QString updateDataPath(const QString &dir)
 {
@@ -67,6 +71,8 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     ui.orlivoLabel->setUrl(makerWebAddress);
     ui.revnoLabel->setText(QString::number(clientVersion));
     ui.outputTextEdit->hide();
+    progressRefresh.setSingleShot(true);
+    connect(&progressRefresh, &QTimer::timeout, this, &MainWindow::showProgress);
 }
 
 bool MainWindow::getExistingUpdateData(QString baseDir, QString *version, QString *type,
@@ -260,6 +266,7 @@ bool MainWindow::copyTemporaryOnly()
     update.updateContent(options.runMode == 2, tempDir,
                          tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"),
                          getAppRootPath());
+    flushProgress();
     onAppendText(QStringLiteral("Updated files copied"));
     return true;
 }
@@ -289,15 +296,36 @@ void MainWindow::cleanupCurrentUpdateFiles()
 
 void MainWindow::onProgressUpdate(quint64 current, quint64 total)
 {
-    // The bar counts in units of 100 bytes, so that large downloads fit its int range.
-    const int maximum = int(float(total) / 100.0);
-    if (maximum != ui.totalProgressBar->maximum())
-        ui.totalProgressBar->setMaximum(maximum);
-    ui.totalProgressBar->setValue(int(float(current) / 100.0));
-    ui.totalSizeLabel->setText(tr("%1 KB").arg(current / 1000));
-    ui.totalTotalSizeLabel->setText(tr("%1 KB").arg(total / 1000));
     totalKB = total / 1000;
     downloadedKB = current / 1000;
+    progressCurrent = current;
+    progressTotal = total;
+    if (progressRefresh.isActive())
+        return;
+    const qint64 sinceShown = progressShown.isValid() ? progressShown.elapsed() : progressRefreshMs;
+    if (sinceShown >= progressRefreshMs)
+        showProgress();
+    else
+        progressRefresh.start(int(progressRefreshMs - sinceShown));
+}
+
+void MainWindow::showProgress()
+{
+    progressRefresh.stop();
+    progressShown.start();
+    // The bar counts in units of 100 bytes, so that large downloads fit its int range.
+    const int maximum = int(float(progressTotal) / 100.0);
+    if (maximum != ui.totalProgressBar->maximum())
+        ui.totalProgressBar->setMaximum(maximum);
+    ui.totalProgressBar->setValue(int(float(progressCurrent) / 100.0));
+    ui.totalSizeLabel->setText(tr("%1 KB").arg(progressCurrent / 1000));
+    ui.totalTotalSizeLabel->setText(tr("%1 KB").arg(progressTotal / 1000));
+}
+
+void MainWindow::flushProgress()
+{
+    if (progressRefresh.isActive())
+        showProgress();
 }
 
 void MainWindow::onDownloadInitiated()
@@ -334,6 +362,8 @@ void MainWindow::onProcessCancelled()
     delete std::exchange(session, nullptr);
     onAppendText(QStringLiteral("Download cancelled"));
 
+    // A refresh still pending would undo the reset below.
+    flushProgress();
     QProgressBar *bar = ui.totalProgressBar;
     if (bar->maximum() == 0 && bar->value() == 0) {
         bar->setMaximum(1);

@@ -4,7 +4,9 @@
 #include "session/initialparameters.h"
 #include "ui_mainwindow.h"
 
+#include <QElapsedTimer>
 #include <QString>
+#include <QTimer>
 #include <QWidget>
 
 class FTPProductDownloadSession;
@@ -58,6 +60,10 @@ private:
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
                                         bool resume) const;
     void stopSpeedTimer();
+    // Puts the latest progress on the bar and the size labels.
+    void showProgress();
+    // Shows at once what a pending refresh would show later.
+    void flushProgress();
 
     // Installs the downloaded files; true even when some of them failed (the log tells).
     bool copyTemporaryOnly();
@@ -74,6 +80,10 @@ private:
     quint64 downloadedKB = 0;
     quint64 totalKB = 0;
     quint64 elapsedSeconds = 0;
+    quint64 progressCurrent = 0;
+    quint64 progressTotal = 0;
+    QElapsedTimer progressShown;
+    QTimer progressRefresh;
     bool updateDone = false;
     QString tempDir;
 };

@@ -38,6 +38,7 @@ private slots:
     void recordAndRemove();
     void progress_data();
     void progress();
+    void progressBurst();
     void germanCatalogue();
     void earlierSession_data();
     void earlierSession();
@@ -300,6 +301,26 @@ void TestMainWindow::progress()
     QTEST(child<QLabel>("totalSizeLabel")->text() + QLatin1Char('/')
                   + child<QLabel>("totalTotalSizeLabel")->text(),
           "sizes");
+}
+
+// Thousands of small files send progress faster than the bar is redrawn: the last values
+// of a burst still reach the widgets, and a cancellation's reset is not undone by them.
+void TestMainWindow::progressBurst()
+{
+    const auto *bar = child<QProgressBar>("totalProgressBar");
+    const auto *size = child<QLabel>("totalSizeLabel");
+    for (quint64 done = 0; done <= 300000; done += 1000)
+        window->onProgressCount(done, 600000);
+    QTRY_COMPARE(bar->value(), 3000);
+    QCOMPARE(size->text(), QStringLiteral("300 KB"));
+
+    window->onProgressCount(400000, 600000);
+    window->onProgressCount(500000, 600000);
+    window->onProcessCancelled();
+    QCOMPARE(size->text(), QStringLiteral("500 KB"));
+    QTest::qWait(100);
+    QCOMPARE(bar->maximum(), 1);
+    QCOMPARE(bar->value(), 0);
 }
 
 void TestMainWindow::germanCatalogue()
