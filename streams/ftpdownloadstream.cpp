@@ -20,10 +20,7 @@ int FTPDownloadStream::kind() const
 void FTPDownloadStream::initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                            int timeout)
 {
-    internalInitDownloadParams(url, proxy, retries, timeout);
-    releaseTransport(transport);
-    dropCurrentFile();
-    transport = createTransport();
+    replaceTransport(url, proxy, retries, timeout);
     connect(transport, &CurlTransport::commandFinished, this,
             &FTPDownloadStream::onFtpCommandFinished);
     connect(transport, &CurlTransport::dataTransferProgress, this,
@@ -36,18 +33,11 @@ void FTPDownloadStream::initiateConnection(const QUrl &url, const QString &proxy
     loginRequestId = transport->login(url.userName(), url.password());
 }
 
-void FTPDownloadStream::cancel()
-{
-    releaseTransport(transport);
-    SingleFileDownloadStream::cancel();
-}
-
 void FTPDownloadStream::checkGetFilePrerequisitions() {}
 
 int FTPDownloadStream::createFileRequest(QString path, QFile *file)
 {
-    // Only a file with a checksum has a known length to hold the server to.
-    return transport->get(path, file, md5.isEmpty() ? -1 : size);
+    return requestFile(path, file);
 }
 
 void FTPDownloadStream::onFtpCommandFinished(int id, bool error)
@@ -66,6 +56,6 @@ void FTPDownloadStream::onFtpCommandFinished(int id, bool error)
             emit connected();
     } else if (id == fileRequestId) {
         fileRequestId = -1;
-        handleFileRequestFinished(*transport, error);
+        handleFileRequestFinished(error);
     }
 }

@@ -21,10 +21,7 @@ int HTTPDownloadStream::kind() const
 void HTTPDownloadStream::initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                             int timeout)
 {
-    internalInitDownloadParams(url, proxy, retries, timeout);
-    releaseTransport(transport);
-    dropCurrentFile();
-    transport = createTransport();
+    replaceTransport(url, proxy, retries, timeout);
     connect(transport, &CurlTransport::commandFinished, this,
             &HTTPDownloadStream::onHttpRequestFinished);
     connect(transport, &CurlTransport::dataTransferProgress, this,
@@ -40,20 +37,13 @@ void HTTPDownloadStream::initiateConnection(const QUrl &url, const QString &prox
             url.userName().isEmpty() ? -1 : transport->login(url.userName(), url.password());
 }
 
-void HTTPDownloadStream::cancel()
-{
-    releaseTransport(transport);
-    SingleFileDownloadStream::cancel();
-}
-
 void HTTPDownloadStream::checkGetFilePrerequisitions() {}
 
 int HTTPDownloadStream::createFileRequest(QString path, QFile *file)
 {
     connectRequestId = -1;
     loginRequestId = -1;
-    // Only a file with a checksum has a known length to hold the server to.
-    return transport->get(path, file, md5.isEmpty() ? -1 : size);
+    return requestFile(path, file);
 }
 
 void HTTPDownloadStream::onHttpRequestFinished(int id, bool error)
@@ -75,7 +65,7 @@ void HTTPDownloadStream::onHttpRequestFinished(int id, bool error)
     } else {
         if (id == fileRequestId) {
             fileRequestId = -1;
-            handleFileRequestFinished(*transport, error);
+            handleFileRequestFinished(error);
         }
         return;
     }

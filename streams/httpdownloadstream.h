@@ -3,7 +3,7 @@
 #include "streams/singlefiledownloadstream.h"
 
 // A download stream over HTTP or HTTPS: the connect step reaches the server with a light
-// request, files travel over one kept-alive connection. Owns its transport.
+// request, files travel over one kept-alive connection.
 class HTTPDownloadStream : public SingleFileDownloadStream
 {
     Q_OBJECT
@@ -14,14 +14,10 @@ public:
     int kind() const override;
     void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                             int timeout) override;
-    void cancel() override;
     void checkGetFilePrerequisitions() override;
     int createFileRequest(QString path, QFile *file) override;
 
 public slots:
     void onHttpRequestFinished(int id, bool error);
     void onDataReadProgress(qint64 done, qint64 total);
-
-private:
-    CurlTransport *transport = nullptr;
 };

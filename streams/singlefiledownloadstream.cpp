@@ -58,6 +58,7 @@ void SingleFileDownloadStream::getProgress(unsigned long long *done, unsigned lo
 
 void SingleFileDownloadStream::cancel()
 {
+    releaseTransport();
     dropCurrentFile();
     setState(DownloadStream_Idle);
 }
@@ -198,18 +199,21 @@ void SingleFileDownloadStream::dropCurrentFile()
     discardFile();
 }
 
-CurlTransport *SingleFileDownloadStream::createTransport()
+void SingleFileDownloadStream::replaceTransport(const QUrl &url, const QString &proxy, int retries,
+                                                int timeout)
 {
-    auto *transport = new CurlTransport(this);
-    transport->setProxy(proxy);
+    internalInitDownloadParams(url, proxy, retries, timeout);
+    releaseTransport();
+    dropCurrentFile();
+    transport = new CurlTransport(this);
+    transport->setProxy(this->proxy);
     if (stallTimeout > 0)
         transport->setStallTimeout(stallTimeout);
     if (!trustedCaFile.isEmpty())
         transport->setTrustedCaFile(trustedCaFile);
-    return transport;
 }
 
-void SingleFileDownloadStream::releaseTransport(CurlTransport *&transport)
+void SingleFileDownloadStream::releaseTransport()
 {
     if (!transport)
         return;
@@ -220,22 +224,28 @@ void SingleFileDownloadStream::releaseTransport(CurlTransport *&transport)
     transport = nullptr;
 }
 
-void SingleFileDownloadStream::handleFileRequestFinished(const CurlTransport &transport, bool error)
+int SingleFileDownloadStream::requestFile(const QString &path, QFile *file)
+{
+    // Only a file with a checksum has a known length to hold the server to.
+    return transport->get(path, file, md5.isEmpty() ? -1 : size);
+}
+
+void SingleFileDownloadStream::handleFileRequestFinished(bool error)
 {
     if (!error) {
         finalCheckCurrentFile();
         return;
     }
-    switch (transport.error()) {
+    switch (transport->error()) {
     case CurlTransport::BodyTooLong:
         // The surplus bytes are in the file, so the length check reports them.
         finalCheckCurrentFile();
         break;
     case CurlTransport::RequestRefused:
-        handleFileRequestError(transport.errorString(), false);
+        handleFileRequestError(transport->errorString(), false);
         break;
     default:
-        handleFileRequestError(transport.errorString());
+        handleFileRequestError(transport->errorString());
         break;
     }
 }

@@ -16,8 +16,9 @@ class QFile;
 
 // One connection to one mirror over which files are fetched one at a time into destDir, with
 // repeated attempts after a wait and a final length and checksum check. Owns the open local file
-// (the variants own their transport). fileFinished() is posted to the event loop, never emitted
-// from inside the transport; after cancel() no further signal but stateChanged(Idle) comes.
+// and the transport, which the variants drive. fileFinished() is posted to the event loop, never
+// emitted from inside the transport; after cancel() no further signal but stateChanged(Idle)
+// comes.
 class SingleFileDownloadStream : public QObject
 {
     Q_OBJECT
@@ -69,14 +70,12 @@ protected:
     // With repeatable false the file is given up at once, without waiting.
     void handleFileRequestError(const QString &text, bool repeatable = true);
 
-    // Stops whatever was under way for the current file and deletes its local file, so that a
-    // new connection starts clean.
-    void dropCurrentFile();
-    // A transport with the proxy and the test settings applied, owned by this stream.
-    CurlTransport *createTransport();
-    // Silences, stops and discards a transport, so that nothing more comes from it.
-    static void releaseTransport(CurlTransport *&transport);
-    void handleFileRequestFinished(const CurlTransport &transport, bool error);
+    // Takes the connection parameters and a fresh transport with the proxy and the test settings
+    // applied; the previous transport and the current file go with whatever was under way.
+    void replaceTransport(const QUrl &url, const QString &proxy, int retries, int timeout);
+    // Fetches the current file into file; returns the request id.
+    int requestFile(const QString &path, QFile *file);
+    void handleFileRequestFinished(bool error);
 
     DownloadStream_State state = DownloadStream_Idle;
     QDir destDir;
@@ -95,8 +94,14 @@ protected:
     int fileRequestId = -1;
     int attempt = 0;
     bool repeatPending = false;
+    CurlTransport *transport = nullptr;
 
 private:
+    // Stops whatever was under way for the current file and deletes its local file, so that a
+    // new connection starts clean.
+    void dropCurrentFile();
+    // Silences, stops and discards the transport, so that nothing more comes from it.
+    void releaseTransport();
     QString prepareFile(const QString &remotePath, const QString &md5, qint64 size,
                         bool firstAttempt);
     void discardFile();
