@@ -112,9 +112,6 @@ void tst_TaskList::entries_data()
     QTest::addColumn<QByteArray>("ini");
     QTest::addColumn<QString>("entry"); // empty when the entry must fail the whole read
 
-    QTest::newRow("two fields") << QByteArray("[d]\nf=abc::42") << "0 | d | f | abc | 42 |  | 0 | ";
-    QTest::newRow("five fields") << QByteArray("[d]\nf=abc::42::def::99::x.dll")
-                                 << "0 | d | f | abc | 42 | def | 99 | x.dll";
     QTest::newRow("five fields, no name")
             << QByteArray("[d]\nf=abc::1::def::2::") << "0 | d | f | abc | 1 | def | 2 | ";
     QTest::newRow("size not a number")
@@ -124,7 +121,6 @@ void tst_TaskList::entries_data()
     QTest::newRow("dots inside names") << QByteArray("[d.]\na..b/..c=x::1::y::2::.d/e..")
                                        << "0 | d. | a..b/..c | x | 1 | y | 2 | .d/e..";
     QTest::newRow("three fields") << QByteArray("[d]\nf=abc::1::def") << QString();
-    QTest::newRow("six fields") << QByteArray("[d]\nf=a::1::b::2::c::d") << QString();
     QTest::newRow("directory: control character") << QByteArray("[b%01]\nf=x::1") << QString();
     QTest::newRow("name: parent inside") << QByteArray("[d]\nlib/../../x=x::1") << QString();
     QTest::newRow("unpacked name: absolute")
@@ -206,8 +202,6 @@ void tst_TaskList::marks_data()
     QTest::addColumn<Flags>("flags");
     QTest::addColumn<Counters>("counters");
 
-    QTest::newRow("ready after a gap")
-            << "R1" << Flags{0, 5, 0, 0} << Counters{1, -1, 10, 1, -1, 10};
     QTest::newRow("run reaches past later marks")
             << "R0 R2 R3 R1" << Flags{5, 5, 5, 5} << Counters{4, 3, 1111, 4, 3, 1111};
     QTest::newRow("marked twice counts once")

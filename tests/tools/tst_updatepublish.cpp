@@ -88,8 +88,7 @@ void installAndCompare(const QString &list, const QString &install, const Tree &
     QVERIFY(update.updateContent(true, QFileInfo(list).path(), list, install));
     const Tree installed = treeBelow(install, QDir::Files);
     QCOMPARE(installed.keys(), expected.keys());
-    for (auto it = expected.cbegin(); it != expected.cend(); ++it)
-        QVERIFY2(installed.value(it.key()) == it.value(), qPrintable(it.key()));
+    QVERIFY(installed == expected);
 }
 
 // Replaces one field of a listed value, as a hand-edited or stale list would carry it.
@@ -277,8 +276,11 @@ void tst_UpdatePublish::errors_data()
          "version \"99999999999\" is not a decimal number (digits only, no leading zeros)",
          "release directory %R/file is not a directory"},
         "file");
-    row("empty release", {"%R/empty", "client", "12", root},
-        {"release directory %R/empty holds no files"}, "empty");
+    row("empty release, missing previous release",
+        {"--previous", "%R/none", "%R/empty", "client", "12", root},
+        {"release directory %R/empty holds no files",
+         "previous release %R/none is neither a directory nor a readable product list"},
+        "empty");
     row("version directory blocked", publish, {"cannot create directory %R/mirror/12/client.lib"},
         "blocked");
     row("output inside the release", {release, "client", "12", "%R/release/out"},
@@ -295,8 +297,6 @@ void tst_UpdatePublish::errors_data()
         {"%R/mirror/12/client.ini exists already; use --force to replace it"}, "published");
     row("unknown packing", QStringList{"--pack", "some"} + publish,
         {"--pack takes all, none or auto, not \"some\""});
-    row("missing previous release", QStringList{"--previous", "%R/none"} + publish,
-        {"previous release %R/none is neither a directory nor a readable product list"});
     row("too few arguments", {release, "client"},
         {"expected RELEASE TYPE VERSION ROOT, got 2 arguments (see --help)"});
     row("check without a list", {"--check", "%R/mirror/12/client.ini"},

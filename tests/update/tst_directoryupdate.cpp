@@ -19,8 +19,7 @@ private slots:
     void init();
     void cleanup() { setMessageBoxHandler({}); }
     void installsPackedPlainAndNestedFiles();
-    void refusesUnreadableOrHostileLists_data();
-    void refusesUnreadableOrHostileLists();
+    void refusesHostileList();
     void staleCopyAsksAndFollowsTheAnswer_data();
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
@@ -39,7 +38,6 @@ private:
 
     std::unique_ptr<QTemporaryDir> work;
     quint64 listedTotal = 0;
-    QList<QMessageBox::StandardButton> answers;
     // What the last run did.
     int finished = 0;
     QStringList log;
@@ -53,10 +51,9 @@ void tst_DirectoryUpdate::init()
     work = std::make_unique<QTemporaryDir>();
     QVERIFY(QDir(work->path()).mkpath("install"));
     listedTotal = 0;
-    answers.clear();
     setMessageBoxHandler([this](const MessageBoxRequest &request) {
         questions << request;
-        return answers.isEmpty() ? QMessageBox::Ignore : answers.takeFirst();
+        return QMessageBox::Ignore;
     });
 }
 
@@ -103,56 +100,36 @@ bool tst_DirectoryUpdate::run(bool silent)
 
 void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
 {
-    addPlain("bin/update", "new updater");
     addPlain("bin/readme.txt", "plain text");
-    addPacked("lib/libcore.so.gz", "libcore.so", QByteArray(100000, 'c'));
-    addPacked("data/sound.wav.gz", "sounds/ring tone.wav", "ring");
+    addPacked("data/sound.wav.gz", "sounds/ring tone.wav", patternBytes(100000, 1));
     list("bin/notdownloaded.bin", {"0123", "7"});
-    for (const char *path : {"obsolete.dat", "plugins/old.so", "never-there.txt"})
+    for (const char *path : {"plugins/old.so", "never-there.txt"})
         list(QString("delete/") + path, {"1"});
-    for (const char *path : {"obsolete.dat", "plugins/old.so", "readme.txt", "update"})
+    for (const char *path : {"plugins/old.so", "readme.txt"})
         QVERIFY(writeTestFile(target(path), "old"));
 
     QVERIFY(run(false));
 
-    QCOMPARE(readTestFile(target("update")), "new updater");
-    // The running updater is moved aside, never overwritten.
-    QCOMPARE(readTestFile(target("_old_update")), "old");
     QCOMPARE(readTestFile(target("readme.txt")), "plain text");
-    QCOMPARE(readTestFile(target("libcore.so")), QByteArray(100000, 'c'));
-    QCOMPARE(readTestFile(target("sounds/ring tone.wav")), "ring");
-    for (const char *path : {"obsolete.dat", "plugins/old.so", "notdownloaded.bin"})
+    QCOMPARE(readTestFile(target("sounds/ring tone.wav")), patternBytes(100000, 1));
+    for (const char *path : {"plugins/old.so", "notdownloaded.bin"})
         QVERIFY(!QFile::exists(target(path)));
-    QCOMPARE(QFile::permissions(target("libcore.so")) & 0x7777, QFileDevice::Permissions(0x7755));
 
     QCOMPARE(log, (QStringList{"Update content", "Remove extra files...", "Copy/unpack files..."}));
     QVERIFY(questions.isEmpty());
     QCOMPARE(finished, 1);
     // One report at the start and one per entry, the one not downloaded included.
-    QCOMPARE(progress.size(), 6);
+    QCOMPARE(progress.size(), 4);
     QCOMPARE(progress.first(), 0u);
     QCOMPARE(progress.last(), listedTotal);
     QCOMPARE(reportedTotal, listedTotal);
 }
 
-void tst_DirectoryUpdate::refusesUnreadableOrHostileLists_data()
+void tst_DirectoryUpdate::refusesHostileList()
 {
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QString>("value");
-
-    QTest::newRow("three fields") << "bin/a"
-                                  << "x::1::y";
-    QTest::newRow("delete outside") << "delete/../victim"
-                                    << "1";
-}
-
-void tst_DirectoryUpdate::refusesUnreadableOrHostileLists()
-{
-    QFETCH(QString, key);
-    QFETCH(QString, value);
     QVERIFY(writeTestFile(work->filePath("victim"), "keep me"));
     addPlain("bin/a", "a");
-    list(key, {value});
+    list("delete/../victim", {"1"});
 
     QVERIFY(!run(false));
     QCOMPARE(log, (QStringList{"Update content", QString("Unable to read %1.").arg(listPath())}));
@@ -163,47 +140,41 @@ void tst_DirectoryUpdate::refusesUnreadableOrHostileLists()
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
 {
-    QTest::addColumn<QList<QMessageBox::StandardButton>>("replies");
+    QTest::addColumn<QMessageBox::StandardButton>("reply");
     QTest::addColumn<QByteArray>("installed");
     QTest::addColumn<QList<quint64>>("done");
 
-    using B = QMessageBox;
     QTest::newRow("abort stops the loop")
-            << QList<B::StandardButton>{B::Abort} << QByteArray("running") << QList<quint64>{0};
+            << QMessageBox::Abort << QByteArray("running") << QList<quint64>{0};
     // Retrying an entry never counts its bytes twice.
     QTest::newRow("retry after the stale copy went")
-            << QList<B::StandardButton>{B::Retry} << QByteArray("new") << QList<quint64>{0, 3, 8};
-    QTest::newRow("ignore goes on and fails to copy")
-            << QList<B::StandardButton>{B::Ignore, B::Ignore} << QByteArray("running")
-            << QList<quint64>{0, 3, 8};
+            << QMessageBox::Retry << QByteArray("new") << QList<quint64>{0, 3, 8};
 }
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
 {
-    QFETCH(QList<QMessageBox::StandardButton>, replies);
+    QFETCH(QMessageBox::StandardButton, reply);
     QFETCH(QList<quint64>, done);
 
     addPlain("a/update", "new");
     addPlain("b/later.txt", "later");
     QVERIFY(writeTestFile(target("update"), "running"));
     QVERIFY(writeTestFile(target("_old_update"), "stale"));
-    answers = replies;
     // A retry only helps once the user has dealt with the stale copy.
-    setMessageBoxHandler([this](const MessageBoxRequest &request) {
+    setMessageBoxHandler([this, reply](const MessageBoxRequest &request) {
         questions << request;
-        const QMessageBox::StandardButton answer = answers.takeFirst();
-        if (answer == QMessageBox::Retry)
+        if (reply == QMessageBox::Retry)
             QFile::remove(target("_old_update"));
-        return answer;
+        return reply;
     });
 
     QVERIFY(run(false));
 
     QTEST(readTestFile(target("update")), "installed");
     QCOMPARE(QFile::exists(target("later.txt")), done.size() > 1);
-    QVERIFY(answers.isEmpty());
     QCOMPARE(finished, 1);
     QCOMPARE(progress, done);
+    QCOMPARE(questions.size(), 1);
     const MessageBoxRequest &first = questions.first();
     QCOMPARE(first.title, QString("Question"));
     QVERIFY(first.text.startsWith(QString("Can't overwrite %1.\n").arg(target("update"))));
