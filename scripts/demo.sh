@@ -200,6 +200,13 @@ prepare_demo() {
     write_update_ini "$dir/installation/update.ini" "$udp"
 }
 
+# start_demo BUILD: builds, starts the mirrors (stopped at exit) and lays out BUILD/demo.
+start_demo() {
+    build_updater "$1"
+    trap stop_servers EXIT
+    prepare_demo "$1" "$1/demo"
+}
+
 show_installation() {
     log "The installation now"
     (cd "$1" && find . -mindepth 1 -printf '%M %8s  %P\n' | sort -k3)
@@ -217,11 +224,8 @@ run_updater() {
 }
 
 main() {
-    local build=${1:-$repo/build}
-    local dir=$build/demo
-    build_updater "$build"
-    trap stop_servers EXIT
-    prepare_demo "$build" "$dir"
+    local dir=${1:-$repo/build}/demo
+    start_demo "${1:-$repo/build}"
     show_installation "$dir/installation"
     run_updater "$dir/installation"
     show_installation "$dir/installation"

@@ -29,11 +29,8 @@ capture_window() {
 }
 
 main_screenshot() {
-    local build=${1:-$repo/build}
-    local dir=$build/demo
-    build_updater "$build"
-    trap stop_servers EXIT
-    prepare_demo "$build" "$dir"
+    local dir=${1:-$repo/build}/demo
+    start_demo "${1:-$repo/build}"
     mkdir -p "$repo/docs"
     log "Updating on a virtual display and taking docs/window.png"
     xvfb-run -a -s "-screen 0 800x600x24" \
