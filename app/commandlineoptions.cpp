@@ -3,6 +3,8 @@
 #include "app/messageboxes.h"
 #include "app/updatechecker.h"
 
+#include <QRegularExpression>
+
 #include <memory>
 
 namespace {
@@ -30,6 +32,33 @@ QString defaultParametersResult(CommandLineOptions *options, const QString &fall
 }
 
 } // namespace
+
+QString usageText()
+{
+    return QStringLiteral(
+            "Usage: update [--nouser] [CLIENT_TYPE VERSION]\n"
+            "       update --help | -h | --version\n"
+            "\n"
+            "  (no arguments)        ask the update server for the current version, then wait\n"
+            "                        for the start button\n"
+            "  CLIENT_TYPE VERSION   install that version of that client type\n"
+            "  --nouser [CLIENT_TYPE VERSION]\n"
+            "                        unattended: start at once, never wait for a click, log to\n"
+            "                        standard error; runs without a display\n"
+            "  --help, -h            print this text\n"
+            "  --version             print the program's version\n"
+            "\n"
+            "Exit status:\n"
+            "  0  the update finished\n"
+            "  1  nothing was started: bad arguments, no version from the update server,\n"
+            "     a wrong client type, mirrors.ini missing, no working directory\n"
+            "  2  the download was cancelled: no mirror could deliver the release\n"
+            "  3  the installation failed; the old version was kept\n"
+            "\n"
+            "Files next to the program:\n"
+            "  mirrors.ini       the mirrors to download from (required)\n"
+            "  update.ini        settings, and the state of an interrupted update to resume\n");
+}
 
 QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
                                 const QStringList &arguments)
@@ -61,11 +90,20 @@ QString parseCommandLineOptions(CommandLineOptions *options, const QString &fall
     return defaultParametersResult(options, fallbackVersion);
 }
 
+bool isValidClientType(const QString &type)
+{
+    static const QRegularExpression allowed(QStringLiteral("^[A-Za-z0-9._-]+$"));
+    return allowed.match(type).hasMatch() && type != QLatin1String(".")
+           && type != QLatin1String("..");
+}
+
 QString getClientTypeVersion(CommandLineOptions *options, const QStringList &arguments, int index)
 {
     if (index >= arguments.size())
         return QCoreApplication::translate("", "No client type specified");
     options->clientType = arguments.at(index);
+    if (!isValidClientType(options->clientType))
+        return QCoreApplication::translate("", "Wrong client type");
     if (index + 1 >= arguments.size())
         return QCoreApplication::translate("", "No client version specified");
     bool ok = false;

@@ -13,10 +13,17 @@ struct CommandLineOptions
     int clientVersion = 0;
 };
 
+// What "--help" prints: the argument forms, the exit statuses and the files beside the program.
+QString usageText();
+
 // Fills options from the argument list (the program's own path first) or, where it names no
 // client type and version, from the defaults; an empty result on success, else the error text.
 QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
                                 const QStringList &arguments = QCoreApplication::arguments());
+
+// A client type names the product list and a file beside the program: letters, digits, ".", "_"
+// and "-" only, and not "." or "..".
+bool isValidClientType(const QString &type);
 
 // Reads the client type at index and the version after it; an empty result on success.
 QString getClientTypeVersion(CommandLineOptions *options, const QStringList &arguments, int index);

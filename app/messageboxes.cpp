@@ -1,11 +1,22 @@
 #include "app/messageboxes.h"
 
+#include <cstdio>
+
 namespace {
 
 MessageBoxHandler &installedHandler()
 {
     static MessageBoxHandler handler;
     return handler;
+}
+
+QMessageBox::StandardButton answerOnStandardError(const MessageBoxRequest &request)
+{
+    std::fprintf(stderr, "%s: %s\n", request.title.toLocal8Bit().constData(),
+                 request.text.toLocal8Bit().constData());
+    if (request.defaultButton != QMessageBox::NoButton)
+        return request.defaultButton;
+    return request.buttons.testFlag(QMessageBox::Ok) ? QMessageBox::Ok : QMessageBox::NoButton;
 }
 
 } // namespace
@@ -22,6 +33,11 @@ QMessageBox::StandardButton showMessageBox(QWidget *parent, QMessageBox::Icon ic
     if (defaultButton != QMessageBox::NoButton)
         box.setDefaultButton(defaultButton);
     return QMessageBox::StandardButton(box.exec());
+}
+
+void answerMessageBoxesOnStandardError()
+{
+    setMessageBoxHandler(answerOnStandardError);
 }
 
 void setMessageBoxHandler(MessageBoxHandler handler)

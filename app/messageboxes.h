@@ -23,5 +23,9 @@ showMessageBox(QWidget *parent, QMessageBox::Icon icon, const QString &title, co
                QMessageBox::StandardButtons buttons = QMessageBox::Ok,
                QMessageBox::StandardButton defaultButton = QMessageBox::NoButton);
 
+// For runs nobody watches: every box's title and text go to standard error and the box's default
+// answer is taken, so that the run never waits for a click.
+void answerMessageBoxesOnStandardError();
+
 // Replaces real boxes by a handler (tests); an empty handler brings the real boxes back.
 void setMessageBoxHandler(MessageBoxHandler handler);

@@ -18,10 +18,46 @@
 #include <QTranslator>
 
 #include <cstdio>
+#include <cstring>
 
 namespace {
 
 constexpr int autoStartDelayMs = 200;
+
+// The run's own log lines are written to standard error directly; what Qt itself says about
+// the platform ("propagateSizeHints", XDG_RUNTIME_DIR) only buries them.
+void keepSeriousMessages(QtMsgType type, const QMessageLogContext &context, const QString &text)
+{
+    if (type == QtCriticalMsg || type == QtFatalMsg)
+        std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
+}
+
+// Servers, ssh sessions and timers have no display; the offscreen platform needs none.
+void prepareUnattendedRun()
+{
+    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
+    qInstallMessageHandler(keepSeriousMessages);
+    answerMessageBoxesOnStandardError();
+}
+
+// "--help" and "--version" are answered before anything else happens; -1 for any other command.
+int answerInformationRequest(int argc, char **argv)
+{
+    if (argc != 2)
+        return -1;
+    if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0) {
+        std::fputs(usageText().toLocal8Bit().constData(), stdout);
+        return 0;
+    }
+    if (std::strcmp(argv[1], "--version") == 0) {
+        std::printf("update %s\n", ORLIVO_VERSION);
+        return 0;
+    }
+    return -1;
+}
 
 } // namespace
 
@@ -47,7 +83,6 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
 {
     // Before anything else: an update a killed run left half done is finished or undone, so that
     // whatever runs next finds one whole version.
-    removeOldFiles(getAppRootPath());
     const QStringList recovery = UpdateJournal::recover(getAppRootPath());
 
     CommandLineOptions options;
@@ -59,6 +94,8 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
                        error);
         return nullptr;
     }
+
+    removeOldFiles(getAppRootPath());
 
     auto window = std::make_unique<MainWindow>(options);
     for (const QString &line : recovery)
@@ -77,6 +114,10 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
 
 int runUpdater(int argc, char **argv)
 {
+    if (const int status = answerInformationRequest(argc, argv); status >= 0)
+        return status;
+    if (argc > 1 && std::strcmp(argv[1], "--nouser") == 0)
+        prepareUnattendedRun();
     registerMetaTypes();
     seedRandomGenerator();
 

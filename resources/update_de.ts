@@ -24,6 +24,11 @@
         <translation>Ungültige Versionsnummer</translation>
     </message>
     <message>
+        <location filename="../app/commandlineoptions.cpp" line="79"/>
+        <source>Wrong client type</source>
+        <translation>Ungültiger Client-Typ</translation>
+    </message>
+    <message>
         <location filename="../app/commandlineoptions.cpp" line="85"/>
         <location filename="../app/startup.cpp" line="48"/>
         <source>Error</source>

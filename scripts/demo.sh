@@ -200,6 +200,12 @@ prepare_demo() {
     write_update_ini "$dir/installation/update.ini" "$udp"
 }
 
+# build_dir [DIR]: DIR, or the repository's build directory, made absolute, so that the servers
+# find their files whatever directory they run in.
+build_dir() {
+    realpath -m "${1:-$repo/build}"
+}
+
 # start_demo BUILD: builds, starts the mirrors (stopped at exit) and lays out BUILD/demo.
 start_demo() {
     build_updater "$1"
@@ -219,13 +225,15 @@ run_updater() {
         "$install/update" || true
     else
         log "No display: running the updater unattended (--nouser); its log follows"
-        QT_QPA_PLATFORM=offscreen "$install/update" --nouser || echo "updater exit status $?" >&2
+        "$install/update" --nouser || echo "updater exit status $?" >&2
     fi
 }
 
 main() {
-    local dir=${1:-$repo/build}/demo
-    start_demo "${1:-$repo/build}"
+    local build
+    build=$(build_dir "${1:-}")
+    local dir=$build/demo
+    start_demo "$build"
     show_installation "$dir/installation"
     run_updater "$dir/installation"
     show_installation "$dir/installation"

@@ -29,8 +29,10 @@ capture_window() {
 }
 
 main_screenshot() {
-    local dir=${1:-$repo/build}/demo
-    start_demo "${1:-$repo/build}"
+    local build
+    build=$(build_dir "${1:-}")
+    local dir=$build/demo
+    start_demo "$build"
     mkdir -p "$repo/docs"
     log "Updating on a virtual display and taking docs/window.png"
     xvfb-run -a -s "-screen 0 800x600x24" \

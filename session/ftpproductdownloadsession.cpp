@@ -15,6 +15,11 @@
 
 namespace {
 
+// More parallel streams only open more connections to the same mirrors.
+constexpr int maxStreams = 16;
+constexpr int maxRetries = 100;
+constexpr int maxTimeoutSeconds = 3600;
+
 // An unsigned key taken as a signed int: a number that is negative, or too large for an int,
 // comes out negative, so that the caller falls back to its default; text that is no number
 // reads as 0; a missing key gives the default.
@@ -74,10 +79,12 @@ void FTPProductDownloadSession::readMirrors()
         mirror.retries = readUnsignedAsInt(settings, "retries", 5);
         if (mirror.retries <= 0)
             mirror.retries = 5;
+        mirror.retries = qMin(mirror.retries, maxRetries);
         // Unlike the retries, a timeout of 0 is a valid choice: repeat at once.
         mirror.timeout = readUnsignedAsInt(settings, "timeout", 15);
         if (mirror.timeout < 0)
             mirror.timeout = 15;
+        mirror.timeout = qMin(mirror.timeout, maxTimeoutSeconds);
         settings.endGroup();
     }
 }
@@ -92,6 +99,10 @@ void FTPProductDownloadSession::readUpdateSettings()
     streamCount = settings.value("streams", parameters.defaultStreams).toInt();
     if (streamCount <= 0)
         streamCount = 1;
+    if (streamCount > maxStreams) {
+        emit message(QString("streams=%1 is too many, %2 are used").arg(streamCount).arg(maxStreams));
+        streamCount = maxStreams;
+    }
     settings.endGroup();
 }
 
@@ -326,13 +337,22 @@ void FTPProductDownloadSession::onFileFinished(int s)
     if (state == SessionRetrievingList && s == 0) {
         emit message("Download file list retrieved.");
         state = SessionDownloading;
-        if (checkAllFiles(parameters.resumeSession, record->stream->getDestFilePath())) {
+        const QString listPath = record->stream->getDestFilePath();
+        if (checkAllFiles(parameters.resumeSession, listPath)) {
             startDownloadBySessionState();
             return;
         }
-        emit message("Can't continue.");
-        emit downloadFinished();
+        refuseMirrorList(s, tr("Unable to initialize session with %1.").arg(listPath));
     }
+}
+
+// Nothing of a list that cannot be used is acted on: its mirror is left like one that lacks it.
+void FTPProductDownloadSession::refuseMirrorList(int s, const QString &reason)
+{
+    state = SessionStarting;
+    task = TaskState();
+    emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), reason));
+    changeStreamMirror(s);
 }
 
 void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, const QString &text)
@@ -340,11 +360,14 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
     if (state == SessionRetrievingList)
         state = SessionStarting;
     // A local file error is no fault of the mirror; moving on would not help.
-    if (error == DownloadStream_ChecksumError || error == DownloadStream_LengthError
-        || error == DownloadStream_TransferError) {
-        emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), text));
+    emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), text));
+    if (error != DownloadStream_LocalFileError) {
         changeStreamMirror(s);
+        return;
     }
+    // A full disk or a forbidden directory is no fault of the mirror, and waiting will not
+    // help. Posted: the stream that reported it is still inside its own call.
+    QTimer::singleShot(0, this, &FTPProductDownloadSession::processCancelled);
 }
 
 void FTPProductDownloadSession::retrieveSessionState()
@@ -361,10 +384,8 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
         return false;
     // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
-    if (!task.initializeByProductIni(listPath) || task.getSize() == 0) {
-        emit message(tr("Unable to initialize session with %1.").arg(listPath));
+    if (!task.initializeByProductIni(listPath) || task.getSize() == 0)
         return false;
-    }
     emit progressCount(0, task.totalSize);
     task.resetMarks();
     quint64 done = 0;

@@ -79,6 +79,7 @@ private:
     bool hasStreamWithMirror() const;
 
     void retrieveSessionState();
+    void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
     bool isInstalled(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;

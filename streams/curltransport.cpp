@@ -118,6 +118,7 @@ public:
     QString user;
     QString password;
     QByteArray proxyAddress;
+    QString proxyError;
     QString proxyUser;
     QString proxyPassword;
     QString caFile;
@@ -135,6 +136,7 @@ public:
     bool greeted = false;
     qint64 written = 0;
     bool tooLong = false;
+    QString writeFailure;
     qint64 reportedDone = 0;
     qint64 reportedTotal = 0;
 
@@ -246,11 +248,16 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
         finish(TransferFailed, QStringLiteral("libcurl could not be initialised"));
         return;
     }
+    if (!proxyError.isEmpty()) {
+        finish(TransferFailed, proxyError);
+        return;
+    }
     status = 0;
     reason.clear();
     greeted = false;
     written = 0;
     tooLong = false;
+    writeFailure.clear();
     reportedDone = 0;
     reportedTotal = 0;
     const CURLcode setup = configure(url, headOnly);
@@ -464,7 +471,9 @@ void CurlTransport::Private::endTransfer(CURLcode result)
 
 void CurlTransport::Private::endGet(CURLcode result)
 {
-    if (tooLong) {
+    if (!writeFailure.isEmpty()) {
+        finish(WriteFailed, writeFailure);
+    } else if (tooLong) {
         finish(BodyTooLong,
                QStringLiteral("More than %1 bytes received").arg(current->expectedLength));
     } else if (!isFtp() && status >= 300 && (status >= 400 || result == CURLE_OK)) {
@@ -476,7 +485,9 @@ void CurlTransport::Private::endGet(CURLcode result)
                QStringLiteral("Error transferring %1 - server replied: %2")
                        .arg(url.toDisplayString(), reply));
     } else if (result != CURLE_OK) {
-        finish(TransferFailed, curlErrorText(result));
+        // An FTP server's 550: the file is not there, and asking again will not make it appear.
+        finish(result == CURLE_REMOTE_FILE_NOT_FOUND ? RequestRefused : TransferFailed,
+               curlErrorText(result));
     } else if (endedEarly()) {
         finish(TransferFailed, QStringLiteral("Transfer closed with %1 bytes remaining to read")
                                        .arg(current->expectedLength - written));
@@ -586,8 +597,10 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
         return status >= 400 ? 0 : length;
     }
     const qint64 size = qint64(length);
-    if (current->device->write(data, size) != size)
+    if (current->device->write(data, size) != size) {
+        writeFailure = current->device->errorString();
         return 0;
+    }
     written += size;
     if (current->expectedLength >= 0 && written > current->expectedLength) {
         tooLong = true;
@@ -608,9 +621,14 @@ void CurlTransport::setProxy(const QUrl &proxy)
     d->proxyAddress.clear();
     d->proxyUser.clear();
     d->proxyPassword.clear();
-    const QString scheme = proxy.scheme().toLower();
-    if (!isSupportedProxyScheme(scheme) || proxy.host().isEmpty())
+    d->proxyError.clear();
+    if (proxy.isEmpty())
         return;
+    const QString scheme = proxy.scheme().toLower();
+    if (!proxy.isValid() || !isSupportedProxyScheme(scheme) || proxy.host().isEmpty()) {
+        d->proxyError = QStringLiteral("Invalid proxy %1").arg(proxy.toString());
+        return;
+    }
     QUrl address;
     address.setScheme(scheme);
     address.setHost(proxy.host());

@@ -24,13 +24,15 @@ public:
         TransferFailed, // broken connection, timeout, server error: worth repeating
         RequestRefused, // the server refused the request for good (HTTP 4xx but 408 and 429)
         BodyTooLong,    // more bytes arrived than the get expected
+        WriteFailed,    // the received bytes could not be stored (disk full, permissions)
     };
 
     explicit CurlTransport(QObject *parent = nullptr);
     ~CurlTransport() override;
 
-    // A URL with scheme http, https, socks5 or socks5h (port 3128 when none); anything else,
-    // an empty URL included, means a direct connection, whatever the environment says.
+    // A URL with scheme http, https, socks5 or socks5h (port 3128 when none); an empty URL means
+    // a direct connection, whatever the environment says. Anything else makes every command
+    // fail: a typo must never send the traffic past the user's proxy.
     void setProxy(const QUrl &proxy);
     // Trusts the certificates in this PEM file instead of the system store.
     void setTrustedCaFile(const QString &path);

@@ -105,20 +105,14 @@ void SingleFileDownloadStream::onRepeatDownloadAttempt()
         fileRequestId = createFileRequest(request, file.get());
 }
 
-bool SingleFileDownloadStream::internalInitDownloadParams(const QUrl &url, const QString &proxy,
+void SingleFileDownloadStream::internalInitDownloadParams(const QUrl &url, const QString &proxy,
                                                           int retries, int timeout)
 {
     this->url = url;
     this->retries = retries;
     this->timeout = timeout;
-    this->proxy.clear();
-    if (proxy.isEmpty())
-        return true;
-    const QUrl parsed(proxy);
-    if (!parsed.isValid())
-        return false;
-    this->proxy = parsed;
-    return true;
+    // Kept even when it does not parse: the transport refuses it rather than go direct.
+    this->proxy = proxy.isEmpty() ? QUrl() : QUrl(proxy);
 }
 
 void SingleFileDownloadStream::setState(DownloadStream_State state)
@@ -244,6 +238,14 @@ void SingleFileDownloadStream::handleFileRequestFinished(bool error)
     case CurlTransport::RequestRefused:
         handleFileRequestError(transport->errorString(), false);
         break;
+    case CurlTransport::WriteFailed:
+        discardFile();
+        if (enterState(DownloadStream_Connected)) {
+            emit fileError(DownloadStream_LocalFileError,
+                           QStringLiteral("ERROR: failed writing %1: %2")
+                                   .arg(localPath, transport->errorString()));
+        }
+        break;
     default:
         handleFileRequestError(transport->errorString());
         break;
@@ -284,9 +286,10 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
     file = std::make_unique<HashingFile>(localPath);
     // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
     if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
+        const QString reason = file->errorString();
         file.reset();
         emit fileError(DownloadStream_LocalFileError,
-                       QStringLiteral("ERROR: failed creating %1").arg(localPath));
+                       QStringLiteral("ERROR: failed creating %1: %2").arg(localPath, reason));
         return {};
     }
     QString request = url.path();

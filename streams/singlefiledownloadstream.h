@@ -59,7 +59,7 @@ public slots:
     void onRepeatDownloadAttempt();
 
 protected:
-    bool internalInitDownloadParams(const QUrl &url, const QString &proxy, int retries,
+    void internalInitDownloadParams(const QUrl &url, const QString &proxy, int retries,
                                     int timeout);
     void setState(DownloadStream_State state);
     // setState() that tells whether the stream is still there and in that state afterwards:

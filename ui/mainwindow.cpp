@@ -123,14 +123,17 @@ void MainWindow::on_startButton_clicked()
         return;
     }
     if (!QFile::exists(appFilePath(mirrorsFileName))) {
-        showMessageBox(this, QMessageBox::Critical, tr("Error"),
-                       tr("%1 is missing, cannot proceed.").arg(mirrorsFileName));
+        refuseToStart(QMessageBox::Critical,
+                      tr("%1 is missing, cannot proceed.").arg(mirrorsFileName));
         return;
     }
 
     QString version;
     QString workingDir;
-    takeUpEarlierSession(&version, &workingDir);
+    if (!takeUpEarlierSession(&version, &workingDir)) {
+        refuseToStart(QMessageBox::Critical, QCoreApplication::translate("", "Wrong client type"));
+        return;
+    }
     if (session)
         return;
 
@@ -140,8 +143,7 @@ void MainWindow::on_startButton_clicked()
         if (!tempPath.isEmpty())
             workingDir = createWorkingDirectory(tempPath);
         if (workingDir.isEmpty()) {
-            showMessageBox(this, QMessageBox::Warning, tr("Error"),
-                           tr("Unable to get temp directory."));
+            refuseToStart(QMessageBox::Warning, tr("Unable to get temp directory."));
             return;
         }
     }
@@ -178,24 +180,41 @@ InitialParameters MainWindow::sessionParameters(const QString &version, const QS
     return parameters;
 }
 
-void MainWindow::takeUpEarlierSession(QString *version, QString *dir)
+void MainWindow::refuseToStart(QMessageBox::Icon icon, const QString &text)
+{
+    showMessageBox(this, icon, tr("Error"), text);
+    // Nobody would press the button again.
+    if (options.runMode == 2)
+        QCoreApplication::exit(1);
+}
+
+// False when the record names a client type that cannot be a product list's name.
+bool MainWindow::takeUpEarlierSession(QString *version, QString *dir)
 {
     QString storedVersion;
     QString storedType;
     QString storedDir;
-    // A recorded directory that is a link or somebody else's is nothing this program made.
-    if (!getExistingUpdateData(QString(), &storedVersion, &storedType, &storedDir)
-        || !isOwnRealDirectory(storedDir)) {
-        return;
+    if (!getExistingUpdateData(QString(), &storedVersion, &storedType, &storedDir))
+        return true;
+    // A tampered or foreign record must not make this program empty somebody's directory.
+    if (!isOwnWorkingDirectory(storedDir, QDir::tempPath())) {
+        onAppendText(QStringLiteral("Recorded directory %1 was not made by the updater, "
+                                    "record dropped")
+                             .arg(storedDir));
+        cleanupCurrentUpdateDataIniFile();
+        return true;
     }
+    if (!isValidClientType(storedType))
+        return false;
     clientType = storedType;
     if (storedVersion == QString::number(clientVersion)) {
         onAppendText(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
         *version = storedVersion;
         *dir = storedDir;
-        return;
+        return true;
     }
     removeStaleSession(storedVersion, storedDir);
+    return true;
 }
 
 void MainWindow::removeStaleSession(const QString &version, const QString &dir)
@@ -297,7 +316,7 @@ void MainWindow::cleanupCurrentUpdateFiles()
     if (!getExistingUpdateData(QString(), &version, nullptr, &dir))
         return;
     // Emptied only when it is still the private directory the run made, never through a link.
-    if (isOwnRealDirectory(dir)) {
+    if (isOwnWorkingDirectory(dir, QDir::tempPath())) {
         cleanupDirectory(dir);
         removeFromParent(dir);
     }

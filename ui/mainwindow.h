@@ -5,6 +5,7 @@
 #include "ui_mainwindow.h"
 
 #include <QElapsedTimer>
+#include <QMessageBox>
 #include <QString>
 #include <QTimer>
 #include <QWidget>
@@ -54,7 +55,8 @@ protected:
 private:
     // The first steps of a press: an earlier run of the same version is taken up again, one of
     // another version cleaned away. Returns the remembered version and directory, or empties.
-    void takeUpEarlierSession(QString *version, QString *dir);
+    bool takeUpEarlierSession(QString *version, QString *dir);
+    void refuseToStart(QMessageBox::Icon icon, const QString &text);
     void removeStaleSession(const QString &version, const QString &dir);
     void createSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,

@@ -2,6 +2,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +14,14 @@ constexpr int candidateCount = 1000;
 
 } // namespace
 
-bool isOwnRealDirectory(const QString &path)
+bool isOwnWorkingDirectory(const QString &path, const QString &tempPath)
 {
+    static const QRegularExpression ownName(QStringLiteral("^orlivo_temp_[0-9]+$"));
+    const QFileInfo info(path);
+    if (QDir::cleanPath(info.absolutePath()) != QDir::cleanPath(QDir(tempPath).absolutePath())
+        || !ownName.match(info.fileName()).hasMatch()) {
+        return false;
+    }
     struct stat status = {};
     if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
         return false;

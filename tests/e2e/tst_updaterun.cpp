@@ -25,11 +25,14 @@ private slots:
     void update_data();
     void update();
     void interruptedRunResumes();
+    void hostileInput_data();
+    void hostileInput();
 
 private:
     void writeMirrors(const QStringList &kinds);
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false);
-    bool runUnattended(QByteArray *log, int *exitCode);
+    bool runUnattended(QByteArray *log, int *exitCode, const QStringList &arguments = {});
+    void verifyUntouched();
     void runInWindow(QByteArray *log, int *exitCode);
     void verifyInstalled(bool oldUpdaterAside);
 
@@ -42,10 +45,12 @@ private:
     std::unique_ptr<LoopbackServer> ftp;
     std::unique_ptr<LoopbackServer> versionServer;
     std::unique_ptr<LoopbackServer> fault;
+    std::unique_ptr<LoopbackServer> hostile;
     QString deadPort;
 
     std::unique_ptr<QTemporaryDir> installation;
     std::unique_ptr<QTemporaryDir> tempDir;
+    QString workingParent; // TMPDIR of the runs
     std::unique_ptr<VirtualDisplay> display;
 };
 
@@ -153,6 +158,7 @@ void TestUpdateRun::init()
     installation = std::make_unique<QTemporaryDir>();
     tempDir = std::make_unique<QTemporaryDir>();
     QVERIFY(installation->isValid() && tempDir->isValid());
+    workingParent = tempDir->path();
     for (const QString &name : filesBelow(previousRelease)) {
         QDir().mkpath(QFileInfo(installation->filePath(name)).path());
         QVERIFY(QFile::copy(previousRelease + '/' + name, installation->filePath(name)));
@@ -165,10 +171,11 @@ void TestUpdateRun::init()
 void TestUpdateRun::cleanup()
 {
     fault.reset();
+    hostile.reset();
     display.reset();
 }
 
-// "http", "ftp", "fault", "dead http", "dead ftp"; written to mirrors.ini in this order.
+// "http", "ftp", "fault", "hostile", "dead http", "dead ftp"; written to mirrors.ini in this order.
 void TestUpdateRun::writeMirrors(const QStringList &kinds)
 {
     QByteArray list = "[mirrors]\nsize=" + QByteArray::number(kinds.size()) + "\n";
@@ -180,8 +187,9 @@ void TestUpdateRun::writeMirrors(const QStringList &kinds)
             url = http->url(kind, QStringLiteral("/"));
         else if (kind == QLatin1String("ftp"))
             url = ftp->url(kind, QStringLiteral("/"));
-        else if (kind == QLatin1String("fault"))
-            url = fault->url(QStringLiteral("http"), QStringLiteral("/"));
+        else if (kind == QLatin1String("fault") || kind == QLatin1String("hostile"))
+            url = (kind == QLatin1String("fault") ? fault : hostile)
+                          ->url(QStringLiteral("http"), QStringLiteral("/"));
         else
             url = kind.section(' ', 1) + QStringLiteral("://127.0.0.1:") + deadPort + '/';
         list += QByteArray::number(i + 1) + "\\mirror=m" + QByteArray::number(i) + "\n";
@@ -195,9 +203,12 @@ void TestUpdateRun::startUpdater(QProcess *process, const QStringList &arguments
 {
     QProcessEnvironment environment =
             onDisplay ? display->environment() : QProcessEnvironment::systemEnvironment();
-    if (!onDisplay)
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    environment.insert(QStringLiteral("TMPDIR"), tempDir->path());
+    // Unattended runs are started as on a server: no display, no platform chosen for them.
+    if (!onDisplay) {
+        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            environment.remove(QString::fromLatin1(name));
+    }
+    environment.insert(QStringLiteral("TMPDIR"), workingParent);
     process->setProcessEnvironment(environment);
     process->setWorkingDirectory(installation->path());
     process->setProcessChannelMode(QProcess::ForwardedOutputChannel);
@@ -205,16 +216,38 @@ void TestUpdateRun::startUpdater(QProcess *process, const QStringList &arguments
     process->start(installation->filePath(QStringLiteral("update")), arguments);
 }
 
-bool TestUpdateRun::runUnattended(QByteArray *log, int *exitCode)
+// False when the run crashed, hung, or let the platform's chatter into its log.
+bool TestUpdateRun::runUnattended(QByteArray *log, int *exitCode, const QStringList &arguments)
 {
     QProcess process;
-    startUpdater(&process, {QStringLiteral("--nouser")});
+    startUpdater(&process, QStringList{QStringLiteral("--nouser")} + arguments);
     const bool finished = process.waitForFinished(runTimeoutMs);
     *log = process.readAll();
     *exitCode = process.exitCode();
     if (!finished)
         process.kill();
-    return finished && process.exitStatus() == QProcess::NormalExit;
+    static const QRegularExpression chatter(QStringLiteral("propagateSizeHints|XDG_RUNTIME|qt\\."));
+    if (QString::fromLocal8Bit(*log).contains(chatter))
+        qWarning("chatter in the log:\n%s", log->constData());
+    return finished && process.exitStatus() == QProcess::NormalExit
+           && !QString::fromLocal8Bit(*log).contains(chatter);
+}
+
+// The previous release as it was: nothing installed, nothing deleted, nothing added but the
+// updater's own settings.
+void TestUpdateRun::verifyUntouched()
+{
+    QStringList expected = filesBelow(previousRelease);
+    for (const char *name : {"mirrors.ini", "update.ini", "session_12.ini"}) {
+        if (QFile::exists(installation->filePath(QString::fromLatin1(name))))
+            expected << QString::fromLatin1(name);
+    }
+    expected.sort();
+    QCOMPARE(filesBelow(installation->path()), expected);
+    for (const QString &name : filesBelow(previousRelease))
+        QVERIFY2(readTestFile(installation->filePath(name))
+                         == readTestFile(previousRelease + '/' + name),
+                 qPrintable(name));
 }
 
 // The installation is the release byte for byte, executables 0755, the deleted file gone, and
@@ -381,6 +414,167 @@ void TestUpdateRun::interruptedRunResumes()
     QCOMPARE(fetched(fault->logLines().mid(firstRequests.size()), mirrorFiles),
              (QStringList{listPath, stalled}));
     verifyInstalled(true);
+}
+
+// Broken settings, hostile mirrors and bad command lines, each through the real binary without
+// a display: no crash, no hang, the right status, a line saying what was wrong, nothing touched
+// outside the installation and the working directory, and the old version kept unless the run
+// finished.
+void TestUpdateRun::hostileInput_data()
+{
+    QTest::addColumn<QStringList>("mirrors"); // writeMirrors() kinds, "hostile", or "garbage"
+    QTest::addColumn<QByteArray>("list");     // the hostile mirror's product list
+    QTest::addColumn<QByteArray>("settings"); // lines of the [update] group
+    QTest::addColumn<QByteArray>("current");  // the [current] group; @ELSEWHERE@, @INSTALL@, @OWN@
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("versionReply");
+    QTest::addColumn<QString>("workingParent"); // "" the usual, "under a file", "full disk"
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("logLine");
+
+    const QStringList hostile{"hostile"};
+    const QString refused = "Stream 0 reported error: Unable to initialize session";
+    const QString none;
+    QTest::newRow("list of garbage") << hostile << noiseBytes(4000, 7) << QByteArray()
+                                     << QByteArray() << QStringList() << QByteArray() << none
+                                     << 2 << refused;
+    QTest::newRow("list unpacking to an absolute path")
+            << hostile
+            << QByteArray("[client_linux_amd64]\nreadme.txt=60b725f10c9c85c70d97880dfe8191b3::2::"
+                          "60b725f10c9c85c70d97880dfe8191b3::2::/tmp/evil\n")
+            << QByteArray() << QByteArray() << QStringList() << QByteArray() << none << 2
+            << refused;
+    const QByteArray emptyWithDelete = "[client_linux_amd64]\n[client_linux_amd64.lib]\n"
+                                       "[delete]\nreadme.txt=1\nlib/libvoice.so=1\n";
+    QTest::newRow("list of empty sections deleting files")
+            << hostile << emptyWithDelete << QByteArray() << QByteArray() << QStringList()
+            << QByteArray() << none << 2 << refused;
+    QTest::newRow("list of empty sections, an honest mirror next")
+            << QStringList{"hostile", "http"} << emptyWithDelete << QByteArray() << QByteArray()
+            << QStringList() << QByteArray() << none << 0 << "Stream 0 change mirror to 1";
+    QTest::newRow("mirrors.ini missing")
+            << QStringList() << QByteArray() << QByteArray() << QByteArray() << QStringList()
+            << QByteArray() << none << 1 << "mirrors.ini is missing, cannot proceed.";
+    QTest::newRow("mirrors.ini of garbage")
+            << QStringList{"garbage"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList() << QByteArray() << none << 2 << "No mirror is listed";
+    const QString dropped = "was not made by the updater, record dropped";
+    QTest::newRow("remembered directory elsewhere")
+            << QStringList{"http"} << QByteArray() << QByteArray()
+            << QByteArray("version=11\ndir=@ELSEWHERE@\ntype=client_linux_amd64\n")
+            << QStringList() << QByteArray() << none << 0 << dropped;
+    QTest::newRow("remembered directory is the installation")
+            << QStringList{"http"} << QByteArray() << QByteArray()
+            << QByteArray("version=11\ndir=@INSTALL@\ntype=client_linux_amd64\n")
+            << QStringList() << QByteArray() << none << 0 << dropped;
+    QTest::newRow("remembered client type climbing out")
+            << QStringList{"http"} << QByteArray() << QByteArray()
+            << QByteArray("version=12\ndir=@OWN@\ntype=../../client_linux_amd64\n")
+            << QStringList() << QByteArray() << none << 1 << "Wrong client type";
+    QTest::newRow("client type climbing out")
+            << QStringList{"http"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList{"../client_linux_amd64", "12"} << QByteArray() << none << 1
+            << "Wrong client type";
+    QTest::newRow("update server answering garbage")
+            << QStringList{"http"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList() << QByteArray("\xff\x00garbage") << none << 1
+            << "Can't detect default parameters";
+    QTest::newRow("working directory cannot be made")
+            << QStringList{"http"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList() << QByteArray() << "under a file" << 1
+            << "Unable to get temp directory.";
+    QTest::newRow("working directory on a full disk")
+            << QStringList{"http"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList() << QByteArray() << "full disk" << 2 << "No space left on device";
+    QTest::newRow("streams=100000")
+            << QStringList{"http"} << QByteArray() << QByteArray("streams=100000\n")
+            << QByteArray() << QStringList() << QByteArray() << none << 0
+            << "streams=100000 is too many, 16 are used";
+    QTest::newRow("proxy with a typo")
+            << QStringList{"http"} << QByteArray() << QByteArray("proxy=htp//127.0.0.1:3128\n")
+            << QByteArray() << QStringList() << QByteArray() << none << 2
+            << "Invalid proxy htp//127.0.0.1:3128";
+}
+
+void TestUpdateRun::hostileInput()
+{
+    QFETCH(QStringList, mirrors);
+    QFETCH(QByteArray, list);
+    QFETCH(QByteArray, settings);
+    QFETCH(QByteArray, current);
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, versionReply);
+    QFETCH(QString, workingParent);
+    QFETCH(int, exitCode);
+    QFETCH(QString, logLine);
+
+    QTemporaryDir outside;
+    const QString elsewhere = outside.filePath(QStringLiteral("home"));
+    QVERIFY(writeTestFile(elsewhere + QStringLiteral("/notes.txt"), "mine"));
+    const QString own = tempDir->filePath(QStringLiteral("orlivo_temp_3"));
+    QVERIFY(!current.contains("@OWN@") || QDir().mkdir(own));
+    current.replace("@ELSEWHERE@", elsewhere.toUtf8())
+            .replace("@INSTALL@", installation->path().toUtf8())
+            .replace("@OWN@", own.toUtf8());
+
+    if (mirrors.contains(QStringLiteral("hostile"))) {
+        QVERIFY(writeTestFile(outside.filePath(QStringLiteral("mirror") + listPath), list));
+        hostile = LoopbackServer::nginx(outside.filePath(QStringLiteral("mirror")));
+        QVERIFY(hostile);
+        writeMirrors(mirrors);
+    } else if (mirrors == QStringList{QStringLiteral("garbage")}) {
+        QVERIFY(writeTestFile(installation->filePath(QStringLiteral("mirrors.ini")),
+                              noiseBytes(400, 9)));
+    } else if (!mirrors.isEmpty()) {
+        writeMirrors(mirrors);
+    }
+
+    std::unique_ptr<LoopbackServer> garbageServer;
+    quint16 versionPort = versionServer->port();
+    if (!versionReply.isEmpty()) {
+        garbageServer = LoopbackServer::versionServer(versionReply);
+        QVERIFY(garbageServer);
+        versionPort = garbageServer->port();
+    }
+    QVERIFY(writeTestFile(installation->filePath(QStringLiteral("update.ini")),
+                          "[update]\nserver=127.0.0.1:" + QByteArray::number(versionPort) + "\n"
+                                  + settings
+                                  + (current.isEmpty() ? QByteArray() : "[current]\n" + current)));
+
+    const QString fullDisk = tempDir->filePath(QStringLiteral("full"));
+    if (workingParent == QLatin1String("under a file")) {
+        this->workingParent = installation->filePath(QStringLiteral("readme.txt/tmp"));
+    } else if (workingParent == QLatin1String("full disk")) {
+        QVERIFY(QDir().mkdir(fullDisk));
+        // Room for the list and a little more, not for the release.
+        if (QProcess::execute(QStringLiteral("mount"), {"-t", "tmpfs", "-o", "size=24k", "tmpfs",
+                                                         fullDisk})
+            != 0) {
+            QSKIP("mounting a small tmpfs is not permitted here");
+        }
+        this->workingParent = fullDisk;
+    }
+    const qsizetype requestsBefore = http->logLines().size();
+
+    QByteArray log;
+    int status = -1;
+    const bool ran = runUnattended(&log, &status, arguments);
+    if (workingParent == QLatin1String("full disk"))
+        QProcess::execute(QStringLiteral("umount"), {fullDisk});
+    QVERIFY2(ran, log.constData());
+    QVERIFY2(status == exitCode, log.constData());
+    QVERIFY2(log.contains(logLine.toUtf8()), log.constData());
+    QCOMPARE(filesBelow(elsewhere), QStringList{"notes.txt"});
+    if (exitCode == 0) {
+        QVERIFY2(log.contains("Update finished, version: 12"), log.constData());
+        verifyInstalled(true);
+        return;
+    }
+    QVERIFY2(!log.contains("Update finished"), log.constData());
+    verifyUntouched();
+    // A proxy that cannot be used is never bypassed.
+    if (settings.startsWith("proxy="))
+        QCOMPARE(http->logLines().size(), requestsBefore);
 }
 
 QTEST_GUILESS_MAIN(TestUpdateRun)

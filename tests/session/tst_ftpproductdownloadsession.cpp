@@ -245,8 +245,9 @@ void tst_FTPProductDownloadSession::download_data()
             << all;
     QTest::newRow("list missing on mirror 0") << "fault:list=status:404 http" << 2 << "" << true
                                               << QStringList{"Stream 0 change mirror to 1"} << all;
-    QTest::newRow("unusable list")
-            << "fault:list=corrupt" << 2 << "" << true << QStringList{"Can't continue."} << none;
+    QTest::newRow("unusable list on mirror 0, nothing of it acted on")
+            << "fault:list=corrupt http" << 2 << "" << true
+            << QStringList{"Stream 0 change mirror to 1"} << all;
 
     QTest::newRow("every file corrupt everywhere")
             << corrupt + " " + corrupt << 4 << "" << false << none << none;
