@@ -18,11 +18,6 @@
 
 namespace {
 
-QString parentOf(const QString &path)
-{
-    return path.left(path.lastIndexOf(QLatin1Char('/')));
-}
-
 QStringList deleteList(const QString &productIni)
 {
     QSettings list(productIni, QSettings::IniFormat);
@@ -128,12 +123,13 @@ QString DirectoryUpdate::replaceProblem(const QString &path, QString *question)
     if (installed.isDir() && !installed.isSymLink())
         return problem(QStringLiteral("FAILED to remove file: %1").arg(path), EISDIR);
     const QString name = installed.fileName();
-    const QString aside = parentOf(path) + QLatin1Char('/') + getSpecialFileRenamePrefix() + name;
+    const QString aside = parentPath(path) + QLatin1Char('/') + getSpecialFileRenamePrefix() + name;
     if (isSpecialFileName(name) && pathExists(path) && pathExists(aside))
         return problem(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside), EEXIST);
-    for (QString dir = parentOf(path); !QFileInfo(dir).isDir(); dir = parentOf(dir)) {
+    for (QString dir = parentPath(path); !dir.isEmpty() && !QFileInfo(dir).isDir();
+         dir = parentPath(dir)) {
         if (pathExists(dir)) {
-            *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentOf(path));
+            *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
             emit message(*question);
             return *question;
         }
@@ -145,9 +141,9 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
                                    const QString &staged, const QString &target)
 {
     QString error;
-    const auto fail = [&](const QString &line) {
-        // The system's reason, when the call that failed left one.
-        const QString reason = errno != 0 ? systemError() : QString();
+    // The system's reason is told where a call of the system failed, not for a bad checksum.
+    const auto fail = [&](const QString &line, bool systemFailure = false) {
+        const QString reason = systemFailure && errno != 0 ? systemError() : QString();
         emit message(line);
         if (!reason.isEmpty())
             emit message(QStringLiteral("%1: %2").arg(staged, reason));
@@ -155,8 +151,8 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     };
 
     errno = 0;
-    if (!QDir().mkpath(parentOf(staged))) {
-        fail(QStringLiteral("FAILED creating subdirectory: %1").arg(parentOf(staged)));
+    if (!QDir().mkpath(parentPath(staged))) {
+        fail(QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(staged)), true);
         return error;
     }
     removeFile(staged);
@@ -166,7 +162,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
         if (!unzipFileWithMD5(staged, source, &unpackedMd5)) {
-            fail(QStringLiteral("Can't unzip %1!").arg(relativeSource));
+            fail(QStringLiteral("Can't unzip %1!").arg(relativeSource), true);
             unpackedMd5 = getFileMD5Ex(staged);
         }
         if (unpackedMd5 != entry.unpackedMd5)
@@ -178,7 +174,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
         if (quint64(QFileInfo(staged).size()) != entry.size)
             fail(QStringLiteral("Wrong length %1!").arg(target));
     } else if (errno = 0; !copyFile(source, staged)) {
-        fail(QStringLiteral("Can't copy %1!").arg(relativeSource));
+        fail(QStringLiteral("Can't copy %1!").arg(relativeSource), true);
     } else if (getFileMD5Ex(staged) != entry.md5) {
         fail(QStringLiteral("Wrong checksum %1!").arg(target));
     } else if (quint64(QFileInfo(staged).size()) != entry.size) {

@@ -67,6 +67,12 @@ bool writeSyncedFile(const QString &path, const QByteArray &data)
     return written;
 }
 
+QString parentPath(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
+    return slash < 0 ? QString() : path.left(slash);
+}
+
 bool pathExists(const QString &path)
 {
     struct stat status = {};

@@ -14,6 +14,8 @@ bool syncDirectory(const QString &path);
 // Writes data to a new file at path and flushes it; nothing is left behind on failure.
 bool writeSyncedFile(const QString &path, const QByteArray &data);
 
+// What path names without its last component; empty when it has only one.
+QString parentPath(const QString &path);
 // True when something, a dangling link included, is at path.
 bool pathExists(const QString &path);
 // True when both paths name the same file (hard links of one inode).

@@ -20,11 +20,6 @@ const QByteArray journalMagic = "orlivo-update-journal 1";
 // Journal letters, in the order of Action.
 const char actionLetters[] = {'a', 'r', 'u', 'x'};
 
-QString parentOf(const QString &path)
-{
-    return path.left(path.lastIndexOf(QLatin1Char('/')));
-}
-
 QString failure(const QString &path, const QString &reason)
 {
     return QStringLiteral("%1: %2").arg(path, reason);
@@ -79,8 +74,8 @@ void UpdateJournal::planFile(const QString &relative, bool inUse)
 {
     // Directories the switch has to make, parents first.
     QStringList missing;
-    for (QString dir = parentOf(relative); !dir.isEmpty() && !pathExists(installedPath(dir));
-         dir = parentOf(dir)) {
+    for (QString dir = parentPath(relative); !dir.isEmpty() && !pathExists(installedPath(dir));
+         dir = parentPath(dir)) {
         missing.prepend(dir);
     }
     for (const QString &dir : std::as_const(missing)) {
@@ -192,14 +187,14 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
     if (entry.action == Action::Delete) {
         if (!pathExists(installed) || pathExists(backup))
             return true;
-        if (!QDir().mkpath(parentOf(backup)) || !renameFile(installed, backup))
+        if (!QDir().mkpath(parentPath(backup)) || !renameFile(installed, backup))
             return fail(installed);
         return true;
     }
     if (!pathExists(staged))
         return true;
     if (entry.action != Action::Add && !pathExists(backup)
-        && (!QDir().mkpath(parentOf(backup)) || !linkFile(installed, backup))) {
+        && (!QDir().mkpath(parentPath(backup)) || !linkFile(installed, backup))) {
         return fail(installed);
     }
     if (entry.action == Action::ReplaceInUse && !pathExists(asidePath(entry.path))
