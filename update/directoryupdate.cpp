@@ -50,9 +50,13 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
     // whoever looks into it.
     if (journal.isOpen())
         return false;
+    // Planned first: a file that goes may stand where a new directory must be made.
+    const QStringList deletions = deleteList(productIni);
+    for (const QString &path : deletions)
+        journal.planDelete(path);
     Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
     if (outcome != Outcome::Failed) {
-        const Outcome switched = switchFiles(silent, productIni, &journal);
+        const Outcome switched = switchFiles(silent, !deletions.isEmpty(), &journal);
         outcome = switched == Outcome::Whole ? outcome : switched;
     } else {
         journal.discardStaging();
@@ -86,7 +90,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         QMessageBox::StandardButton answer = QMessageBox::Ignore;
         if (QFileInfo::exists(sourcePath)) {
             QString question;
-            if (replaceProblem(target, &question).isEmpty()) {
+            if (replaceProblem(target, *journal, &question).isEmpty()) {
                 question = stageFile(entry, sourcePath, staged, target);
                 answer = question.isEmpty() ? QMessageBox::Ok : ask(silent, question);
             } else {
@@ -111,7 +115,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     return partial ? Outcome::Partial : Outcome::Whole;
 }
 
-QString DirectoryUpdate::replaceProblem(const QString &path, QString *question)
+QString DirectoryUpdate::replaceProblem(const QString &path, const UpdateJournal &journal,
+                                        QString *question)
 {
     const auto problem = [&](const QString &line, int error) {
         emit message(line);
@@ -128,7 +133,7 @@ QString DirectoryUpdate::replaceProblem(const QString &path, QString *question)
         return problem(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside), EEXIST);
     for (QString dir = parentPath(path); !dir.isEmpty() && !QFileInfo(dir).isDir();
          dir = parentPath(dir)) {
-        if (pathExists(dir)) {
+        if (pathExists(dir) && !journal.deletes(dir)) {
             *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
             emit message(*question);
             return *question;
@@ -192,14 +197,11 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     return error;
 }
 
-DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, const QString &productIni,
+DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesFiles,
                                                       UpdateJournal *journal)
 {
-    const QStringList deletions = deleteList(productIni);
-    for (const QString &path : deletions)
-        journal->planDelete(path);
     emit message(QStringLiteral("Switch to the new version..."));
-    if (!deletions.isEmpty())
+    if (removesFiles)
         emit message(QStringLiteral("Remove extra files..."));
 
     QString error;

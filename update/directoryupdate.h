@@ -41,10 +41,10 @@ private:
 
     Outcome stageFiles(bool silent, const QString &sourceDir, const TaskSpecification &task,
                        UpdateJournal *journal);
-    Outcome switchFiles(bool silent, const QString &productIni, UpdateJournal *journal);
+    Outcome switchFiles(bool silent, bool removesFiles, UpdateJournal *journal);
     // Why the installed file at path could not be replaced, logged; empty when it can be. The
     // box text of the question goes to question.
-    QString replaceProblem(const QString &path, QString *question);
+    QString replaceProblem(const QString &path, const UpdateJournal &journal, QString *question);
     // Puts one entry into staging and returns its error line, empty when all went well.
     QString stageFile(const FileSpecification &entry, const QString &source,
                       const QString &staged, const QString &target);

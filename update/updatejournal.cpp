@@ -74,8 +74,9 @@ void UpdateJournal::planFile(const QString &relative, bool inUse)
 {
     // Directories the switch has to make, parents first.
     QStringList missing;
-    for (QString dir = parentPath(relative); !dir.isEmpty() && !pathExists(installedPath(dir));
-         dir = parentPath(dir)) {
+    // A file in a directory's place goes first, as the "delete" group has it.
+    for (QString dir = parentPath(relative);
+         !dir.isEmpty() && !QFileInfo(installedPath(dir)).isDir(); dir = parentPath(dir)) {
         missing.prepend(dir);
     }
     for (const QString &dir : std::as_const(missing)) {
@@ -96,8 +97,18 @@ void UpdateJournal::planDelete(const QString &relative)
         entries << Entry{Action::Delete, relative};
 }
 
+bool UpdateJournal::deletes(const QString &path) const
+{
+    return std::any_of(entries.cbegin(), entries.cend(), [&](const Entry &entry) {
+        return entry.action == Action::Delete && installedPath(entry.path) == path;
+    });
+}
+
 bool UpdateJournal::begin(QString *error)
 {
+    // Files go before any is added: one may stand where a new directory must be made.
+    std::stable_partition(entries.begin(), entries.end(),
+                          [](const Entry &entry) { return entry.action == Action::Delete; });
     // One flush of the file system covers every staged file and directory; a flush per file
     // costs a disk cache flush each.
     if (!syncFileSystem(stagingDir())) {
@@ -156,13 +167,6 @@ bool UpdateJournal::read(State *state)
 
 bool UpdateJournal::apply(int *failed, QString *error)
 {
-    for (const QString &dir : std::as_const(newDirectories)) {
-        if (!QFileInfo(installedPath(dir)).isDir() && !QDir().mkdir(installedPath(dir))) {
-            *failed = -1;
-            *error = QStringLiteral("FAILED creating subdirectory: %1").arg(installedPath(dir));
-            return false;
-        }
-    }
     for (int i = qMax(*failed, 0); i < entries.size(); ++i) {
         if (!applyEntry(entries.at(i), error)) {
             *failed = i;
@@ -193,6 +197,8 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
     }
     if (!pathExists(staged))
         return true;
+    if (!QDir().mkpath(parentPath(installed)))
+        return fail(parentPath(installed));
     if (entry.action != Action::Add && !pathExists(backup)
         && (!QDir().mkpath(parentPath(backup)) || !linkFile(installed, backup))) {
         return fail(installed);
@@ -235,11 +241,19 @@ bool UpdateJournal::rollback(QString *error)
 {
     if (!write(State::Rollback, error))
         return false;
+    // Added files out, the directories made for them gone, then the deleted files back in the
+    // places those directories took.
     bool whole = true;
-    for (auto it = entries.crbegin(); it != entries.crend(); ++it)
-        whole = undoEntry(*it, error) && whole;
+    for (auto it = entries.crbegin(); it != entries.crend(); ++it) {
+        if (it->action != Action::Delete)
+            whole = undoEntry(*it, error) && whole;
+    }
     for (auto it = newDirectories.crbegin(); it != newDirectories.crend(); ++it)
         QDir().rmdir(installedPath(*it));
+    for (auto it = entries.crbegin(); it != entries.crend(); ++it) {
+        if (it->action == Action::Delete)
+            whole = undoEntry(*it, error) && whole;
+    }
     return whole && finish(error);
 }
 

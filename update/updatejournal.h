@@ -26,6 +26,8 @@ public:
     // installed now.
     void planFile(const QString &relative, bool inUse);
     void planDelete(const QString &relative);
+    // True when the installed file at this absolute path goes in the switch.
+    bool deletes(const QString &path) const;
 
     QString installedPath(const QString &relative) const;
     QString stagedPath(const QString &relative) const;
