@@ -111,8 +111,8 @@ bool UpdateJournal::begin(QString *error)
                           [](const Entry &entry) { return entry.action == Action::Delete; });
     // One flush of the file system covers every staged file and directory; a flush per file
     // costs a disk cache flush each.
-    if (!syncFileSystem(stagingDir())) {
-        *error = failure(stagingDir(), systemError());
+    if (!syncFileSystem(root)) {
+        *error = failure(root, systemError());
         return false;
     }
     return write(State::Switch, error);
