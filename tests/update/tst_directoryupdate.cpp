@@ -3,6 +3,7 @@
 #include "app/messageboxes.h"
 #include "tests/support/testfiles.h"
 #include "update/gzip.h"
+#include "update/updatejournal.h"
 
 #include <QSettings>
 #include <QSignalSpy>
@@ -24,6 +25,8 @@ private slots:
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
     void failuresAreLoggedAndAsked();
+    void recoversInterruptedSwitch_data();
+    void recoversInterruptedSwitch();
 
 private:
     QString source(const QString &relative) const { return work->filePath("src/" + relative); }
@@ -231,6 +234,55 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
                                           "Can't overwrite " + target("blocked") + ".",
                                           "FAILED creating subdirectory: "
                                                   + work->filePath("install/sub")}));
+}
+
+void tst_DirectoryUpdate::recoversInterruptedSwitch_data()
+{
+    QTest::addColumn<bool>("obstacle");
+    QTest::addColumn<QString>("line");
+    QTest::newRow("killed before the clean-up: completed")
+            << false << "Completed an interrupted update: the new version is installed";
+    QTest::newRow("stuck half way: rolled back")
+            << true << "Rolled back an interrupted update: the previous version is installed";
+}
+
+// A switch a run left open, as a kill leaves it: the next start ends it as one whole version.
+void tst_DirectoryUpdate::recoversInterruptedSwitch()
+{
+    QFETCH(bool, obstacle);
+    QFETCH(QString, line);
+    QVERIFY(writeTestFile(target("a.txt"), "old a"));
+    QVERIFY(writeTestFile(target("update"), "old updater"));
+    QVERIFY(writeTestFile(target("gone.txt"), "old gone"));
+    // A non-empty directory where the last new file goes stops the switch there, for good.
+    if (obstacle)
+        QVERIFY(writeTestFile(target("b.txt/in the way"), "x"));
+    {
+        UpdateJournal journal(work->filePath("install"));
+        for (const char *name : {"a.txt", "update", "b.txt"})
+            QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
+        journal.planDelete("gone.txt");
+        journal.planFile("a.txt", false);
+        journal.planFile("update", true);
+        journal.planFile("b.txt", false);
+        QString error;
+        QVERIFY2(journal.begin(&error), qPrintable(error));
+        int failed = 0;
+        QCOMPARE(journal.apply(&failed, &error), !obstacle);
+    }
+
+    const QStringList lines = UpdateJournal::recover(work->filePath("install"));
+    QCOMPARE(lines.size(), obstacle ? 2 : 1);
+    QCOMPARE(lines.last(), line);
+
+    QCOMPARE(readTestFile(target("a.txt")), obstacle ? "old a" : "new a.txt");
+    QCOMPARE(readTestFile(target("update")), obstacle ? "old updater" : "new update");
+    QCOMPARE(QFile::exists(target("gone.txt")), obstacle);
+    QCOMPARE(QFile::exists(target("b.txt/in the way")), obstacle);
+    // The running updater's old file stays beside the new one until the next start.
+    QCOMPARE(readTestFile(target("_old_update")), obstacle ? "" : "old updater");
+    QVERIFY(!QFileInfo::exists(target(".update-staging")));
+    QVERIFY(UpdateJournal::recover(work->filePath("install")).isEmpty());
 }
 
 QTEST_MAIN(tst_DirectoryUpdate)
