@@ -44,6 +44,11 @@ void makeSingleFileExecutable(const QString &path)
         && !executableSuffixes.contains(file.completeSuffix())) {
         return;
     }
+    makeFileExecutable(path);
+}
+
+void makeFileExecutable(const QString &path)
+{
     QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
                                         | QFile::ReadUser | QFile::WriteUser | QFile::ExeUser
                                         | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther

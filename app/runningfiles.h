@@ -19,6 +19,8 @@ void removeOldFiles(const QString &dir);
 
 // Gives executables and shared libraries mode 0755; other files stay as they are.
 void makeSingleFileExecutable(const QString &path);
+// Gives the file mode 0755, whatever its name.
+void makeFileExecutable(const QString &path);
 
 // Starts, detached, the program of the running program's file name that lies in dir, with dir
 // as its working directory; false when it could not be started.

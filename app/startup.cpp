@@ -10,6 +10,7 @@
 #include "streams/downloadstreamtypes.h"
 #include "streams/transportlibrary.h"
 #include "ui/mainwindow.h"
+#include "update/updatejournal.h"
 
 #include <QApplication>
 #include <QLocale>
@@ -80,9 +81,15 @@ void installTranslators(QTranslator *program, QTranslator *toolkit)
 
 std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
 {
+    // Before anything else: an update a killed run left half done is finished or undone, so that
+    // whatever runs next finds one whole version.
+    const QStringList recovery = UpdateJournal::recover(getAppRootPath());
+
     CommandLineOptions options;
     const QString error = parseCommandLineOptions(&options, QString(), arguments);
     if (!error.isEmpty()) {
+        for (const QString &line : recovery)
+            std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
         showMessageBox(nullptr, QMessageBox::Critical, QCoreApplication::translate("", "Error"),
                        error);
         return nullptr;
@@ -91,6 +98,8 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
     removeOldFiles(getAppRootPath());
 
     auto window = std::make_unique<MainWindow>(options);
+    for (const QString &line : recovery)
+        window->onAppendText(line);
     window->show();
     if (options.runMode == 2) {
         auto *autoStart = new QTimer(window.get());

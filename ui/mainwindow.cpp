@@ -265,8 +265,15 @@ void MainWindow::onUpdateFinished()
     stopSpeedTimer();
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
-    if (copyTemporaryOnly())
-        removeTemporaryOnly();
+    if (!copyTemporaryOnly()) {
+        // The previous version stands; the downloaded files and the record stay for a restart.
+        ui.startButton->setText(tr("Restart"));
+        ui.startButton->setEnabled(true);
+        if (options.runMode == 2)
+            QCoreApplication::exit(3);
+        return;
+    }
+    removeTemporaryOnly();
     updateDone = true;
     ui.startButton->setText(tr("Start Orlivo"));
     ui.startButton->setEnabled(true);
@@ -281,11 +288,15 @@ bool MainWindow::copyTemporaryOnly()
     connect(&update, &DirectoryUpdate::message, this, &MainWindow::onAppendText);
     connect(&update, &DirectoryUpdate::progress, this, &MainWindow::onProgressUpdate);
     onProgressUpdate(0, 1);
-    // Whatever failed has been logged by the update itself; the run is finished all the same.
-    update.updateContent(options.runMode == 2, tempDir,
-                         tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"),
-                         getAppRootPath());
+    const bool installed = update.updateContent(
+            options.runMode == 2, tempDir,
+            tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"), getAppRootPath());
     flushProgress();
+    // What failed has been logged by the update itself.
+    if (!installed) {
+        onAppendText(QStringLiteral("Update failed, version: %1").arg(clientVersion));
+        return false;
+    }
     onAppendText(QStringLiteral("Updated files copied"));
     return true;
 }

@@ -67,7 +67,8 @@ private:
     // Shows at once what a pending refresh would show later.
     void flushProgress();
 
-    // Installs the downloaded files; true even when some of them failed (the log tells).
+    // Installs the downloaded files; false when the new version does not stand whole (the log
+    // tells why).
     bool copyTemporaryOnly();
     void removeTemporaryOnly();
     // Removes the run's working directory, its session file and its record in update.ini.

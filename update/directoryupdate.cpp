@@ -1,16 +1,32 @@
 #include "update/directoryupdate.h"
 
+#include "app/apppaths.h"
 #include "app/messageboxes.h"
 #include "app/runningfiles.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
 #include "update/filecopy.h"
+#include "update/filesync.h"
 #include "update/gzip.h"
+#include "update/updatejournal.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QSettings>
+
+#include <cerrno>
+
+namespace {
+
+QStringList deleteList(const QString &productIni)
+{
+    QSettings list(productIni, QSettings::IniFormat);
+    list.beginGroup(QStringLiteral("delete"));
+    // allKeys, not childKeys: a path with "/" is stored as a nested key.
+    return list.allKeys();
+}
+
+} // namespace
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
     : QObject(parent)
@@ -26,123 +42,209 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
         emit message(QStringLiteral("Unable to read %1.").arg(productIni));
         return false;
     }
-    removeExtraFiles(productIni, targetDir);
+    // A switch a killed run left is finished first: staging starts from one whole version.
+    for (const QString &line : UpdateJournal::recover(targetDir))
+        emit message(line);
+    UpdateJournal journal(targetDir);
+    // A journal that could not be finished keeps the only copies of some files; it is left for
+    // whoever looks into it.
+    if (journal.isOpen())
+        return false;
+    // Planned first: a file that goes may stand where a new directory must be made.
+    const QStringList deletions = deleteList(productIni);
+    for (const QString &path : deletions)
+        journal.planDelete(path);
+    Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
+    if (outcome != Outcome::Failed) {
+        const Outcome switched = switchFiles(silent, !deletions.isEmpty(), &journal);
+        outcome = switched == Outcome::Whole ? outcome : switched;
+    } else {
+        journal.discardStaging();
+        emit message(QStringLiteral("Update stopped; the previous version was not changed"));
+    }
+    emit updateFinished();
+    return outcome == Outcome::Whole;
+}
 
+DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString &sourceDir,
+                                                     const TaskSpecification &task,
+                                                     UpdateJournal *journal)
+{
     emit message(QStringLiteral("Copy/unpack files..."));
     const quint64 total = task.totalSize;
     quint64 done = 0;
     emit progress(done, total);
 
+    bool partial = false;
     const QDir source(sourceDir);
-    const QDir target(targetDir);
     for (int i = 0; i < task.getSize();) {
         FileSpecification entry;
         task.get(i, &entry);
-        const QString relativeSource = entry.directory + QLatin1Char('/') + entry.name;
-        const QString sourcePath = source.absoluteFilePath(relativeSource);
-        const QString targetPath = target.absoluteFilePath(
-                entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName);
+        const QString sourcePath = source.absoluteFilePath(entry.directory + QLatin1Char('/')
+                                                           + entry.name);
+        const QString relative = entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName;
+        const QString staged = journal->stagedPath(relative);
+        const QString target = journal->installedPath(relative);
 
+        // A file that was not downloaded is installed already.
         QMessageBox::StandardButton answer = QMessageBox::Ignore;
         if (QFileInfo::exists(sourcePath)) {
-            answer = ensureFileRemoved(silent, targetPath);
-            if (answer == QMessageBox::Ignore) {
-                const QString error = installFile(entry, sourcePath, targetPath);
-                answer = error.isEmpty() || silent ? QMessageBox::Ignore : askAbout(error);
-            } else if (answer != QMessageBox::Abort && answer != QMessageBox::Retry) {
-                answer = QMessageBox::Ignore;
+            QString question;
+            if (replaceProblem(target, *journal, &question).isEmpty()) {
+                question = stageFile(entry, sourcePath, staged, target);
+                answer = question.isEmpty() ? QMessageBox::Ok : ask(silent, question);
+            } else {
+                answer = ask(silent, question);
             }
         }
         if (answer == QMessageBox::Abort)
-            break;
+            return Outcome::Failed;
         if (answer == QMessageBox::Retry)
             continue;
+        if (answer == QMessageBox::Ok) {
+            journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()));
+        } else if (QFileInfo::exists(sourcePath)) {
+            // Skipped by the user: the installed file stays, and so the version has a hole.
+            removeFile(staged);
+            partial = true;
+        }
         done += entry.size;
         emit progress(done, total);
         ++i;
     }
-    emit updateFinished();
-    return true;
+    return partial ? Outcome::Partial : Outcome::Whole;
 }
 
-void DirectoryUpdate::removeExtraFiles(const QString &productIni, const QString &targetDir)
+QString DirectoryUpdate::replaceProblem(const QString &path, const UpdateJournal &journal,
+                                        QString *question)
 {
-    QSettings list(productIni, QSettings::IniFormat);
-    list.beginGroup(QStringLiteral("delete"));
-    // allKeys, not childKeys: a path with "/" is stored as a nested key.
-    const QStringList paths = list.allKeys();
-    list.endGroup();
-    if (paths.isEmpty())
-        return;
-    emit message(QStringLiteral("Remove extra files..."));
-    const QDir target(targetDir);
-    for (const QString &path : paths)
-        QFile::remove(target.absoluteFilePath(path));
+    const auto problem = [&](const QString &line, int error) {
+        emit message(line);
+        *question = tr("Can't overwrite %1.\n%2\nDo you wish to stop update?")
+                            .arg(path, qt_error_string(error));
+        return line;
+    };
+    const QFileInfo installed(path);
+    if (installed.isDir() && !installed.isSymLink())
+        return problem(QStringLiteral("FAILED to remove file: %1").arg(path), EISDIR);
+    const QString name = installed.fileName();
+    const QString aside = parentPath(path) + QLatin1Char('/') + getSpecialFileRenamePrefix() + name;
+    if (isSpecialFileName(name) && pathExists(path) && pathExists(aside))
+        return problem(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside), EEXIST);
+    for (QString dir = parentPath(path); !dir.isEmpty() && !QFileInfo(dir).isDir();
+         dir = parentPath(dir)) {
+        if (pathExists(dir) && !journal.deletes(dir)) {
+            *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
+            emit message(*question);
+            return *question;
+        }
+    }
+    return {};
 }
 
-QString DirectoryUpdate::installFile(const FileSpecification &entry, const QString &source,
-                                     const QString &target)
+QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString &source,
+                                   const QString &staged, const QString &target)
 {
     QString error;
-    const auto fail = [&](const QString &line) {
+    // The system's reason is told where a call of the system failed, not for a bad checksum.
+    const auto fail = [&](const QString &line, bool systemFailure = false) {
+        const QString reason = systemFailure && errno != 0 ? systemError() : QString();
         emit message(line);
+        if (!reason.isEmpty())
+            emit message(QStringLiteral("%1: %2").arg(staged, reason));
         error = line;
     };
 
-    const QString directory = target.left(target.lastIndexOf(QLatin1Char('/')));
-    if (!QDir().mkpath(directory))
-        fail(QStringLiteral("FAILED creating subdirectory: %1").arg(directory));
-
+    errno = 0;
+    if (!QDir().mkpath(parentPath(staged))) {
+        fail(QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(staged)), true);
+        return error;
+    }
+    removeFile(staged);
     const QString relativeSource = entry.directory + QLatin1Char('/') + entry.name;
+    errno = 0;
     if (!entry.unpackedName.isEmpty()) {
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
-        if (!unzipFileWithMD5(target, source, &unpackedMd5)) {
-            fail(QStringLiteral("Can't unzip %1!").arg(relativeSource));
-            unpackedMd5 = getFileMD5Ex(target);
+        if (!unzipFileWithMD5(staged, source, &unpackedMd5)) {
+            fail(QStringLiteral("Can't unzip %1!").arg(relativeSource), true);
+            unpackedMd5 = getFileMD5Ex(staged);
         }
         if (unpackedMd5 != entry.unpackedMd5)
             fail(QStringLiteral("Wrong checksum %1!").arg(target));
-        if (quint64(QFileInfo(target).size()) != entry.unpackedSize)
+        if (quint64(QFileInfo(staged).size()) != entry.unpackedSize)
             fail(QStringLiteral("Wrong length %1!").arg(target));
-    } else if (!copyFile(source, target)) {
-        fail(QStringLiteral("Can't copy %1!").arg(relativeSource));
+    } else if (linkFile(source, staged)) {
+        // The very file whose checksum the download verified; nothing is copied.
+        if (quint64(QFileInfo(staged).size()) != entry.size)
+            fail(QStringLiteral("Wrong length %1!").arg(target));
+    } else if (errno = 0; !copyFile(source, staged)) {
+        fail(QStringLiteral("Can't copy %1!").arg(relativeSource), true);
+    } else if (getFileMD5Ex(staged) != entry.md5) {
+        fail(QStringLiteral("Wrong checksum %1!").arg(target));
+    } else if (quint64(QFileInfo(staged).size()) != entry.size) {
+        fail(QStringLiteral("Wrong length %1!").arg(target));
     }
-    makeSingleFileExecutable(target);
+    if (!error.isEmpty())
+        return error;
+
+    const QString relative = entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName;
+    if (isExecutable(target) || relative == getClientBinaryName())
+        makeFileExecutable(staged);
+    makeSingleFileExecutable(staged);
+    // The flush before the switch then finds most of the data on the disk already.
+    startWriteback(staged);
     return error;
 }
 
-QMessageBox::StandardButton DirectoryUpdate::ensureFileRemoved(bool silent, const QString &path)
+DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesFiles,
+                                                      UpdateJournal *journal)
 {
-    QFileInfo info(path);
-    if (!info.exists() && !info.isSymLink())
-        return QMessageBox::Ignore;
+    emit message(QStringLiteral("Switch to the new version..."));
+    if (removesFiles)
+        emit message(QStringLiteral("Remove extra files..."));
 
-    const int slash = path.lastIndexOf(QLatin1Char('/'));
-    const QString directory = path.left(slash);
-    const QString name = QDir(directory).relativeFilePath(path);
-    QFile file(path);
-    if (isSpecialFileName(name)) {
-        const QString aside = directory + QLatin1Char('/') + getSpecialFileRenamePrefix() + name;
-        if (file.rename(aside))
-            return QMessageBox::Ignore;
-        emit message(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside));
-    } else {
-        if (file.remove())
-            return QMessageBox::Ignore;
-        emit message(QStringLiteral("FAILED to remove file: %1").arg(path));
+    QString error;
+    if (!journal->begin(&error)) {
+        emit message(QStringLiteral("FAILED to start the switch: %1").arg(error));
+        journal->discardStaging();
+        emit message(QStringLiteral("Update stopped; the previous version was not changed"));
+        return Outcome::Failed;
     }
-    if (silent)
-        return QMessageBox::Ignore;
-    return showMessageBox(nullptr, QMessageBox::Question, tr("Question"),
-                          tr("Can't overwrite %1.\n%2\nDo you wish to stop update?")
-                                  .arg(path, file.errorString()),
-                          QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore,
-                          QMessageBox::Retry);
+    bool partial = false;
+    int failed = 0;
+    while (!journal->apply(&failed, &error)) {
+        emit message(QStringLiteral("FAILED to switch %1").arg(error));
+        const QMessageBox::StandardButton answer = ask(silent, error);
+        if (answer == QMessageBox::Retry)
+            continue;
+        if (answer == QMessageBox::Abort || failed < 0 || !journal->undo(failed, &error)) {
+            if (journal->rollback(&error)) {
+                emit message(QStringLiteral("Rolled back to the previous version"));
+            } else {
+                emit message(QStringLiteral("FAILED to roll back: %1").arg(error));
+            }
+            return Outcome::Failed;
+        }
+        partial = true;
+        ++failed;
+    }
+    if (!journal->finish(&error)) {
+        emit message(QStringLiteral("FAILED to finish the switch: %1").arg(error));
+        return Outcome::Failed;
+    }
+    // The client is started from the finished window, whatever mode it came with.
+    const QString client = journal->installedPath(getClientBinaryName());
+    if (QFileInfo::exists(client))
+        makeFileExecutable(client);
+    emit message(QStringLiteral("Switch complete"));
+    return partial ? Outcome::Partial : Outcome::Whole;
 }
 
-QMessageBox::StandardButton DirectoryUpdate::askAbout(const QString &text)
+QMessageBox::StandardButton DirectoryUpdate::ask(bool silent, const QString &text)
 {
+    if (silent)
+        return QMessageBox::Abort;
     return showMessageBox(nullptr, QMessageBox::Question, tr("Question"), text,
                           QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore,
                           QMessageBox::Retry);

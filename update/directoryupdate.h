@@ -5,11 +5,15 @@
 #include <QString>
 
 struct FileSpecification;
+class TaskSpecification;
+class UpdateJournal;
 
-// Installs a downloaded version: removes the files the product list's "delete" group names,
-// then unpacks or copies every downloaded file into the installation, renaming files in use
-// aside. Lives for one call of updateContent(); asks the user through message boxes unless
-// silent.
+// Installs a downloaded version in two phases. Staging unpacks or copies every downloaded file
+// into a directory inside the installation and verifies it there, changing nothing installed.
+// Switching then records a journal and moves the files into place with renames only, removing
+// what the product list's "delete" group names; a failure rolls the installation back to the
+// previous version. Lives for one call of updateContent(); asks the user through message boxes
+// unless silent.
 class DirectoryUpdate : public QObject
 {
     Q_OBJECT
@@ -17,12 +21,11 @@ class DirectoryUpdate : public QObject
 public:
     explicit DirectoryUpdate(QObject *parent = nullptr);
 
-    // False only when the product list cannot be read; a run the user stopped is still true.
+    // True when the new version stands whole in targetDir. False when the product list cannot
+    // be read, a file could not be staged or switched (the previous version then stands), or
+    // the user skipped or stopped.
     bool updateContent(bool silent, const QString &sourceDir, const QString &productIni,
                        const QString &targetDir);
-    // Makes sure nothing is left at path: Ignore when that worked or nothing was there,
-    // otherwise the user's answer (Ignore when silent).
-    QMessageBox::StandardButton ensureFileRemoved(bool silent, const QString &path);
 
 signals:
     void updateInitiated();
@@ -34,9 +37,19 @@ public slots:
     void emitUpdateFinished();
 
 private:
-    void removeExtraFiles(const QString &productIni, const QString &targetDir);
-    // Puts one entry in place and returns its error line, empty when all went well.
-    QString installFile(const FileSpecification &entry, const QString &source,
-                        const QString &target);
-    QMessageBox::StandardButton askAbout(const QString &text);
+    enum class Outcome { Whole, Partial, Failed };
+
+    Outcome stageFiles(bool silent, const QString &sourceDir, const TaskSpecification &task,
+                       UpdateJournal *journal);
+    Outcome switchFiles(bool silent, bool removesFiles, UpdateJournal *journal);
+    // Why the installed file at path could not be replaced, logged; empty when it can be. The
+    // box text of the question goes to question.
+    QString replaceProblem(const QString &path, const UpdateJournal &journal, QString *question);
+    // Puts one entry into staging and returns its error line, empty when all went well.
+    QString stageFile(const FileSpecification &entry, const QString &source,
+                      const QString &staged, const QString &target);
+    QString checkStaged(const FileSpecification &entry, const QString &staged,
+                        const QString &target, const QString &md5);
+    // Abort when silent: an unattended run never installs a version with holes.
+    QMessageBox::StandardButton ask(bool silent, const QString &text);
 };

@@ -25,6 +25,7 @@ private slots:
     void update_data();
     void update();
     void interruptedRunResumes();
+    void failedInstallationKeepsOldVersion();
     void hostileInput_data();
     void hostileInput();
 
@@ -413,6 +414,35 @@ void TestUpdateRun::interruptedRunResumes()
     // Only the list and the file that never arrived are fetched again.
     QCOMPARE(fetched(fault->logLines().mid(firstRequests.size()), mirrorFiles),
              (QStringList{listPath, stalled}));
+    verifyInstalled(true);
+}
+
+// A file in the place of a new directory stops the installation before anything changes: status
+// 3, the old version whole, the downloads kept; once it is gone the next run installs them.
+void TestUpdateRun::failedInstallationKeepsOldVersion()
+{
+    writeMirrors({QStringLiteral("http")});
+    const QString blocker = installation->filePath(QStringLiteral("sounds"));
+    QVERIFY(writeTestFile(blocker, "in the way"));
+    const qsizetype requestsBefore = http->logLines().size();
+
+    QByteArray log;
+    int exitCode = -1;
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 3, log.constData());
+    QVERIFY2(log.contains("FAILED creating subdirectory: " + blocker.toUtf8()), log.constData());
+    QVERIFY2(!log.contains("Update finished"), log.constData());
+    QVERIFY(QFile::remove(blocker));
+    verifyUntouched();
+    const qsizetype requestsFirst = http->logLines().size();
+
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."),
+             log.constData());
+    // Only the connect step and the list again.
+    QCOMPARE(http->logLines().size() - requestsFirst, 2);
+    QVERIFY(requestsFirst > requestsBefore + 1);
     verifyInstalled(true);
 }
 

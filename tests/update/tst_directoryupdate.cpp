@@ -3,6 +3,7 @@
 #include "app/messageboxes.h"
 #include "tests/support/testfiles.h"
 #include "update/gzip.h"
+#include "update/updatejournal.h"
 
 #include <QSettings>
 #include <QSignalSpy>
@@ -24,6 +25,8 @@ private slots:
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
     void failuresAreLoggedAndAsked();
+    void recoversInterruptedSwitch_data();
+    void recoversInterruptedSwitch();
 
 private:
     QString source(const QString &relative) const { return work->filePath("src/" + relative); }
@@ -115,7 +118,11 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     for (const char *path : {"plugins/old.so", "notdownloaded.bin"})
         QVERIFY(!QFile::exists(target(path)));
 
-    QCOMPARE(log, (QStringList{"Update content", "Remove extra files...", "Copy/unpack files..."}));
+    // The "delete" group goes during the switch, not before anything is staged.
+    QCOMPARE(log, (QStringList{"Update content", "Copy/unpack files...",
+                               "Switch to the new version...", "Remove extra files...",
+                               "Switch complete"}));
+    QVERIFY(!QFileInfo::exists(target(".update-staging")));
     QVERIFY(questions.isEmpty());
     QCOMPARE(finished, 1);
     // One report at the start and one per entry, the one not downloaded included.
@@ -144,7 +151,7 @@ void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
     QTest::addColumn<QByteArray>("installed");
     QTest::addColumn<QList<quint64>>("done");
 
-    QTest::newRow("abort stops the loop")
+    QTest::newRow("abort stops and keeps the old version")
             << QMessageBox::Abort << QByteArray("running") << QList<quint64>{0};
     // Retrying an entry never counts its bytes twice.
     QTest::newRow("retry after the stale copy went")
@@ -168,7 +175,7 @@ void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
         return reply;
     });
 
-    QVERIFY(run(false));
+    QCOMPARE(run(false), reply != QMessageBox::Abort);
 
     QTEST(readTestFile(target("update")), "installed");
     QCOMPARE(QFile::exists(target("later.txt")), done.size() > 1);
@@ -204,16 +211,20 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
     addPlain("c/sub/x", "x");
     QVERIFY(writeTestFile(target("sub"), "a file"));
 
-    QVERIFY(run(silent));
+    // Skipped files leave holes: the run is no whole new version either way.
+    QVERIFY(!run(silent));
 
     const QString unpacked = target("a.so");
-    QCOMPARE(log,
-             (QStringList{"Update content", "Copy/unpack files...", "Can't unzip a/a.gz!",
-                          "Wrong checksum " + unpacked + "!", "Wrong length " + unpacked + "!",
-                          "FAILED to remove file: " + target("blocked"), "Can't copy b/blocked!",
-                          "FAILED creating subdirectory: " + work->filePath("install/sub"),
-                          "Can't copy c/sub/x!"}));
-    QCOMPARE(progress.last(), listedTotal);
+    const QStringList staging{"Update content", "Copy/unpack files...", "Can't unzip a/a.gz!",
+                              "Wrong checksum " + unpacked + "!", "Wrong length " + unpacked + "!"};
+    const QStringList switching{"FAILED to remove file: " + target("blocked"),
+                                "FAILED creating subdirectory: " + work->filePath("install/sub"),
+                                "Switch to the new version...", "Switch complete"};
+    // Unattended, the first failure stops the update before anything installed changes.
+    QCOMPARE(log, staging + (silent ? QStringList{"Update stopped; the previous version was not "
+                                                  "changed"}
+                                    : switching));
+    QCOMPARE(readTestFile(target("sub")), "a file");
     QStringList asked;
     for (const MessageBoxRequest &question : std::as_const(questions))
         asked << question.text.section('\n', 0, 0);
@@ -221,7 +232,57 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
     QCOMPARE(asked, (silent ? QStringList()
                             : QStringList{"Wrong length " + unpacked + "!",
                                           "Can't overwrite " + target("blocked") + ".",
-                                          "Can't copy b/blocked!", "Can't copy c/sub/x!"}));
+                                          "FAILED creating subdirectory: "
+                                                  + work->filePath("install/sub")}));
+}
+
+void tst_DirectoryUpdate::recoversInterruptedSwitch_data()
+{
+    QTest::addColumn<bool>("obstacle");
+    QTest::addColumn<QString>("line");
+    QTest::newRow("killed before the clean-up: completed")
+            << false << "Completed an interrupted update: the new version is installed";
+    QTest::newRow("stuck half way: rolled back")
+            << true << "Rolled back an interrupted update: the previous version is installed";
+}
+
+// A switch a run left open, as a kill leaves it: the next start ends it as one whole version.
+void tst_DirectoryUpdate::recoversInterruptedSwitch()
+{
+    QFETCH(bool, obstacle);
+    QFETCH(QString, line);
+    QVERIFY(writeTestFile(target("a.txt"), "old a"));
+    QVERIFY(writeTestFile(target("update"), "old updater"));
+    QVERIFY(writeTestFile(target("gone.txt"), "old gone"));
+    // A non-empty directory where the last new file goes stops the switch there, for good.
+    if (obstacle)
+        QVERIFY(writeTestFile(target("b.txt/in the way"), "x"));
+    {
+        UpdateJournal journal(work->filePath("install"));
+        for (const char *name : {"a.txt", "update", "b.txt"})
+            QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
+        journal.planDelete("gone.txt");
+        journal.planFile("a.txt", false);
+        journal.planFile("update", true);
+        journal.planFile("b.txt", false);
+        QString error;
+        QVERIFY2(journal.begin(&error), qPrintable(error));
+        int failed = 0;
+        QCOMPARE(journal.apply(&failed, &error), !obstacle);
+    }
+
+    const QStringList lines = UpdateJournal::recover(work->filePath("install"));
+    QCOMPARE(lines.size(), obstacle ? 2 : 1);
+    QCOMPARE(lines.last(), line);
+
+    QCOMPARE(readTestFile(target("a.txt")), obstacle ? "old a" : "new a.txt");
+    QCOMPARE(readTestFile(target("update")), obstacle ? "old updater" : "new update");
+    QCOMPARE(QFile::exists(target("gone.txt")), obstacle);
+    QCOMPARE(QFile::exists(target("b.txt/in the way")), obstacle);
+    // The running updater's old file stays beside the new one until the next start.
+    QCOMPARE(readTestFile(target("_old_update")), obstacle ? "" : "old updater");
+    QVERIFY(!QFileInfo::exists(target(".update-staging")));
+    QVERIFY(UpdateJournal::recover(work->filePath("install")).isEmpty());
 }
 
 QTEST_MAIN(tst_DirectoryUpdate)

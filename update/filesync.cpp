@@ -1,0 +1,115 @@
+#include "update/filesync.h"
+
+#include <QFile>
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+QByteArray name(const QString &path)
+{
+    return QFile::encodeName(path);
+}
+
+// Runs call on a descriptor of path opened with flags; errno survives the close.
+template<typename Call>
+bool withDescriptor(const QString &path, int flags, Call call)
+{
+    const int fd = ::open(name(path).constData(), flags | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool done = call(fd);
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return done;
+}
+
+} // namespace
+
+bool startWriteback(const QString &path)
+{
+    return withDescriptor(path, O_RDONLY, [](int fd) {
+        return ::sync_file_range(fd, 0, 0, SYNC_FILE_RANGE_WRITE) == 0;
+    });
+}
+
+bool syncFileSystem(const QString &path)
+{
+    return withDescriptor(path, O_RDONLY, [](int fd) { return ::syncfs(fd) == 0; });
+}
+
+bool syncDirectory(const QString &path)
+{
+    return withDescriptor(path, O_RDONLY | O_DIRECTORY, [](int fd) { return ::fsync(fd) == 0; });
+}
+
+bool writeSyncedFile(const QString &path, const QByteArray &data)
+{
+    const bool written = withDescriptor(path, O_WRONLY | O_CREAT | O_TRUNC, [&](int fd) {
+        for (qsizetype done = 0; done < data.size();) {
+            const ssize_t n = ::write(fd, data.constData() + done, size_t(data.size() - done));
+            if (n < 0 && errno != EINTR)
+                return false;
+            done += qMax<ssize_t>(n, 0);
+        }
+        return ::fsync(fd) == 0;
+    });
+    if (!written) {
+        const int error = errno;
+        ::unlink(name(path).constData());
+        errno = error;
+    }
+    return written;
+}
+
+QString parentPath(const QString &path)
+{
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
+    return slash < 0 ? QString() : path.left(slash);
+}
+
+bool pathExists(const QString &path)
+{
+    struct stat status = {};
+    return ::lstat(name(path).constData(), &status) == 0;
+}
+
+bool isSameFile(const QString &a, const QString &b)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return ::lstat(name(a).constData(), &first) == 0 && ::lstat(name(b).constData(), &second) == 0
+            && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+bool isExecutable(const QString &path)
+{
+    struct stat status = {};
+    return ::stat(name(path).constData(), &status) == 0 && S_ISREG(status.st_mode)
+            && (status.st_mode & 0111) != 0;
+}
+
+bool linkFile(const QString &existing, const QString &link)
+{
+    return ::link(name(existing).constData(), name(link).constData()) == 0;
+}
+
+bool renameFile(const QString &from, const QString &to)
+{
+    return ::rename(name(from).constData(), name(to).constData()) == 0;
+}
+
+bool removeFile(const QString &path)
+{
+    return ::unlink(name(path).constData()) == 0 || errno == ENOENT;
+}
+
+QString systemError()
+{
+    return qt_error_string(errno);
+}

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QString>
+
+// Thin wrappers of the system calls that make an installation's changes durable and atomic.
+// Each returns false with errno set; systemError() turns it into the system's text.
+
+// Starts writing the file's data back without waiting, so that a later flush finds it done.
+bool startWriteback(const QString &path);
+// Flushes every file and directory of the file system that holds path (syncfs).
+bool syncFileSystem(const QString &path);
+// Flushes a directory's entries (fsync of the directory).
+bool syncDirectory(const QString &path);
+// Writes data to a new file at path and flushes it; nothing is left behind on failure.
+bool writeSyncedFile(const QString &path, const QByteArray &data);
+
+// What path names without its last component; empty when it has only one.
+QString parentPath(const QString &path);
+// True when something, a dangling link included, is at path.
+bool pathExists(const QString &path);
+// True when both paths name the same file (hard links of one inode).
+bool isSameFile(const QString &a, const QString &b);
+// True when path is a file with any execute bit.
+bool isExecutable(const QString &path);
+bool linkFile(const QString &existing, const QString &link);
+bool renameFile(const QString &from, const QString &to);
+bool removeFile(const QString &path);
+
+// The system's text for the last failure (errno).
+QString systemError();
