@@ -81,7 +81,8 @@ def installed_state(install):
         for name in filenames:
             path = os.path.join(dirpath, name)
             relative = os.path.relpath(path, install)
-            if relative in OWN_FILES or name.startswith(".update-"):
+            # The settings' lock file may outlive a kill; the next start ignores it as stale.
+            if relative in OWN_FILES or name.endswith(".ini.lock") or name.startswith(".update-"):
                 continue
             with open(path, "rb") as f:
                 state[relative] = hashlib.md5(f.read()).hexdigest()
