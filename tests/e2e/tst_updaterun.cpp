@@ -26,6 +26,7 @@ private slots:
     void update();
     void interruptedRunResumes();
     void failedInstallationKeepsOldVersion();
+    void fullDiskWhileStaging();
     void hostileInput_data();
     void hostileInput();
 
@@ -443,6 +444,45 @@ void TestUpdateRun::failedInstallationKeepsOldVersion()
     // Only the connect step and the list again.
     QCOMPARE(http->logLines().size() - requestsFirst, 2);
     QVERIFY(requestsFirst > requestsBefore + 1);
+    verifyInstalled(true);
+}
+
+// The installation's file system fills up while the new version is staged: status 3, the old
+// version byte for byte; once there is room the next run installs what it downloaded.
+void TestUpdateRun::fullDiskWhileStaging()
+{
+    const QString root = installation->path();
+    qint64 pages = 64; // the settings and some slack, in KiB
+    for (const QString &name : filesBelow(previousRelease))
+        pages += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
+    const auto mountWithRoom = [&](const QString &options) {
+        return QProcess::execute(QStringLiteral("mount"),
+                                 {"-t", "tmpfs", "-o", options, "tmpfs", root}) == 0;
+    };
+    if (!mountWithRoom(QStringLiteral("size=%1k").arg(pages)))
+        QSKIP("mounting a small tmpfs is not permitted here");
+    const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {root}); });
+    for (const QString &name : filesBelow(previousRelease)) {
+        QDir().mkpath(QFileInfo(installation->filePath(name)).path());
+        QVERIFY(QFile::copy(previousRelease + '/' + name, installation->filePath(name)));
+    }
+    QVERIFY(writeTestFile(installation->filePath(QStringLiteral("update.ini")),
+                          "[update]\nserver=127.0.0.1:" + QByteArray::number(versionServer->port())
+                                  + "\n"));
+    writeMirrors({QStringLiteral("http")});
+
+    QByteArray log;
+    int exitCode = -1;
+    const bool ran = runUnattended(&log, &exitCode);
+    const bool remounted = mountWithRoom(QStringLiteral("remount,size=%1k").arg(pages * 4));
+    QVERIFY2(ran && exitCode == 3, log.constData());
+    QVERIFY2(log.contains("No space left on device"), log.constData());
+    verifyUntouched();
+    QVERIFY(remounted);
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."),
+             log.constData());
     verifyInstalled(true);
 }
 
