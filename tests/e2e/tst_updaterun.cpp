@@ -31,10 +31,12 @@ private slots:
     void hostileInput();
 
 private:
+    void installPreviousRelease();
     void writeMirrors(const QStringList &kinds);
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false);
     bool runUnattended(QByteArray *log, int *exitCode, const QStringList &arguments = {});
     void verifyUntouched();
+    void verifyNextRunInstalls(const QByteArray &verification, bool oldUpdaterAside);
     void runInWindow(QByteArray *log, int *exitCode);
     void verifyInstalled(bool oldUpdaterAside);
 
@@ -161,6 +163,12 @@ void TestUpdateRun::init()
     tempDir = std::make_unique<QTemporaryDir>();
     QVERIFY(installation->isValid() && tempDir->isValid());
     workingParent = tempDir->path();
+    installPreviousRelease();
+}
+
+// Version 11 as installed, with the update server named.
+void TestUpdateRun::installPreviousRelease()
+{
     for (const QString &name : filesBelow(previousRelease)) {
         QDir().mkpath(QFileInfo(installation->filePath(name)).path());
         QVERIFY(QFile::copy(previousRelease + '/' + name, installation->filePath(name)));
@@ -233,6 +241,17 @@ bool TestUpdateRun::runUnattended(QByteArray *log, int *exitCode, const QStringL
         qWarning("chatter in the log:\n%s", log->constData());
     return finished && process.exitStatus() == QProcess::NormalExit
            && !QString::fromLocal8Bit(*log).contains(chatter);
+}
+
+// Another unattended start ends with the release installed, after this verification.
+void TestUpdateRun::verifyNextRunInstalls(const QByteArray &verification, bool oldUpdaterAside)
+{
+    QByteArray log;
+    int exitCode = -1;
+    QVERIFY(runUnattended(&log, &exitCode));
+    QVERIFY2(exitCode == 0, log.constData());
+    QVERIFY2(log.contains("Verification of 4 file(s) complete. " + verification), log.constData());
+    verifyInstalled(oldUpdaterAside);
 }
 
 // The previous release as it was: nothing installed, nothing deleted, nothing added but the
@@ -362,11 +381,7 @@ void TestUpdateRun::update()
     verifyInstalled(true);
 
     // The next start clears the old updater away and finds everything up to date.
-    QVERIFY(runUnattended(&log, &exitCode));
-    QVERIFY2(exitCode == 0, log.constData());
-    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 4, Downloaded: 0."),
-             log.constData());
-    verifyInstalled(false);
+    verifyNextRunInstalls("Ready: 4, Downloaded: 0.", false);
 }
 
 void TestUpdateRun::interruptedRunResumes()
@@ -437,14 +452,10 @@ void TestUpdateRun::failedInstallationKeepsOldVersion()
     verifyUntouched();
     const qsizetype requestsFirst = http->logLines().size();
 
-    QVERIFY(runUnattended(&log, &exitCode));
-    QVERIFY2(exitCode == 0, log.constData());
-    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."),
-             log.constData());
+    verifyNextRunInstalls("Ready: 0, Downloaded: 4.", true);
     // Only the connect step and the list again.
     QCOMPARE(http->logLines().size() - requestsFirst, 2);
     QVERIFY(requestsFirst > requestsBefore + 1);
-    verifyInstalled(true);
 }
 
 // The installation's file system fills up while the new version is staged: status 3, the old
@@ -462,13 +473,7 @@ void TestUpdateRun::fullDiskWhileStaging()
     if (!mountWithRoom(QStringLiteral("size=%1k").arg(pages)))
         QSKIP("mounting a small tmpfs is not permitted here");
     const auto unmount = qScopeGuard([&] { QProcess::execute(QStringLiteral("umount"), {root}); });
-    for (const QString &name : filesBelow(previousRelease)) {
-        QDir().mkpath(QFileInfo(installation->filePath(name)).path());
-        QVERIFY(QFile::copy(previousRelease + '/' + name, installation->filePath(name)));
-    }
-    QVERIFY(writeTestFile(installation->filePath(QStringLiteral("update.ini")),
-                          "[update]\nserver=127.0.0.1:" + QByteArray::number(versionServer->port())
-                                  + "\n"));
+    installPreviousRelease();
     writeMirrors({QStringLiteral("http")});
 
     QByteArray log;
@@ -479,11 +484,7 @@ void TestUpdateRun::fullDiskWhileStaging()
     QVERIFY2(log.contains("No space left on device"), log.constData());
     verifyUntouched();
     QVERIFY(remounted);
-    QVERIFY(runUnattended(&log, &exitCode));
-    QVERIFY2(exitCode == 0, log.constData());
-    QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."),
-             log.constData());
-    verifyInstalled(true);
+    verifyNextRunInstalls("Ready: 0, Downloaded: 4.", true);
 }
 
 // Broken settings, hostile mirrors and bad command lines, each through the real binary without
