@@ -1,6 +1,7 @@
 #include "update/directoryupdate.h"
 
 #include "app/messageboxes.h"
+#include "app/apppaths.h"
 #include "tests/support/testfiles.h"
 #include "update/gzip.h"
 #include "update/updatejournal.h"
@@ -108,10 +109,16 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     list("bin/notdownloaded.bin", {"0123", "7"});
     for (const char *path : {"plugins/old.so", "never-there.txt"})
         list(QString("delete/") + path, {"1"});
-    for (const char *path : {"plugins/old.so", "readme.txt"})
+    for (const char *path : {"plugins/old.so", "readme.txt", "tool"})
         QVERIFY(writeTestFile(target(path), "old"));
+    // An executable stays one whatever its name, and the client always becomes one.
+    addPlain("bin/tool", "new tool");
+    addPlain("bin/" + getClientBinaryName(), "client");
+    QVERIFY(QFile::setPermissions(target("tool"), QFile::ReadOwner | QFile::ExeOwner));
 
     QVERIFY(run(false));
+    for (const QString &name : {QString("tool"), getClientBinaryName()})
+        QCOMPARE(int(QFileInfo(target(name)).permissions() & 0x7777), 0x7755);
 
     QCOMPARE(readTestFile(target("readme.txt")), "plain text");
     QCOMPARE(readTestFile(target("sounds/ring tone.wav")), patternBytes(100000, 1));
@@ -126,7 +133,7 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QVERIFY(questions.isEmpty());
     QCOMPARE(finished, 1);
     // One report at the start and one per entry, the one not downloaded included.
-    QCOMPARE(progress.size(), 4);
+    QCOMPARE(progress.size(), 6);
     QCOMPARE(progress.first(), 0u);
     QCOMPARE(progress.last(), listedTotal);
     QCOMPARE(reportedTotal, listedTotal);
