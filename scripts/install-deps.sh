@@ -8,6 +8,8 @@ packages=(
     libcurl4-openssl-dev libssl-dev zlib1g-dev
     nginx-light python3 python3-pyftpdlib tinyproxy openssl ca-certificates
     xvfb xauth xdotool imagemagick fonts-dejavu-core time
+    libzstd-dev libdivsufsort-dev libbz2-dev clang
+    minisign bsdiff zstd zsync iproute2
 )
 
 missing=()
