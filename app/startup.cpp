@@ -32,13 +32,17 @@ void keepSeriousMessages(QtMsgType type, const QMessageLogContext &context, cons
         std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
 }
 
+bool hasNoDisplay()
+{
+    return qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
+           && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
+}
+
 // Servers, ssh sessions and timers have no display; the offscreen platform needs none.
 void prepareUnattendedRun()
 {
-    if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")
-        && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+    if (hasNoDisplay())
         qputenv("QT_QPA_PLATFORM", "offscreen");
-    }
     qInstallMessageHandler(keepSeriousMessages);
     answerMessageBoxesOnStandardError();
 }
@@ -116,8 +120,15 @@ int runUpdater(int argc, char **argv)
 {
     if (const int status = answerInformationRequest(argc, argv); status >= 0)
         return status;
-    if (argc > 1 && std::strcmp(argv[1], "--nouser") == 0)
+    if (argc > 1 && std::strcmp(argv[1], "--nouser") == 0) {
         prepareUnattendedRun();
+    } else if (hasNoDisplay()) {
+        // Qt would abort without a word a user understands.
+        std::fputs("update: there is no display for the window; "
+                   "an unattended update runs with --nouser\n",
+                   stderr);
+        return 1;
+    }
     registerMetaTypes();
     seedRandomGenerator();
 

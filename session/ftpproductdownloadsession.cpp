@@ -17,6 +17,7 @@ namespace {
 
 // More parallel streams only open more connections to the same mirrors.
 constexpr int maxStreams = 16;
+constexpr int maxMirrors = 100;
 constexpr int maxRetries = 100;
 constexpr int maxTimeoutSeconds = 3600;
 
@@ -61,7 +62,14 @@ void FTPProductDownloadSession::readMirrors()
 {
     QSettings settings(parameters.mirrorsFile, QSettings::IniFormat);
     mirrors.clear();
-    const int size = settings.beginReadArray("mirrors");
+    int size = settings.beginReadArray("mirrors");
+    if (size > maxMirrors) {
+        emit message(QString("%1 lists %2 mirrors, the first %3 are used")
+                             .arg(parameters.mirrorsFile)
+                             .arg(size)
+                             .arg(maxMirrors));
+        size = maxMirrors;
+    }
     for (int i = 0; i < size; ++i) {
         settings.setArrayIndex(i);
         MarkedSiteData mirror;

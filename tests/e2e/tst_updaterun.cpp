@@ -29,6 +29,8 @@ private slots:
     void fullDiskWhileStaging();
     void hostileInput_data();
     void hostileInput();
+    void answersWithoutWindow_data();
+    void answersWithoutWindow();
 
 private:
     void installPreviousRelease();
@@ -529,6 +531,9 @@ void TestUpdateRun::hostileInput_data()
     QTest::newRow("mirrors.ini of garbage")
             << QStringList{"garbage"} << QByteArray() << QByteArray() << QByteArray()
             << QStringList() << QByteArray() << none << 2 << "No mirror is listed";
+    QTest::newRow("mirrors.ini claiming endless mirrors")
+            << QStringList{"endless"} << QByteArray() << QByteArray() << QByteArray()
+            << QStringList() << QByteArray() << none << 2 << "the first 100 are used";
     const QString dropped = "was not made by the updater, record dropped";
     QTest::newRow("remembered directory elsewhere")
             << QStringList{"http"} << QByteArray() << QByteArray()
@@ -596,6 +601,9 @@ void TestUpdateRun::hostileInput()
     } else if (mirrors == QStringList{QStringLiteral("garbage")}) {
         QVERIFY(writeTestFile(installation->filePath(QStringLiteral("mirrors.ini")),
                               noiseBytes(400, 9)));
+    } else if (mirrors == QStringList{QStringLiteral("endless")}) {
+        QVERIFY(writeTestFile(installation->filePath(QStringLiteral("mirrors.ini")),
+                              "[mirrors]\nsize=100000000\n"));
     } else if (!mirrors.isEmpty()) {
         writeMirrors(mirrors);
     }
@@ -646,6 +654,40 @@ void TestUpdateRun::hostileInput()
     // A proxy that cannot be used is never bypassed.
     if (settings.startsWith("proxy="))
         QCOMPARE(http->logLines().size(), requestsBefore);
+}
+
+// Questions answered and a window refused on a machine without a display, before any query.
+void TestUpdateRun::answersWithoutWindow_data()
+{
+    QTest::addColumn<QString>("argument");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("output");
+
+    QTest::newRow("--help") << "--help" << 0 << "Exit status";
+    QTest::newRow("-h") << "-h" << 0 << "--nouser";
+    QTest::newRow("--version") << "--version" << 0 << "update 1.0";
+    QTest::newRow("a window without a display") << QString() << 1 << "runs with --nouser";
+}
+
+void TestUpdateRun::answersWithoutWindow()
+{
+    QFETCH(QString, argument);
+    QFETCH(int, exitCode);
+    QFETCH(QString, output);
+
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+        environment.remove(QString::fromLatin1(name));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    const qsizetype queriesBefore = versionServer->logLines().size();
+    process.start(installation->filePath(QStringLiteral("update")),
+                  argument.isEmpty() ? QStringList() : QStringList{argument});
+    QVERIFY(process.waitForFinished(runTimeoutMs));
+    QCOMPARE(process.exitCode(), exitCode);
+    QVERIFY2(process.readAll().contains(output.toUtf8()), qPrintable(output));
+    QCOMPARE(versionServer->logLines().size(), queriesBefore);
 }
 
 QTEST_GUILESS_MAIN(TestUpdateRun)
