@@ -55,6 +55,7 @@ public:
         QString path;
         QIODevice *device = nullptr;
         qint64 expectedLength = -1;
+        qint64 maxLength = -1;
     };
 
     struct SocketWatch
@@ -475,7 +476,7 @@ void CurlTransport::Private::endGet(CURLcode result)
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
         finish(BodyTooLong,
-               QStringLiteral("More than %1 bytes received").arg(current->expectedLength));
+               QStringLiteral("More than %1 bytes received").arg(current->maxLength));
     } else if (!isFtp() && status >= 300 && (status >= 400 || result == CURLE_OK)) {
         QUrl url = server;
         url.setPath(current->path);
@@ -602,7 +603,7 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
         return 0;
     }
     written += size;
-    if (current->expectedLength >= 0 && written > current->expectedLength) {
+    if (current->maxLength >= 0 && written > current->maxLength) {
         tooLong = true;
         return 0;
     }
@@ -666,7 +667,8 @@ int CurlTransport::login(const QString &user, const QString &password)
     return d->enqueue(command);
 }
 
-int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength)
+int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength,
+                       qint64 maxLength)
 {
     Q_ASSERT(device);
     Private::Command command;
@@ -674,6 +676,7 @@ int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLe
     command.path = path;
     command.device = device;
     command.expectedLength = expectedLength;
+    command.maxLength = expectedLength >= 0 ? expectedLength : maxLength;
     return d->enqueue(command);
 }
 

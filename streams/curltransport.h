@@ -46,8 +46,10 @@ public:
     int login(const QString &user, const QString &password);
     // Writes the body of path on the server into device. With expectedLength not negative, a
     // body that grows beyond it is stopped at once (BodyTooLong), and one that ends short of it
-    // while the server announced no length counts as broken off.
-    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1);
+    // while the server announced no length counts as broken off. Without an expected length,
+    // maxLength (when not negative) still stops a body that grows beyond it.
+    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1,
+            qint64 maxLength = -1);
 
     // Drops the commands that have not started; the running one goes on.
     void clearPendingCommands();

@@ -8,6 +8,14 @@
 #include <QFile>
 #include <QPointer>
 
+namespace {
+
+// A file without a checksum (the product list) has no length to hold the server to; no honest
+// list comes near this, and a mirror that sends without end must not fill the disk.
+constexpr qint64 maxUncheckedLength = 64 * 1024 * 1024;
+
+} // namespace
+
 SingleFileDownloadStream::SingleFileDownloadStream(const QString &destDir)
     : destDir(destDir)
 {
@@ -135,6 +143,15 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
     file->close();
     file.reset();
 
+    if (md5.isEmpty() && length > maxUncheckedLength) {
+        QFile::remove(localPath);
+        if (enterState(DownloadStream_Connected)) {
+            emit fileError(DownloadStream_LengthError,
+                           QStringLiteral("ERROR: %1 is longer than %2 bytes")
+                                   .arg(localPath, QString::number(maxUncheckedLength)));
+        }
+        return false;
+    }
     if (!md5.isEmpty()) {
         if (length != size) {
             QFile::remove(localPath);
@@ -220,8 +237,8 @@ void SingleFileDownloadStream::releaseTransport()
 
 int SingleFileDownloadStream::requestFile(const QString &path, QFile *file)
 {
-    // Only a file with a checksum has a known length to hold the server to.
-    return transport->get(path, file, md5.isEmpty() ? -1 : size);
+    return md5.isEmpty() ? transport->get(path, file, -1, maxUncheckedLength)
+                         : transport->get(path, file, size);
 }
 
 void SingleFileDownloadStream::handleFileRequestFinished(bool error)
