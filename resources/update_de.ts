@@ -45,12 +45,6 @@ vom Update-Server abgefragt werden.</translation>
 <context>
     <name>DirectoryUpdate</name>
     <message>
-        <location filename="../update/directoryupdate.cpp" line="132"/>
-        <location filename="../update/directoryupdate.cpp" line="141"/>
-        <source>Question</source>
-        <translation>Frage</translation>
-    </message>
-    <message>
         <location filename="../update/directoryupdate.cpp" line="133"/>
         <source>Can&apos;t overwrite %1.
 %2

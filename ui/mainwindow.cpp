@@ -281,12 +281,27 @@ void MainWindow::onUpdateFinished()
         close();
 }
 
+InstallAnswer MainWindow::askAboutFile(const QString &text)
+{
+    switch (showMessageBox(this, QMessageBox::Question, tr("Question"), text,
+                           QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore,
+                           QMessageBox::Retry)) {
+    case QMessageBox::Retry:
+        return InstallAnswer::Retry;
+    case QMessageBox::Ignore:
+        return InstallAnswer::Ignore;
+    default:
+        return InstallAnswer::Abort;
+    }
+}
+
 bool MainWindow::copyTemporaryOnly()
 {
     onAppendText(QStringLiteral("Copy updated files..."));
     DirectoryUpdate update;
     connect(&update, &DirectoryUpdate::message, this, &MainWindow::onAppendText);
     connect(&update, &DirectoryUpdate::progress, this, &MainWindow::onProgressUpdate);
+    update.setQuestion([this](const QString &text) { return askAboutFile(text); });
     onProgressUpdate(0, 1);
     const bool installed = update.updateContent(
             options.runMode == 2, tempDir,

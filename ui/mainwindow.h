@@ -2,6 +2,7 @@
 
 #include "app/commandlineoptions.h"
 #include "session/initialparameters.h"
+#include "update/installquestion.h"
 #include "ui_mainwindow.h"
 
 #include <QElapsedTimer>
@@ -70,6 +71,8 @@ private:
     // Installs the downloaded files; false when the new version does not stand whole (the log
     // tells why).
     bool copyTemporaryOnly();
+    // The directory update's question about a file that cannot be installed, as a box.
+    InstallAnswer askAboutFile(const QString &text);
     void removeTemporaryOnly();
     // Removes the run's working directory, its session file and its record in update.ini.
     void cleanupCurrentUpdateFiles();

@@ -1,7 +1,6 @@
 #include "update/directoryupdate.h"
 
 #include "app/apppaths.h"
-#include "app/messageboxes.h"
 #include "app/runningfiles.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
@@ -87,21 +86,21 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         const QString target = journal->installedPath(relative);
 
         // A file that was not downloaded is installed already.
-        QMessageBox::StandardButton answer = QMessageBox::Ignore;
+        bool stagedWell = false;
+        InstallAnswer answer = InstallAnswer::Ignore;
         if (QFileInfo::exists(sourcePath)) {
-            QString question;
-            if (replaceProblem(target, *journal, &question).isEmpty()) {
-                question = stageFile(entry, sourcePath, staged, target);
-                answer = question.isEmpty() ? QMessageBox::Ok : ask(silent, question);
-            } else {
-                answer = ask(silent, question);
-            }
+            QString problem;
+            if (replaceProblem(target, *journal, &problem).isEmpty())
+                problem = stageFile(entry, sourcePath, staged, target);
+            stagedWell = problem.isEmpty();
+            if (!stagedWell)
+                answer = ask(silent, problem);
         }
-        if (answer == QMessageBox::Abort)
+        if (answer == InstallAnswer::Abort)
             return Outcome::Failed;
-        if (answer == QMessageBox::Retry)
+        if (answer == InstallAnswer::Retry)
             continue;
-        if (answer == QMessageBox::Ok) {
+        if (stagedWell) {
             journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()));
         } else if (QFileInfo::exists(sourcePath)) {
             // Skipped by the user: the installed file stays, and so the version has a hole.
@@ -215,10 +214,10 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
     int failed = 0;
     while (!journal->apply(&failed, &error)) {
         emit message(QStringLiteral("FAILED to switch %1").arg(error));
-        const QMessageBox::StandardButton answer = ask(silent, error);
-        if (answer == QMessageBox::Retry)
+        const InstallAnswer answer = ask(silent, error);
+        if (answer == InstallAnswer::Retry)
             continue;
-        if (answer == QMessageBox::Abort || failed < 0 || !journal->undo(failed, &error)) {
+        if (answer == InstallAnswer::Abort || failed < 0 || !journal->undo(failed, &error)) {
             if (journal->rollback(&error)) {
                 emit message(QStringLiteral("Rolled back to the previous version"));
             } else {
@@ -241,13 +240,11 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
     return partial ? Outcome::Partial : Outcome::Whole;
 }
 
-QMessageBox::StandardButton DirectoryUpdate::ask(bool silent, const QString &text)
+InstallAnswer DirectoryUpdate::ask(bool silent, const QString &text) const
 {
-    if (silent)
-        return QMessageBox::Abort;
-    return showMessageBox(nullptr, QMessageBox::Question, tr("Question"), text,
-                          QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore,
-                          QMessageBox::Retry);
+    if (silent || !question)
+        return InstallAnswer::Abort;
+    return question(text);
 }
 
 void DirectoryUpdate::emitUpdateFinished()

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QMessageBox>
+#include "update/installquestion.h"
+
 #include <QObject>
 #include <QString>
 
@@ -12,14 +13,17 @@ class UpdateJournal;
 // into a directory inside the installation and verifies it there, changing nothing installed.
 // Switching then records a journal and moves the files into place with renames only, removing
 // what the product list's "delete" group names; a failure rolls the installation back to the
-// previous version. Lives for one call of updateContent(); asks the user through message boxes
-// unless silent.
+// previous version. Lives for one call of updateContent(); asks the user through the question
+// handler unless silent.
 class DirectoryUpdate : public QObject
 {
     Q_OBJECT
 
 public:
     explicit DirectoryUpdate(QObject *parent = nullptr);
+
+    // Who answers when a file cannot be installed; none means Abort.
+    void setQuestion(InstallQuestion handler) { question = std::move(handler); }
 
     // True when the new version stands whole in targetDir. False when the product list cannot
     // be read, a file could not be staged or switched (the previous version then stands), or
@@ -51,5 +55,7 @@ private:
     QString checkStaged(const FileSpecification &entry, const QString &staged,
                         const QString &target, const QString &md5);
     // Abort when silent: an unattended run never installs a version with holes.
-    QMessageBox::StandardButton ask(bool silent, const QString &text);
+    InstallAnswer ask(bool silent, const QString &text) const;
+
+    InstallQuestion question;
 };

@@ -1,6 +1,5 @@
 #include "update/directoryupdate.h"
 
-#include "app/messageboxes.h"
 #include "app/apppaths.h"
 #include "tests/support/testfiles.h"
 #include "update/gzip.h"
@@ -12,14 +11,13 @@
 #include <QTest>
 
 // Installing downloaded files into a real directory tree, with the user's answers given
-// through the message-box seam.
+// through the question handler.
 class tst_DirectoryUpdate : public QObject
 {
     Q_OBJECT
 
 private slots:
     void init();
-    void cleanup() { setMessageBoxHandler({}); }
     void installsPackedPlainAndNestedFiles();
     void refusesHostileList();
     void staleCopyAsksAndFollowsTheAnswer_data();
@@ -47,7 +45,8 @@ private:
     QStringList log;
     QList<quint64> progress; // done, as reported
     quint64 reportedTotal = 0;
-    QList<MessageBoxRequest> questions;
+    QStringList questions;
+    InstallQuestion answer;
 };
 
 void tst_DirectoryUpdate::init()
@@ -55,10 +54,10 @@ void tst_DirectoryUpdate::init()
     work = std::make_unique<QTemporaryDir>();
     QVERIFY(QDir(work->path()).mkpath("install"));
     listedTotal = 0;
-    setMessageBoxHandler([this](const MessageBoxRequest &request) {
-        questions << request;
-        return QMessageBox::Ignore;
-    });
+    answer = [this](const QString &text) {
+        questions << text;
+        return InstallAnswer::Ignore;
+    };
 }
 
 void tst_DirectoryUpdate::list(const QString &key, const QStringList &fields)
@@ -90,6 +89,7 @@ bool tst_DirectoryUpdate::run(bool silent)
     progress.clear();
     questions.clear();
     DirectoryUpdate update;
+    update.setQuestion(answer);
     connect(&update, &DirectoryUpdate::message, this, [this](const QString &line) { log << line; });
     connect(&update, &DirectoryUpdate::progress, this, [this](quint64 done, quint64 total) {
         progress << done;
@@ -154,20 +154,20 @@ void tst_DirectoryUpdate::refusesHostileList()
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
 {
-    QTest::addColumn<QMessageBox::StandardButton>("reply");
+    QTest::addColumn<InstallAnswer>("reply");
     QTest::addColumn<QByteArray>("installed");
     QTest::addColumn<QList<quint64>>("done");
 
     QTest::newRow("abort stops and keeps the old version")
-            << QMessageBox::Abort << QByteArray("running") << QList<quint64>{0};
+            << InstallAnswer::Abort << QByteArray("running") << QList<quint64>{0};
     // Retrying an entry never counts its bytes twice.
     QTest::newRow("retry after the stale copy went")
-            << QMessageBox::Retry << QByteArray("new") << QList<quint64>{0, 3, 8};
+            << InstallAnswer::Retry << QByteArray("new") << QList<quint64>{0, 3, 8};
 }
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
 {
-    QFETCH(QMessageBox::StandardButton, reply);
+    QFETCH(InstallAnswer, reply);
     QFETCH(QList<quint64>, done);
 
     addPlain("a/update", "new");
@@ -175,26 +175,22 @@ void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
     QVERIFY(writeTestFile(target("update"), "running"));
     QVERIFY(writeTestFile(target("_old_update"), "stale"));
     // A retry only helps once the user has dealt with the stale copy.
-    setMessageBoxHandler([this, reply](const MessageBoxRequest &request) {
-        questions << request;
-        if (reply == QMessageBox::Retry)
+    answer = [this, reply](const QString &text) {
+        questions << text;
+        if (reply == InstallAnswer::Retry)
             QFile::remove(target("_old_update"));
         return reply;
-    });
+    };
 
-    QCOMPARE(run(false), reply != QMessageBox::Abort);
+    QCOMPARE(run(false), reply != InstallAnswer::Abort);
 
     QTEST(readTestFile(target("update")), "installed");
     QCOMPARE(QFile::exists(target("later.txt")), done.size() > 1);
     QCOMPARE(finished, 1);
     QCOMPARE(progress, done);
     QCOMPARE(questions.size(), 1);
-    const MessageBoxRequest &first = questions.first();
-    QCOMPARE(first.title, QString("Question"));
-    QVERIFY(first.text.startsWith(QString("Can't overwrite %1.\n").arg(target("update"))));
-    QVERIFY(first.text.endsWith("\nDo you wish to stop update?"));
-    QCOMPARE(first.defaultButton, QMessageBox::Retry);
-    QCOMPARE(first.buttons, QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore);
+    QVERIFY(questions.first().startsWith(QString("Can't overwrite %1.\n").arg(target("update"))));
+    QVERIFY(questions.first().endsWith("\nDo you wish to stop update?"));
     QVERIFY(log.contains(QString("FAILED to rename file: %1 to %2")
                                  .arg(target("update"), target("_old_update"))));
 }
@@ -233,8 +229,8 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
                                     : switching));
     QCOMPARE(readTestFile(target("sub")), "a file");
     QStringList asked;
-    for (const MessageBoxRequest &question : std::as_const(questions))
-        asked << question.text.section('\n', 0, 0);
+    for (const QString &question : std::as_const(questions))
+        asked << question.section('\n', 0, 0);
     // The last error of an entry is the one asked about.
     QCOMPARE(asked, (silent ? QStringList()
                             : QStringList{"Wrong length " + unpacked + "!",
