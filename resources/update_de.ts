@@ -132,16 +132,6 @@ Möchten Sie die Aktualisierung abbrechen?</translation>
         <translation>Fehler</translation>
     </message>
     <message>
-        <location filename="../ui/mainwindow.cpp" line="122"/>
-        <source>%1 is missing, cannot proceed.</source>
-        <translation>%1 fehlt, die Aktualisierung kann nicht beginnen.</translation>
-    </message>
-    <message>
-        <location filename="../ui/mainwindow.cpp" line="139"/>
-        <source>Unable to get temp directory.</source>
-        <translation>Es steht kein temporäres Verzeichnis zur Verfügung.</translation>
-    </message>
-    <message>
         <location filename="../ui/mainwindow.cpp" line="241"/>
         <source>Start Orlivo</source>
         <translation>Orlivo starten</translation>
@@ -194,6 +184,17 @@ Möchten Sie die Aktualisierung abbrechen?</translation>
         <location filename="../streams/singlefiledownloadstream.cpp" line="184"/>
         <source>Download error. Timeout %1 seconds to repeat.</source>
         <translation>Download-Fehler. Neuer Versuch in %1 Sekunden.</translation>
+    </message>
+</context>
+<context>
+    <name>UpdateRun</name>
+    <message>
+        <source>%1 is missing, cannot proceed.</source>
+        <translation>%1 fehlt, die Aktualisierung kann nicht beginnen.</translation>
+    </message>
+    <message>
+        <source>Unable to get temp directory.</source>
+        <translation>Es steht kein temporäres Verzeichnis zur Verfügung.</translation>
     </message>
 </context>
 </TS>

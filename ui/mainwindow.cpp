@@ -2,69 +2,30 @@
 
 #include "app/apppaths.h"
 #include "app/messageboxes.h"
-#include "session/ftpproductdownloadsession.h"
-#include "ui/workingdirectory.h"
-#include "update/cleanup.h"
-#include "update/directoryupdate.h"
 
 #include <QCloseEvent>
 #include <QCoreApplication>
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
-#include <QSettings>
 #include <QTimerEvent>
 
 #include <cstdio>
-#include <optional>
-#include <utility>
 
 namespace {
 
 const QString makerWebAddress = QStringLiteral("https://www.orlivo.com/");
-const QString updateDataFileName = QStringLiteral("update.ini");
-const QString mirrorsFileName = QStringLiteral("mirrors.ini");
-const QString currentGroup = QStringLiteral("current");
 constexpr int speedTickMs = 1000;
-constexpr int sessionStreams = 4;
 // The bar and the size labels follow the progress at most this often: with thousands of small
 // files, repainting the bar and laying the window out again for every file cost more than the
 // files themselves, and nobody sees changes faster than this.
 constexpr qint64 progressRefreshMs = 50;
-
-QString updateDataPath(const QString &dir)
-{
-    return QDir(dir).absoluteFilePath(updateDataFileName);
-}
-
-QString appFilePath(const QString &name)
-{
-    return QDir(getAppRootPath()).absoluteFilePath(name);
-}
-
-QString sessionFilePath(const QString &version)
-{
-    return appFilePath(QStringLiteral("session_") + version + QStringLiteral(".ini"));
-}
-
-// Removes the emptied dir from its parent: whether that worked, or nothing when dir has no
-// parent to go to.
-std::optional<bool> removeFromParent(const QString &dir)
-{
-    QDir parent(dir);
-    const QString name = parent.dirName();
-    if (!parent.cdUp())
-        return std::nullopt;
-    return parent.rmdir(name);
-}
 
 } // namespace
 
 MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     : QWidget(nullptr)
     , options(commandLineOptions)
-    , clientType(commandLineOptions.clientType)
+    , run(commandLineOptions.clientType, commandLineOptions.clientVersion,
+          commandLineOptions.runMode == 2)
     , clientVersion(commandLineOptions.clientVersion)
 {
     ui.setupUi(this);
@@ -73,43 +34,26 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     ui.outputTextEdit->hide();
     progressRefresh.setSingleShot(true);
     connect(&progressRefresh, &QTimer::timeout, this, &MainWindow::showProgress);
+    connectRun();
 }
 
-bool MainWindow::getExistingUpdateData(QString baseDir, QString *version, QString *type,
-                                       QString *dir)
+void MainWindow::connectRun()
 {
-    if (baseDir.isEmpty())
-        baseDir = getAppRootPath();
-    QSettings settings(updateDataPath(baseDir), QSettings::IniFormat);
-    settings.beginGroup(currentGroup);
-    const QString storedVersion = settings.value(QStringLiteral("version")).toString();
-    const QString storedDir = settings.value(QStringLiteral("dir")).toString();
-    const QString storedType = settings.value(QStringLiteral("type")).toString();
-    if (storedVersion.isEmpty() || storedDir.isEmpty() || !QFileInfo::exists(storedDir))
-        return false;
-
-    if (version)
-        *version = storedVersion;
-    if (type)
-        *type = storedType;
-    if (dir)
-        *dir = storedDir;
-    return true;
-}
-
-void MainWindow::modifyUpdateData(const QString &version, const QString &dir)
-{
-    QSettings settings(updateDataPath(getAppRootPath()), QSettings::IniFormat);
-    settings.beginGroup(currentGroup);
-    settings.setValue(QStringLiteral("version"), version);
-    settings.setValue(QStringLiteral("dir"), dir);
-    settings.setValue(QStringLiteral("type"), clientType);
-}
-
-void MainWindow::cleanupCurrentUpdateDataIniFile()
-{
-    QSettings settings(updateDataPath(getAppRootPath()), QSettings::IniFormat);
-    settings.remove(currentGroup);
+    connect(&run, &UpdateRun::refused, this, &MainWindow::refuseToStart);
+    connect(&run, &UpdateRun::started, this, &MainWindow::onRunStarted);
+    connect(&run, &UpdateRun::message, this, &MainWindow::onAppendText);
+    connect(&run, &UpdateRun::downloadInitiated, this, &MainWindow::onDownloadInitiated);
+    connect(&run, &UpdateRun::progressCount, this, &MainWindow::onProgressCount);
+    connect(&run, &UpdateRun::streamStarted, this, &MainWindow::onStreamStarted);
+    connect(&run, &UpdateRun::streamSwitchMirror, this, &MainWindow::onStreamSwitchMirror);
+    connect(&run, &UpdateRun::streamError, this, &MainWindow::onStreamError);
+    connect(&run, &UpdateRun::streamFinished, this, &MainWindow::onStreamFinished);
+    connect(&run, &UpdateRun::streamProgress, this, &MainWindow::onStreamProgress);
+    connect(&run, &UpdateRun::processCancelled, this, &MainWindow::onProcessCancelled);
+    connect(&run, &UpdateRun::downloadFinished, this, &MainWindow::stopSpeedTimer);
+    connect(&run, &UpdateRun::installProgress, this, &MainWindow::onProgressUpdate);
+    connect(&run, &UpdateRun::updateFinished, this, &MainWindow::onUpdateFinished);
+    run.setQuestion([this](const QString &text) { return askAboutFile(text); });
 }
 
 void MainWindow::on_startButton_clicked()
@@ -122,127 +66,23 @@ void MainWindow::on_startButton_clicked()
         close();
         return;
     }
-    if (!QFile::exists(appFilePath(mirrorsFileName))) {
-        refuseToStart(QMessageBox::Critical,
-                      tr("%1 is missing, cannot proceed.").arg(mirrorsFileName));
-        return;
-    }
+    run.start();
+}
 
-    QString version;
-    QString workingDir;
-    if (!takeUpEarlierSession(&version, &workingDir)) {
-        refuseToStart(QMessageBox::Critical, QCoreApplication::translate("", "Wrong client type"));
-        return;
-    }
-    if (session)
-        return;
-
-    const bool resume = !workingDir.isEmpty();
-    if (!resume) {
-        const QString tempPath = QDir::tempPath();
-        if (!tempPath.isEmpty())
-            workingDir = createWorkingDirectory(tempPath);
-        if (workingDir.isEmpty()) {
-            refuseToStart(QMessageBox::Warning, tr("Unable to get temp directory."));
-            return;
-        }
-    }
-
-    createSession();
+void MainWindow::onRunStarted()
+{
     elapsedSeconds = 0;
     speedTimerId = startTimer(speedTickMs);
     ui.startButton->setEnabled(false);
-
-    if (version.isEmpty())
-        version = QString::number(clientVersion);
-    const InitialParameters parameters = sessionParameters(version, workingDir, resume);
-    // Recorded before the first byte arrives, so that an interruption at any point is resumed.
-    modifyUpdateData(version, workingDir);
-    tempDir = workingDir;
-    // A session without mirrors reports that itself, through its signals.
-    session->initialize(parameters);
-    session->startUpdate();
 }
 
-InitialParameters MainWindow::sessionParameters(const QString &version, const QString &workingDir,
-                                                bool resume) const
+void MainWindow::refuseToStart(const QString &text, bool critical)
 {
-    InitialParameters parameters;
-    parameters.productListName = clientType;
-    parameters.versionPath = version;
-    parameters.mirrorsFile = appFilePath(mirrorsFileName);
-    parameters.updateDataFile = appFilePath(updateDataFileName);
-    parameters.tempDirectory = workingDir;
-    parameters.resumeSession = resume;
-    parameters.defaultStreams = sessionStreams;
-    parameters.sessionFile = sessionFilePath(version);
-    parameters.reservedFlag = false;
-    return parameters;
-}
-
-void MainWindow::refuseToStart(QMessageBox::Icon icon, const QString &text)
-{
-    showMessageBox(this, icon, tr("Error"), text);
+    showMessageBox(this, critical ? QMessageBox::Critical : QMessageBox::Warning, tr("Error"),
+                   text);
     // Nobody would press the button again.
     if (options.runMode == 2)
         QCoreApplication::exit(1);
-}
-
-// False when the record names a client type that cannot be a product list's name.
-bool MainWindow::takeUpEarlierSession(QString *version, QString *dir)
-{
-    QString storedVersion;
-    QString storedType;
-    QString storedDir;
-    if (!getExistingUpdateData(QString(), &storedVersion, &storedType, &storedDir))
-        return true;
-    // A tampered or foreign record must not make this program empty somebody's directory.
-    if (!isOwnWorkingDirectory(storedDir, QDir::tempPath())) {
-        onAppendText(QStringLiteral("Recorded directory %1 was not made by the updater, "
-                                    "record dropped")
-                             .arg(storedDir));
-        cleanupCurrentUpdateDataIniFile();
-        return true;
-    }
-    if (!isValidClientType(storedType))
-        return false;
-    clientType = storedType;
-    if (storedVersion == QString::number(clientVersion)) {
-        onAppendText(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
-        *version = storedVersion;
-        *dir = storedDir;
-        return true;
-    }
-    removeStaleSession(storedVersion, storedDir);
-    return true;
-}
-
-void MainWindow::removeStaleSession(const QString &version, const QString &dir)
-{
-    onAppendText(QStringLiteral("Cleanup previous session (v. %1, %2) files...").arg(version, dir));
-    cleanupDirectory(dir);
-    QFile::remove(sessionFilePath(version));
-    if (const std::optional<bool> removed = removeFromParent(dir)) {
-        onAppendText(*removed ? QStringLiteral("Ok")
-                              : QStringLiteral("Failed to remove directory"));
-    }
-    cleanupCurrentUpdateDataIniFile();
-}
-
-void MainWindow::createSession()
-{
-    session = new FTPProductDownloadSession;
-    using Session = FTPProductDownloadSession;
-    connect(session, &Session::downloadInitiated, this, &MainWindow::onDownloadInitiated);
-    connect(session, &Session::progressCount, this, &MainWindow::onProgressCount);
-    connect(session, &Session::streamStarted, this, &MainWindow::onStreamStarted);
-    connect(session, &Session::streamSwitchMirror, this, &MainWindow::onStreamSwitchMirror);
-    connect(session, &Session::streamError, this, &MainWindow::onStreamError);
-    connect(session, &Session::streamFinished, this, &MainWindow::onStreamFinished);
-    connect(session, &Session::streamProgress, this, &MainWindow::onStreamProgress);
-    connect(session, &Session::processCancelled, this, &MainWindow::onProcessCancelled);
-    connect(session, &Session::downloadFinished, this, &MainWindow::onUpdateFinished);
-    connect(session, &Session::message, this, &MainWindow::onAppendText);
 }
 
 void MainWindow::stopSpeedTimer()
@@ -260,20 +100,17 @@ void MainWindow::onAppendText(const QString &text)
     std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
 }
 
-void MainWindow::onUpdateFinished()
+void MainWindow::onUpdateFinished(bool installed)
 {
     stopSpeedTimer();
-    // The session emitted its last signal to get here and touches nothing after it.
-    delete std::exchange(session, nullptr);
-    if (!copyTemporaryOnly()) {
-        // The previous version stands; the downloaded files and the record stay for a restart.
+    flushProgress();
+    if (!installed) {
         ui.startButton->setText(tr("Restart"));
         ui.startButton->setEnabled(true);
         if (options.runMode == 2)
             QCoreApplication::exit(3);
         return;
     }
-    removeTemporaryOnly();
     updateDone = true;
     ui.startButton->setText(tr("Start Orlivo"));
     ui.startButton->setEnabled(true);
@@ -293,50 +130,6 @@ InstallAnswer MainWindow::askAboutFile(const QString &text)
     default:
         return InstallAnswer::Abort;
     }
-}
-
-bool MainWindow::copyTemporaryOnly()
-{
-    onAppendText(QStringLiteral("Copy updated files..."));
-    DirectoryUpdate update;
-    connect(&update, &DirectoryUpdate::message, this, &MainWindow::onAppendText);
-    connect(&update, &DirectoryUpdate::progress, this, &MainWindow::onProgressUpdate);
-    update.setQuestion([this](const QString &text) { return askAboutFile(text); });
-    onProgressUpdate(0, 1);
-    const bool installed = update.updateContent(
-            options.runMode == 2, tempDir,
-            tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"), getAppRootPath());
-    flushProgress();
-    // What failed has been logged by the update itself.
-    if (!installed) {
-        onAppendText(QStringLiteral("Update failed, version: %1").arg(clientVersion));
-        return false;
-    }
-    onAppendText(QStringLiteral("Updated files copied"));
-    return true;
-}
-
-void MainWindow::removeTemporaryOnly()
-{
-    onAppendText(QStringLiteral("Remove temporary files..."));
-    cleanupCurrentUpdateFiles();
-    onAppendText(QStringLiteral("Temporary files removed."));
-    onAppendText(QStringLiteral("Update finished, version: %1").arg(clientVersion));
-}
-
-void MainWindow::cleanupCurrentUpdateFiles()
-{
-    QString version;
-    QString dir;
-    if (!getExistingUpdateData(QString(), &version, nullptr, &dir))
-        return;
-    // Emptied only when it is still the private directory the run made, never through a link.
-    if (isOwnWorkingDirectory(dir, QDir::tempPath())) {
-        cleanupDirectory(dir);
-        removeFromParent(dir);
-    }
-    QFile::remove(sessionFilePath(version));
-    cleanupCurrentUpdateDataIniFile();
 }
 
 void MainWindow::onProgressUpdate(quint64 current, quint64 total)
@@ -403,8 +196,6 @@ void MainWindow::onProcessCancelled()
     updateDone = false;
     ui.startButton->setText(tr("Restart"));
     ui.startButton->setEnabled(true);
-    // The session emitted its last signal to get here and touches nothing after it.
-    delete std::exchange(session, nullptr);
     onAppendText(QStringLiteral("Download cancelled"));
 
     // A refresh still pending would undo the reset below.
@@ -425,7 +216,7 @@ void MainWindow::onProcessCancelled()
 
 void MainWindow::closeEvent(QCloseEvent *event)
 {
-    if (!session) {
+    if (!run.isRunning()) {
         event->accept();
         return;
     }

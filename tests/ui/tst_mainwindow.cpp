@@ -6,6 +6,7 @@
 #include "tests/support/testfiles.h"
 #include "tools/releasepublisher.h"
 #include "ui/mainwindow.h"
+#include "ui/updatedatafile.h"
 #include "ui/workingdirectory.h"
 
 #include <QAbstractEventDispatcher>
@@ -242,7 +243,7 @@ void TestMainWindow::invalidRecord()
     QVERIFY(writeTestFile(appFile("update.ini"), content));
 
     QString version = "untouched", type = version, dir = version;
-    QVERIFY(!window->getExistingUpdateData(QString(), &version, &type, &dir));
+    QVERIFY(!UpdateDataFile().getExistingUpdateData(&version, &type, &dir));
 
     QCOMPARE((QStringList{version, type, dir}), QStringList(3, "untouched"));
     // Reading never rewrites the file.

@@ -1,0 +1,233 @@
+#include "ui/updaterun.h"
+
+#include "app/apppaths.h"
+#include "app/commandlineoptions.h"
+#include "session/ftpproductdownloadsession.h"
+#include "ui/workingdirectory.h"
+#include "update/cleanup.h"
+#include "update/directoryupdate.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+
+#include <optional>
+#include <utility>
+
+namespace {
+
+const QString mirrorsFileName = QStringLiteral("mirrors.ini");
+constexpr int sessionStreams = 4;
+
+QString appFilePath(const QString &name)
+{
+    return QDir(getAppRootPath()).absoluteFilePath(name);
+}
+
+QString sessionFilePath(const QString &version)
+{
+    return appFilePath(QStringLiteral("session_") + version + QStringLiteral(".ini"));
+}
+
+// Removes the emptied dir from its parent: whether that worked, or nothing when dir has no
+// parent to go to.
+std::optional<bool> removeFromParent(const QString &dir)
+{
+    QDir parent(dir);
+    const QString name = parent.dirName();
+    if (!parent.cdUp())
+        return std::nullopt;
+    return parent.rmdir(name);
+}
+
+} // namespace
+
+UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool unattended)
+    : clientType(clientType)
+    , clientVersion(clientVersion)
+    , unattended(unattended)
+{
+}
+
+UpdateRun::~UpdateRun()
+{
+    delete session;
+}
+
+bool UpdateRun::start()
+{
+    if (!QFile::exists(appFilePath(mirrorsFileName))) {
+        emit refused(tr("%1 is missing, cannot proceed.")
+                             .arg(mirrorsFileName),
+                     true);
+        return false;
+    }
+
+    QString version;
+    QString workingDir;
+    if (!takeUpEarlierSession(&version, &workingDir)) {
+        emit refused(QCoreApplication::translate("", "Wrong client type"), true);
+        return false;
+    }
+    if (session)
+        return false;
+
+    const bool resume = !workingDir.isEmpty();
+    if (!resume) {
+        const QString tempPath = QDir::tempPath();
+        if (!tempPath.isEmpty())
+            workingDir = createWorkingDirectory(tempPath);
+        if (workingDir.isEmpty()) {
+            emit refused(tr("Unable to get temp directory."), false);
+            return false;
+        }
+    }
+
+    createSession();
+    emit started();
+
+    if (version.isEmpty())
+        version = QString::number(clientVersion);
+    const InitialParameters parameters = sessionParameters(version, workingDir, resume);
+    // Recorded before the first byte arrives, so that an interruption at any point is resumed.
+    dataFile.modifyUpdateData(version, workingDir, clientType);
+    tempDir = workingDir;
+    // A session without mirrors reports that itself, through its signals.
+    session->initialize(parameters);
+    session->startUpdate();
+    return true;
+}
+
+InitialParameters UpdateRun::sessionParameters(const QString &version, const QString &workingDir,
+                                               bool resume) const
+{
+    InitialParameters parameters;
+    parameters.productListName = clientType;
+    parameters.versionPath = version;
+    parameters.mirrorsFile = appFilePath(mirrorsFileName);
+    parameters.updateDataFile = dataFile.path();
+    parameters.tempDirectory = workingDir;
+    parameters.resumeSession = resume;
+    parameters.defaultStreams = sessionStreams;
+    parameters.sessionFile = sessionFilePath(version);
+    parameters.reservedFlag = false;
+    return parameters;
+}
+
+bool UpdateRun::takeUpEarlierSession(QString *version, QString *dir)
+{
+    QString storedVersion;
+    QString storedType;
+    QString storedDir;
+    if (!dataFile.getExistingUpdateData(&storedVersion, &storedType, &storedDir))
+        return true;
+    // A tampered or foreign record must not make this program empty somebody's directory.
+    if (!isOwnWorkingDirectory(storedDir, QDir::tempPath())) {
+        emit message(QStringLiteral("Recorded directory %1 was not made by the updater, "
+                                    "record dropped")
+                             .arg(storedDir));
+        dataFile.cleanupCurrentUpdateDataIniFile();
+        return true;
+    }
+    if (!isValidClientType(storedType))
+        return false;
+    clientType = storedType;
+    if (storedVersion == QString::number(clientVersion)) {
+        emit message(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
+        *version = storedVersion;
+        *dir = storedDir;
+        return true;
+    }
+    removeStaleSession(storedVersion, storedDir);
+    return true;
+}
+
+void UpdateRun::removeStaleSession(const QString &version, const QString &dir)
+{
+    emit message(QStringLiteral("Cleanup previous session (v. %1, %2) files...").arg(version, dir));
+    cleanupDirectory(dir);
+    QFile::remove(sessionFilePath(version));
+    if (const std::optional<bool> removed = removeFromParent(dir)) {
+        emit message(*removed ? QStringLiteral("Ok")
+                              : QStringLiteral("Failed to remove directory"));
+    }
+    dataFile.cleanupCurrentUpdateDataIniFile();
+}
+
+void UpdateRun::createSession()
+{
+    session = new FTPProductDownloadSession;
+    using Session = FTPProductDownloadSession;
+    connect(session, &Session::downloadInitiated, this, &UpdateRun::downloadInitiated);
+    connect(session, &Session::progressCount, this, &UpdateRun::progressCount);
+    connect(session, &Session::streamStarted, this, &UpdateRun::streamStarted);
+    connect(session, &Session::streamSwitchMirror, this, &UpdateRun::streamSwitchMirror);
+    connect(session, &Session::streamError, this, &UpdateRun::streamError);
+    connect(session, &Session::streamFinished, this, &UpdateRun::streamFinished);
+    connect(session, &Session::streamProgress, this, &UpdateRun::streamProgress);
+    connect(session, &Session::processCancelled, this, &UpdateRun::onProcessCancelled);
+    connect(session, &Session::downloadFinished, this, &UpdateRun::onDownloadFinished);
+    connect(session, &Session::message, this, &UpdateRun::message);
+}
+
+void UpdateRun::onProcessCancelled()
+{
+    // The session emitted its last signal to get here and touches nothing after it.
+    delete std::exchange(session, nullptr);
+    emit processCancelled();
+}
+
+void UpdateRun::onDownloadFinished()
+{
+    delete std::exchange(session, nullptr);
+    emit downloadFinished();
+    // The previous version stands when the installation fails; the downloaded files and the
+    // record stay for a restart.
+    const bool installed = copyTemporaryOnly();
+    if (installed)
+        removeTemporaryOnly();
+    emit updateFinished(installed);
+}
+
+bool UpdateRun::copyTemporaryOnly()
+{
+    emit message(QStringLiteral("Copy updated files..."));
+    DirectoryUpdate update;
+    connect(&update, &DirectoryUpdate::message, this, &UpdateRun::message);
+    connect(&update, &DirectoryUpdate::progress, this, &UpdateRun::installProgress);
+    update.setQuestion(question);
+    emit installProgress(0, 1);
+    const bool installed = update.updateContent(
+            unattended, tempDir, tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"),
+            getAppRootPath());
+    // What failed has been logged by the update itself.
+    if (!installed) {
+        emit message(QStringLiteral("Update failed, version: %1").arg(clientVersion));
+        return false;
+    }
+    emit message(QStringLiteral("Updated files copied"));
+    return true;
+}
+
+void UpdateRun::removeTemporaryOnly()
+{
+    emit message(QStringLiteral("Remove temporary files..."));
+    cleanupCurrentUpdateFiles();
+    emit message(QStringLiteral("Temporary files removed."));
+    emit message(QStringLiteral("Update finished, version: %1").arg(clientVersion));
+}
+
+void UpdateRun::cleanupCurrentUpdateFiles()
+{
+    QString version;
+    QString dir;
+    if (!dataFile.getExistingUpdateData(&version, nullptr, &dir))
+        return;
+    // Emptied only when it is still the private directory the run made, never through a link.
+    if (isOwnWorkingDirectory(dir, QDir::tempPath())) {
+        cleanupDirectory(dir);
+        removeFromParent(dir);
+    }
+    QFile::remove(sessionFilePath(version));
+    dataFile.cleanupCurrentUpdateDataIniFile();
+}
