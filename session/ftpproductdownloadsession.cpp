@@ -427,14 +427,13 @@ bool FTPProductDownloadSession::isInstalled(const FileSpecification &file) const
     if (!QFile::exists(path))
         return false;
     const QString md5 = getFileMD5Ex(path);
-    return !md5.isEmpty() && md5 == (file.unpackedName.isEmpty() ? file.md5 : file.unpackedMd5);
+    return !md5.isEmpty() && md5 == file.installedMd5();
 }
 
 // Every file is looked for right in the installation root, whatever directory lists it.
 QString FTPProductDownloadSession::getInstalledFilePath(const FileSpecification &file) const
 {
-    return appDirectory.absoluteFilePath(file.unpackedName.isEmpty() ? file.name
-                                                                     : file.unpackedName);
+    return appDirectory.absoluteFilePath(file.installPath());
 }
 
 bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) const

@@ -18,4 +18,10 @@ struct FileSpecification
     quint64 unpackedSize = 0;
     // Not empty exactly when the file is packed.
     QString unpackedName;
+
+    bool isPacked() const { return !unpackedName.isEmpty(); }
+    // Where the file lies in the installation, below its root.
+    QString installPath() const { return isPacked() ? unpackedName : name; }
+    // The checksum of the file as installed.
+    QString installedMd5() const { return isPacked() ? unpackedMd5 : md5; }
 };

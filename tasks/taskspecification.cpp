@@ -1,6 +1,7 @@
 #include "tasks/taskspecification.h"
 
 #include "tasks/pathsafety.h"
+#include "tasks/productlist.h"
 
 #include <QList>
 #include <QSettings>
@@ -9,8 +10,7 @@
 
 namespace {
 
-const QString separator = QStringLiteral("::");
-const QString deleteGroup = QStringLiteral("delete");
+using ProductList::separator;
 const QString arrayName = QStringLiteral("file");
 const QString valueKey = QStringLiteral("v");
 
@@ -44,7 +44,7 @@ bool readEntry(const QSettings &settings, const QString &directory, const QStrin
         entry->unpackedMd5 = parts.at(2).toString();
         entry->unpackedSize = toSize(parts.at(3));
         entry->unpackedName = parts.at(4).toString();
-        if (!entry->unpackedName.isEmpty() && !isSafeRelativePath(entry->unpackedName))
+        if (entry->isPacked() && !isSafeRelativePath(entry->unpackedName))
             return false;
     }
     return true;
@@ -107,7 +107,7 @@ bool TaskSpecification::initializeByProductIni(QSettings *settings)
     files.reserve(files.size() + settings->allKeys().size());
     for (const QString &group : groups) {
         settings->beginGroup(group);
-        if (group == deleteGroup) {
+        if (group == ProductList::deleteGroup) {
             // Not entries, but the directory update removes these files: they must stay inside.
             if (!allKeysSafe(*settings))
                 return false;
@@ -135,15 +135,10 @@ void TaskSpecification::save(QSettings *settings) const
     settings->beginWriteArray(arrayName, getSize());
     for (int i = 0; i < getSize(); ++i) {
         const FileSpecification &entry = files.at(i);
-        QString value = QString::number(entry.flags) + separator + entry.directory + separator
-                        + entry.name + separator + entry.md5 + separator
-                        + QString::number(entry.size);
-        if (!entry.unpackedName.isEmpty()) {
-            value += separator + entry.unpackedMd5 + separator + QString::number(entry.unpackedSize)
-                     + separator + entry.unpackedName;
-        }
         settings->setArrayIndex(i);
-        settings->setValue(valueKey, value);
+        settings->setValue(valueKey, QString::number(entry.flags) + separator + entry.directory
+                                             + separator + entry.name + separator
+                                             + ProductList::entryValue(entry));
     }
     settings->endArray();
 }

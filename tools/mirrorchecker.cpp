@@ -1,6 +1,7 @@
 #include "tools/mirrorchecker.h"
 
 #include "tasks/pathsafety.h"
+#include "tasks/productlist.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
 #include "update/gzip.h"
@@ -18,11 +19,6 @@ bool isChecksumText(const QString &text)
 {
     static const QRegularExpression pattern(QStringLiteral("^[0-9a-f]{32}$"));
     return pattern.match(text).hasMatch();
-}
-
-QString installPath(const FileSpecification &entry)
-{
-    return entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName;
 }
 
 } // namespace
@@ -70,11 +66,11 @@ bool MirrorChecker::check()
     QHash<QString, QString> installedBy;
     for (const FileSpecification &entry : std::as_const(task.files)) {
         const QString where = entry.directory + QLatin1Char('/') + entry.name;
-        const QString earlier = installedBy.value(installPath(entry));
+        const QString earlier = installedBy.value(entry.installPath());
         if (!earlier.isEmpty())
             report(entry,
-                   QStringLiteral("installs at %1, as %2 does").arg(installPath(entry), earlier));
-        installedBy.insert(installPath(entry), where);
+                   QStringLiteral("installs at %1, as %2 does").arg(entry.installPath(), earlier));
+        installedBy.insert(entry.installPath(), where);
         // A malformed checksum is reported once, not again as a mismatch.
         if (checkNames(entry))
             checkFile(entry);
@@ -91,7 +87,7 @@ void MirrorChecker::reportUnreadableList(QSettings &settings)
         settings.endGroup();
     const QStringList groups = settings.childGroups();
     for (const QString &group : groups) {
-        if (group != QLatin1String("delete") && !isSafeRelativePath(group))
+        if (group != ProductList::deleteGroup && !isSafeRelativePath(group))
             report(QStringLiteral("section \"%1\": unsafe directory name").arg(group));
         settings.beginGroup(group);
         const QStringList keys = settings.allKeys();
@@ -116,7 +112,7 @@ bool MirrorChecker::checkNames(const FileSpecification &entry)
     if (!isChecksumText(entry.md5))
         report(entry, QStringLiteral("checksum \"%1\" is not 32 lower-case hexadecimal digits")
                               .arg(entry.md5));
-    if (!entry.unpackedName.isEmpty() && !isChecksumText(entry.unpackedMd5))
+    if (entry.isPacked() && !isChecksumText(entry.unpackedMd5))
         report(entry, QStringLiteral("unpacked checksum \"%1\" is not 32 lower-case hexadecimal "
                                      "digits")
                               .arg(entry.unpackedMd5));
@@ -146,7 +142,7 @@ void MirrorChecker::checkFile(const FileSpecification &entry)
                                     : QStringLiteral("checksum %1, listed %2").arg(md5, entry.md5));
         return;
     }
-    if (!entry.unpackedName.isEmpty())
+    if (entry.isPacked())
         checkUnpacked(entry, path);
 }
 

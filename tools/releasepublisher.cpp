@@ -1,6 +1,7 @@
 #include "tools/releasepublisher.h"
 
 #include "tasks/pathsafety.h"
+#include "tasks/productlist.h"
 #include "tasks/taskspecification.h"
 #include "tools/mirrornames.h"
 #include "tools/releasetree.h"
@@ -21,8 +22,7 @@
 
 namespace {
 
-const QString separator = QStringLiteral("::");
-const QString deleteGroup = QStringLiteral("delete");
+using ProductList::deleteGroup;
 
 // Served files must be readable by whatever account the HTTP or FTP server runs as.
 constexpr QFileDevice::Permissions servedPermissions =
@@ -45,7 +45,7 @@ QString inexpressible(const QString &installPath)
 {
     if (!isSafeRelativePath(installPath))
         return QStringLiteral("holds a backslash or a control character");
-    if (installPath.contains(separator))
+    if (installPath.contains(ProductList::separator))
         return QStringLiteral("holds \"::\", which separates the fields of the list");
     return QString();
 }
@@ -66,16 +66,6 @@ bool startsWithGzipMagic(const QString &path, bool *ok)
     QFile file(path);
     *ok = file.open(QIODevice::ReadOnly);
     return file.read(2) == QByteArray("\x1f\x8b", 2);
-}
-
-QString listValue(const FileSpecification &entry)
-{
-    QString value = entry.md5 + separator + QString::number(entry.size);
-    if (!entry.unpackedName.isEmpty()) {
-        value += separator + entry.unpackedMd5 + separator + QString::number(entry.unpackedSize)
-                 + separator + entry.unpackedName;
-    }
-    return value;
 }
 
 bool sameEntry(const FileSpecification &a, const FileSpecification &b)
@@ -226,7 +216,7 @@ bool ReleasePublisher::collectDeletedPaths()
             return fail(
                     QStringLiteral("previous product list %1 cannot be read").arg(previousRelease));
         for (const FileSpecification &entry : std::as_const(task.files))
-            previous.append(entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName);
+            previous.append(entry.installPath());
     } else {
         return fail(QStringLiteral("previous release %1 is neither a directory nor a readable "
                                    "product list")
@@ -373,12 +363,10 @@ bool ReleasePublisher::writeList()
         QSettings settings(temporary, QSettings::IniFormat);
         for (const ReleaseFile &file : std::as_const(files)) {
             const FileSpecification &entry = file.entry;
-            settings.setValue(entry.directory + QLatin1Char('/') + entry.name, listValue(entry));
+            settings.setValue(entry.directory + QLatin1Char('/') + entry.name,
+                              ProductList::entryValue(entry));
         }
-        settings.beginGroup(deleteGroup);
-        for (const QString &installPath : std::as_const(deleted))
-            settings.setValue(installPath, QStringLiteral("1"));
-        settings.endGroup();
+        ProductList::writeDeletedPaths(&settings, deleted);
         settings.sync();
         if (settings.status() != QSettings::NoError) {
             QFile::remove(temporary);

@@ -2,6 +2,7 @@
 
 #include "app/apppaths.h"
 #include "app/runningfiles.h"
+#include "tasks/productlist.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
 #include "update/filecopy.h"
@@ -11,21 +12,8 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QSettings>
 
 #include <cerrno>
-
-namespace {
-
-QStringList deleteList(const QString &productIni)
-{
-    QSettings list(productIni, QSettings::IniFormat);
-    list.beginGroup(QStringLiteral("delete"));
-    // allKeys, not childKeys: a path with "/" is stored as a nested key.
-    return list.allKeys();
-}
-
-} // namespace
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
     : QObject(parent)
@@ -50,7 +38,7 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
     if (journal.isOpen())
         return false;
     // Planned first: a file that goes may stand where a new directory must be made.
-    const QStringList deletions = deleteList(productIni);
+    const QStringList deletions = ProductList::deletedPaths(productIni);
     for (const QString &path : deletions)
         journal.planDelete(path);
     Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
@@ -81,7 +69,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         task.get(i, &entry);
         const QString sourcePath = source.absoluteFilePath(entry.directory + QLatin1Char('/')
                                                            + entry.name);
-        const QString relative = entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName;
+        const QString relative = entry.installPath();
         const QString staged = journal->stagedPath(relative);
         const QString target = journal->installedPath(relative);
 
@@ -162,7 +150,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     removeFile(staged);
     const QString relativeSource = entry.directory + QLatin1Char('/') + entry.name;
     errno = 0;
-    if (!entry.unpackedName.isEmpty()) {
+    if (entry.isPacked()) {
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
         if (!unzipFileWithMD5(staged, source, &unpackedMd5)) {
@@ -187,7 +175,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     if (!error.isEmpty())
         return error;
 
-    const QString relative = entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName;
+    const QString relative = entry.installPath();
     if (isExecutable(target) || relative == getClientBinaryName())
         makeFileExecutable(staged);
     makeSingleFileExecutable(staged);

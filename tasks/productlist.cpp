@@ -1,0 +1,33 @@
+#include "tasks/productlist.h"
+
+#include <QSettings>
+
+namespace ProductList {
+
+QString entryValue(const FileSpecification &entry)
+{
+    QString value = entry.md5 + separator + QString::number(entry.size);
+    if (entry.isPacked()) {
+        value += separator + entry.unpackedMd5 + separator + QString::number(entry.unpackedSize)
+                 + separator + entry.unpackedName;
+    }
+    return value;
+}
+
+QStringList deletedPaths(const QString &path)
+{
+    QSettings list(path, QSettings::IniFormat);
+    list.beginGroup(deleteGroup);
+    // allKeys, not childKeys: a path with "/" is stored as a nested key.
+    return list.allKeys();
+}
+
+void writeDeletedPaths(QSettings *settings, const QStringList &paths)
+{
+    settings->beginGroup(deleteGroup);
+    for (const QString &path : paths)
+        settings->setValue(path, QStringLiteral("1"));
+    settings->endGroup();
+}
+
+} // namespace ProductList

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "tasks/filespecification.h"
+
+#include <QString>
+#include <QStringList>
+
+class QSettings;
+
+// The product file list's format, which updaters in the field read too: one group per mirror
+// directory, one key per file whose value is "md5::size" or, for a packed file,
+// "md5::size::unpackedMd5::unpackedSize::unpackedName"; and the group "delete" naming installed
+// paths that the version drops. TaskSpecification reads entries; the publisher writes them.
+namespace ProductList {
+
+inline const QString separator = QStringLiteral("::");
+inline const QString deleteGroup = QStringLiteral("delete");
+
+// The value of an entry's key: two fields, or five when the file is packed.
+QString entryValue(const FileSpecification &entry);
+// The installed paths named by the "delete" group of the list at path.
+QStringList deletedPaths(const QString &path);
+// Writes the "delete" group into settings.
+void writeDeletedPaths(QSettings *settings, const QStringList &paths);
+
+} // namespace ProductList
