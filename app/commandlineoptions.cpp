@@ -117,7 +117,8 @@ bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVe
 
     QString version = fallbackVersion;
     const auto checker = std::make_unique<UpdateChecker>();
-    if (checker->checkUpdate()) {
+    options->versionFromServer = checker->checkUpdate();
+    if (options->versionFromServer) {
         version = QString::fromLatin1(checker->getClientVersion());
     } else {
         showMessageBox(nullptr, QMessageBox::Warning, QCoreApplication::translate("", "Error"),

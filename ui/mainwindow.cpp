@@ -26,6 +26,7 @@ const QString makerWebAddress = QStringLiteral("https://www.orlivo.com/");
 const QString updateDataFileName = QStringLiteral("update.ini");
 const QString mirrorsFileName = QStringLiteral("mirrors.ini");
 const QString currentGroup = QStringLiteral("current");
+const QString installedVersionKey = QStringLiteral("installed/version");
 constexpr int speedTickMs = 1000;
 constexpr int sessionStreams = 4;
 // The bar and the size labels follow the progress at most this often: with thousands of small
@@ -127,6 +128,8 @@ void MainWindow::on_startButton_clicked()
                       tr("%1 is missing, cannot proceed.").arg(mirrorsFileName));
         return;
     }
+    if (refusesDowngrade())
+        return;
 
     QString version;
     QString workingDir;
@@ -186,6 +189,30 @@ void MainWindow::refuseToStart(QMessageBox::Icon icon, const QString &text)
     // Nobody would press the button again.
     if (options.runMode == 2)
         QCoreApplication::exit(1);
+}
+
+bool MainWindow::refusesDowngrade()
+{
+    const QSettings settings(updateDataPath(getAppRootPath()), QSettings::IniFormat);
+    const int installed = settings.value(installedVersionKey, 0).toInt();
+    if (!options.versionFromServer || clientVersion >= installed)
+        return false;
+    onAppendText(QStringLiteral("The update server announces version %1, lower than the "
+                                "installed version %2: not installed")
+                         .arg(clientVersion)
+                         .arg(installed));
+    refuseToStart(QMessageBox::Warning,
+                  tr("The update server announces version %1, older than the installed version "
+                     "%2. Nothing was changed.")
+                          .arg(clientVersion)
+                          .arg(installed));
+    return true;
+}
+
+void MainWindow::recordInstalledVersion()
+{
+    QSettings settings(updateDataPath(getAppRootPath()), QSettings::IniFormat);
+    settings.setValue(installedVersionKey, clientVersion);
 }
 
 // False when the record names a client type that cannot be a product list's name.
@@ -273,6 +300,7 @@ void MainWindow::onUpdateFinished()
             QCoreApplication::exit(3);
         return;
     }
+    recordInstalledVersion();
     removeTemporaryOnly();
     updateDone = true;
     ui.startButton->setText(tr("Start Orlivo"));

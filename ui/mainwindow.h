@@ -57,6 +57,10 @@ private:
     // another version cleaned away. Returns the remembered version and directory, or empties.
     bool takeUpEarlierSession(QString *version, QString *dir);
     void refuseToStart(QMessageBox::Icon icon, const QString &text);
+    // True, after telling so, when the update server announces an older version than the one
+    // installed: a replayed announcement must not roll the client back.
+    bool refusesDowngrade();
+    void recordInstalledVersion();
     void removeStaleSession(const QString &version, const QString &dir);
     void createSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
