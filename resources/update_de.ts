@@ -148,6 +148,11 @@ Möchten Sie die Aktualisierung abbrechen?</translation>
         <translation>Es steht kein temporäres Verzeichnis zur Verfügung.</translation>
     </message>
     <message>
+        <location filename="../ui/mainwindow.cpp" line="198"/>
+        <source>The update server announces version %1, older than the installed version %2. Nothing was changed.</source>
+        <translation>Der Aktualisierungsserver meldet Version %1, die älter ist als die installierte Version %2. Es wurde nichts verändert.</translation>
+    </message>
+    <message>
         <location filename="../ui/mainwindow.cpp" line="241"/>
         <source>Start Orlivo</source>
         <translation>Orlivo starten</translation>
