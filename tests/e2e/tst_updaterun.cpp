@@ -481,8 +481,8 @@ void TestUpdateRun::failedInstallationKeepsOldVersion()
     const qsizetype requestsFirst = http->logLines().size();
 
     verifyNextRunInstalls("Ready: 0, Downloaded: 4.", true);
-    // Only the connect step and the list again.
-    QCOMPARE(http->logLines().size() - requestsFirst, 2);
+    // Only the connect step, the manifest and the list again.
+    QCOMPARE(http->logLines().size() - requestsFirst, 3);
     QVERIFY(requestsFirst > requestsBefore + 1);
 }
 
