@@ -51,13 +51,16 @@ QString usageText()
             "Exit status:\n"
             "  0  the update finished\n"
             "  1  nothing was started: bad arguments, no version from the update server,\n"
-            "     a wrong client type, mirrors.ini missing, no working directory\n"
+            "     a wrong client type, mirrors.ini missing, no working directory, or an\n"
+            "     announced version older than the installed one\n"
             "  2  the download was cancelled: no mirror could deliver the release\n"
             "  3  the installation failed; the old version was kept\n"
             "\n"
             "Files next to the program:\n"
             "  mirrors.ini       the mirrors to download from (required)\n"
-            "  update.ini        settings, and the state of an interrupted update to resume\n");
+            "  update.ini        settings, the installed version, and the state of an\n"
+            "                    interrupted update to resume\n"
+            "  update-keys.pub   keys a release must be signed with (optional)\n");
 }
 
 QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
@@ -117,7 +120,8 @@ bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVe
 
     QString version = fallbackVersion;
     const auto checker = std::make_unique<UpdateChecker>();
-    if (checker->checkUpdate()) {
+    options->versionFromServer = checker->checkUpdate();
+    if (options->versionFromServer) {
         version = QString::fromLatin1(checker->getClientVersion());
     } else {
         showMessageBox(nullptr, QMessageBox::Warning, QCoreApplication::translate("", "Error"),

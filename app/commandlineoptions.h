@@ -11,6 +11,8 @@ struct CommandLineOptions
     int runMode = 0;
     QString clientType;
     int clientVersion = 0;
+    // The version is the update server's announcement, not the user's choice.
+    bool versionFromServer = false;
 };
 
 // What "--help" prints: the argument forms, the exit statuses and the files beside the program.

@@ -196,5 +196,9 @@ Möchten Sie die Aktualisierung abbrechen?</translation>
         <source>Unable to get temp directory.</source>
         <translation>Es steht kein temporäres Verzeichnis zur Verfügung.</translation>
     </message>
+    <message>
+        <source>The update server announces version %1, older than the installed version %2. Nothing was changed.</source>
+        <translation>Der Aktualisierungsserver meldet Version %1, die älter ist als die installierte Version %2. Es wurde nichts verändert.</translation>
+    </message>
 </context>
 </TS>

@@ -2,7 +2,7 @@
 # Shows one update from start to end on this machine: scripts/demo.sh [build-dir]
 #
 # Builds the updater, publishes a small sample release (version 12, after a version 11 that is
-# installed first) with update-publish, serves it from two mirrors on 127.0.0.1 (nginx over HTTP,
+# installed first) with update-publish, signed with a key pair made for the demo, serves it from two mirrors on 127.0.0.1 (nginx over HTTP,
 # pyftpdlib over FTP) and answers the version query from a local UDP server. Then the real
 # updater runs in the sample installation: in a window when there is a display, otherwise
 # unattended (--nouser) with its log on the terminal. Every server stops when the script ends.
@@ -166,12 +166,14 @@ make_releases() {
     # codec-old.dat is gone in the new version: the updater deletes it.
 }
 
-# publish_release BUILD DIR: mirror tree DIR/mirror/12 made by update-publish.
+# publish_release BUILD DIR: a key pair in DIR/keys and the mirror tree DIR/mirror/12, signed.
 publish_release() {
     local build=$1 dir=$2
+    "$build/tools/update-publish" --keygen "$dir/keys" >&2
     "$build/tools/update-publish" "$dir/release-$version" "$client_type" "$version" "$dir/mirror" \
-        --previous "$dir/release-$previous_version" >&2
-    "$build/tools/update-publish" --check "$dir/mirror/$version/$client_type.ini" >&2
+        --previous "$dir/release-$previous_version" --sign "$dir/keys/update-secret.key" >&2
+    "$build/tools/update-publish" --check "$dir/mirror/$version/$client_type.ini" \
+        --key "$dir/keys/update-keys.pub" >&2
 }
 
 # prepare_demo BUILD DIR: releases, mirrors, servers and the installation in DIR/installation.
@@ -196,6 +198,8 @@ prepare_demo() {
 
     log "Installing version $previous_version in $dir/installation"
     cp -a "$dir/release-$previous_version" "$dir/installation"
+    # The installation trusts the publisher's key: no list is used before it verified the release.
+    cp "$dir/keys/update-keys.pub" "$dir/installation/"
     write_mirrors_ini "$dir/installation/mirrors.ini" "http://127.0.0.1:$http/" "ftp://127.0.0.1:$ftp/"
     write_update_ini "$dir/installation/update.ini" "$udp"
 }

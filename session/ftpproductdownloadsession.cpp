@@ -3,10 +3,12 @@
 #include "app/apppaths.h"
 #include "app/randomgenerator.h"
 #include "session/downloadstream.h"
+#include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
 #include "update/checksums.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QSettings>
 #include <QTimer>
 #include <QUrl>
@@ -55,6 +57,7 @@ bool FTPProductDownloadSession::initialize(const InitialParameters &p)
     streamCount = p.defaultStreams;
     readMirrors();
     readUpdateSettings();
+    trustedKeys = loadTrustedKeys(appDirectory.absolutePath());
     return !mirrors.isEmpty();
 }
 
@@ -118,6 +121,8 @@ void FTPProductDownloadSession::startUpdate()
 {
     arrangeStreams();
     state = SessionStarting;
+    if (trustedKeys.isEmpty())
+        emit message("No trusted key: signatures of releases are not checked.");
     if (mirrors.isEmpty()) {
         emit message(
                 QString("No mirror is listed in %1, can't continue.").arg(parameters.mirrorsFile));
@@ -222,7 +227,8 @@ bool FTPProductDownloadSession::assignNextFile(int s)
         return false;
     }
     record->fileIndex = i;
-    record->stream->getFile(directory + "/" + name, md5, qint64(size));
+    record->stream->getFile(directory + "/" + name, md5, qint64(size),
+                            haveManifest ? manifest.sha256(directory + "/" + name) : QString());
     return true;
 }
 
@@ -342,7 +348,13 @@ void FTPProductDownloadSession::onFileFinished(int s)
         emit downloadFinished();
         return;
     }
-    if (state == SessionRetrievingList && s == 0) {
+    if (state != SessionRetrievingList || s != 0)
+        return;
+    if (listStep == FetchingManifest) {
+        onManifestFinished(s);
+    } else if (listStep == FetchingSignature) {
+        onSignatureFinished(s);
+    } else if (manifestCoversList(s)) {
         emit message("Download file list retrieved.");
         state = SessionDownloading;
         const QString listPath = record->stream->getDestFilePath();
@@ -365,6 +377,16 @@ void FTPProductDownloadSession::refuseMirrorList(int s, const QString &reason)
 
 void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, const QString &text)
 {
+    if (state == SessionRetrievingList && s == 0 && listStep != FetchingList
+        && error != DownloadStream_LocalFileError) {
+        // Releases published before manifests existed have none; without a key that is fine.
+        if (trustedKeys.isEmpty()) {
+            emit message(QString("No release manifest at %1").arg(listFileUrl(s, ".manifest")));
+            requestListFile(".ini");
+            return;
+        }
+        emit message(QString("Signature of %1 is not valid.").arg(listFileUrl(s, ".manifest")));
+    }
     if (state == SessionRetrievingList)
         state = SessionStarting;
     // A local file error is no fault of the mirror; moving on would not help.
@@ -381,9 +403,93 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
 void FTPProductDownloadSession::retrieveSessionState()
 {
     state = SessionRetrievingList;
+    manifestText.clear();
+    manifest = ReleaseManifest();
+    haveManifest = false;
+    requestListFile(".manifest");
+}
+
+// The manifest, its signature or the list, by the suffix to the product list's name.
+void FTPProductDownloadSession::requestListFile(const QString &suffix)
+{
+    listStep = suffix == ".manifest" ? FetchingManifest
+                                     : (suffix == ".ini" ? FetchingList : FetchingSignature);
     DownloadStream *record = streams[0].get();
     record->fileIndex = -1;
-    record->stream->getFile(parameters.productListName + ".ini", QString(), 0);
+    record->stream->getFile(parameters.productListName + suffix, QString(), 0);
+}
+
+QString FTPProductDownloadSession::listFileUrl(int s, const QString &suffix) const
+{
+    const int m = streams[s]->mirrorIndex;
+    const QString base = m >= 0 ? mirrors.at(m).url : QString();
+    return base + "/" + parameters.productListName + suffix;
+}
+
+void FTPProductDownloadSession::onManifestFinished(int s)
+{
+    QFile file(streams[s]->stream->getDestFilePath());
+    manifestText = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    if (!trustedKeys.isEmpty()) {
+        requestListFile(".manifest.minisig");
+        return;
+    }
+    haveManifest = manifest.parse(manifestText) && manifest.type() == parameters.productListName
+                   && manifest.version() == parameters.versionPath;
+    if (!haveManifest)
+        emit message(QString("Release manifest %1 is not usable").arg(listFileUrl(s, ".manifest")));
+    requestListFile(".ini");
+}
+
+void FTPProductDownloadSession::onSignatureFinished(int s)
+{
+    QFile file(streams[s]->stream->getDestFilePath());
+    // A signature file is four short lines.
+    if (!file.open(QIODevice::ReadOnly) || !acceptsSignature(file.read(4096))) {
+        refuseSignature(s);
+        return;
+    }
+    haveManifest = true;
+    requestListFile(".ini");
+}
+
+// A trusted key signed the manifest, and both its trusted comment and its release name the
+// product and version asked for, so that no other release can be replayed in their place.
+bool FTPProductDownloadSession::acceptsSignature(const QByteArray &signatureText)
+{
+    MinisignSignature signature;
+    const QByteArray expected =
+            QString("orlivo %1 %2").arg(parameters.productListName, parameters.versionPath).toUtf8();
+    return parseMinisignSignature(signatureText, &signature)
+           && verifyMinisign(manifestText, signature, trustedKeys)
+           && signature.trustedComment == expected
+           && manifest.parse(manifestText)
+           && manifest.type() == parameters.productListName
+           && manifest.version() == parameters.versionPath;
+}
+
+// The list is the one the manifest was made for; with a trusted key it must be.
+bool FTPProductDownloadSession::manifestCoversList(int s)
+{
+    if (!haveManifest)
+        return true;
+    QString md5;
+    QString sha256;
+    const QString listPath = streams[s]->stream->getDestFilePath();
+    if (getFileDigests(listPath, &md5, &sha256) && sha256 == manifest.listSha256())
+        return true;
+    if (!trustedKeys.isEmpty()) {
+        refuseSignature(s);
+        return false;
+    }
+    refuseMirrorList(s, QString("Release manifest %1 does not match the list")
+                                .arg(listFileUrl(s, ".manifest")));
+    return false;
+}
+
+void FTPProductDownloadSession::refuseSignature(int s)
+{
+    refuseMirrorList(s, QString("Signature of %1 is not valid.").arg(listFileUrl(s, ".manifest")));
 }
 
 bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
@@ -394,6 +500,13 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     task = TaskState();
     if (!task.initializeByProductIni(listPath) || task.getSize() == 0)
         return false;
+    // A signed manifest vouches for every file of the list, or for none.
+    for (int i = 0; haveManifest && !trustedKeys.isEmpty() && i < task.getSize(); ++i) {
+        FileSpecification file;
+        task.get(i, &file);
+        if (!ReleaseManifest::isSha256Text(getFileSha256(file)))
+            return false;
+    }
     emit progressCount(0, task.totalSize);
     task.resetMarks();
     quint64 done = 0;
@@ -438,11 +551,23 @@ QString FTPProductDownloadSession::getInstalledFilePath(const FileSpecification 
 
 bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) const
 {
-    QFile temp(getTempFilePath(file));
-    if (!temp.exists() || !temp.open(QIODevice::ReadOnly) || quint64(temp.size()) != file.size)
+    const QString path = getTempFilePath(file);
+    const QFileInfo temp(path);
+    if (!temp.isFile() || quint64(temp.size()) != file.size)
         return false;
-    const QString md5 = getFileMD5Ex(temp);
-    return !md5.isEmpty() && md5 == file.md5;
+    const QString expectedSha256 = getFileSha256(file);
+    if (expectedSha256.isEmpty()) {
+        const QString md5 = getFileMD5Ex(path);
+        return !md5.isEmpty() && md5 == file.md5;
+    }
+    QString md5;
+    QString sha256;
+    return getFileDigests(path, &md5, &sha256) && md5 == file.md5 && sha256 == expectedSha256;
+}
+
+QString FTPProductDownloadSession::getFileSha256(const FileSpecification &file) const
+{
+    return haveManifest ? manifest.sha256(file.directory + "/" + file.name) : QString();
 }
 
 QString FTPProductDownloadSession::getTempFilePath(const FileSpecification &file) const

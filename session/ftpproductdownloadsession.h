@@ -4,7 +4,9 @@
 #include "session/initialparameters.h"
 #include "session/markedsitedata.h"
 #include "streams/downloadstreamtypes.h"
+#include "tasks/releasemanifest.h"
 #include "tasks/taskstate.h"
+#include "update/minisign.h"
 
 #include <QDir>
 #include <QObject>
@@ -79,10 +81,18 @@ private:
     bool hasStreamWithMirror() const;
 
     void retrieveSessionState();
+    void requestListFile(const QString &suffix);
+    QString listFileUrl(int s, const QString &suffix) const;
+    void onManifestFinished(int s);
+    void onSignatureFinished(int s);
+    bool acceptsSignature(const QByteArray &signatureText);
+    bool manifestCoversList(int s);
+    void refuseSignature(int s);
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
     bool isInstalled(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;
+    QString getFileSha256(const FileSpecification &file) const;
     QString getInstalledFilePath(const FileSpecification &file) const;
     QString getTempFilePath(const FileSpecification &file) const;
     void startDownloadBySessionState();
@@ -94,6 +104,13 @@ private:
     int streamCount = 1;
     QVector<MarkedSiteData> mirrors;
     TaskState task;
+    // Before the list: its manifest and, when a key is trusted, the manifest's signature.
+    enum ListStep { FetchingManifest, FetchingSignature, FetchingList };
+    ListStep listStep = FetchingManifest;
+    QList<MinisignPublicKey> trustedKeys;
+    QByteArray manifestText;
+    ReleaseManifest manifest;
+    bool haveManifest = false;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
 

@@ -598,9 +598,14 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
         return status >= 400 ? 0 : length;
     }
     const qint64 size = qint64(length);
-    if (current->device->write(data, size) != size) {
-        writeFailure = current->device->errorString();
-        return 0;
+    // A file system that fills up takes part of a block first; only the next write tells why.
+    for (qint64 done = 0; done < size;) {
+        const qint64 n = current->device->write(data + done, size - done);
+        if (n <= 0) {
+            writeFailure = current->device->errorString();
+            return 0;
+        }
+        done += n;
     }
     written += size;
     if (current->maxLength >= 0 && written > current->maxLength) {

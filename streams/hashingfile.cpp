@@ -1,14 +1,23 @@
 #include "streams/hashingfile.h"
 
-HashingFile::HashingFile(const QString &name)
+HashingFile::HashingFile(const QString &name, bool withSha256)
     : QFile(name)
+    , digests(withSha256)
 {}
+
+bool HashingFile::wholeFileHashed() const
+{
+    return inOrder && hashed == size();
+}
 
 QString HashingFile::writtenMD5() const
 {
-    if (!inOrder || hashed != size())
-        return QString();
-    return hash.result();
+    return wholeFileHashed() ? digests.md5() : QString();
+}
+
+QString HashingFile::writtenSHA256() const
+{
+    return wholeFileHashed() ? digests.sha256() : QString();
 }
 
 qint64 HashingFile::writeData(const char *data, qint64 length)
@@ -17,7 +26,7 @@ qint64 HashingFile::writeData(const char *data, qint64 length)
         inOrder = false;
     const qint64 written = QFile::writeData(data, length);
     if (written > 0 && inOrder) {
-        hash.addData(data, written);
+        digests.addData(data, written);
         hashed += written;
     }
     return written;

@@ -1,27 +1,30 @@
 #pragma once
 
-#include "update/md5hash.h"
+#include "update/filedigests.h"
 
 #include <QFile>
 
 // The local file of a download, which checksums its bytes on their way to the disk, so that the
-// final check needs not read the file again.
+// final check needs not read the file again. Every digest is fed here, in one pass.
 class HashingFile : public QFile
 {
     Q_OBJECT
 
 public:
-    explicit HashingFile(const QString &name);
+    HashingFile(const QString &name, bool withSha256);
 
-    // The MD5 of the file's content when all of it was written through this object in order,
-    // from the start; otherwise empty, and only reading the file tells.
+    // The digests of the file's content when all of it was written through this object in
+    // order, from the start; otherwise empty, and only reading the file tells.
     QString writtenMD5() const;
+    QString writtenSHA256() const;
 
 protected:
     qint64 writeData(const char *data, qint64 length) override;
 
 private:
-    Md5Hash hash;
+    bool wholeFileHashed() const;
+
+    FileDigests digests;
     qint64 hashed = 0;
     bool inOrder = true;
 };

@@ -42,6 +42,13 @@ DownloadStream_State SingleFileDownloadStream::getState() const
 void SingleFileDownloadStream::getFile(const QString &remotePath, const QString &md5,
                                        long long size)
 {
+    getFile(remotePath, md5, size, QString());
+}
+
+void SingleFileDownloadStream::getFile(const QString &remotePath, const QString &md5,
+                                       long long size, const QString &sha256)
+{
+    this->sha256 = sha256;
     checkGetFilePrerequisitions();
     const QString request = prepareFile(remotePath, md5, size, true);
     repeatPending = false;
@@ -139,7 +146,8 @@ bool SingleFileDownloadStream::enterState(DownloadStream_State state)
 bool SingleFileDownloadStream::finalCheckCurrentFile()
 {
     const qint64 length = file->size();
-    const QString written = file->writtenMD5();
+    QString written = file->writtenMD5();
+    QString writtenSha256 = file->writtenSHA256();
     file->close();
     file.reset();
 
@@ -163,8 +171,12 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
             }
             return false;
         }
-        const QString actual = written.isEmpty() ? getFileMD5Ex(localPath) : written;
-        if (actual.compare(md5, Qt::CaseInsensitive) != 0) {
+        // A file that cannot be read back keeps empty digests, which match nothing.
+        if (written.isEmpty())
+            getFileDigests(localPath, &written, &writtenSha256);
+        const bool sha256Differs =
+                !sha256.isEmpty() && writtenSha256.compare(sha256, Qt::CaseInsensitive) != 0;
+        if (written.compare(md5, Qt::CaseInsensitive) != 0 || sha256Differs) {
             QFile::remove(localPath);
             if (enterState(DownloadStream_Connected)) {
                 emit fileError(DownloadStream_ChecksumError,
@@ -300,7 +312,7 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
             return {};
         }
     }
-    file = std::make_unique<HashingFile>(localPath);
+    file = std::make_unique<HashingFile>(localPath, !sha256.isEmpty());
     // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
     if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         const QString reason = file->errorString();

@@ -32,6 +32,10 @@ public:
     virtual void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                     int timeout) = 0;
     virtual void getFile(const QString &remotePath, const QString &md5, long long size);
+    // getFile() that also holds the file to its SHA-256 (64 hexadecimal digits) from a signed
+    // release manifest; a mismatch is a checksum error.
+    void getFile(const QString &remotePath, const QString &md5, long long size,
+                 const QString &sha256);
     virtual QString getDestFilePath() const;
     virtual void getProgress(unsigned long long *done, unsigned long long *size) const;
     virtual void cancel();
@@ -87,6 +91,7 @@ protected:
     QString localPath;
     std::unique_ptr<HashingFile> file;
     QString md5;
+    QString sha256;
     qint64 size = 0;
     qint64 done = 0;
     int connectRequestId = -1;

@@ -3,8 +3,13 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
 #include <QHash>
 #include <QTextStream>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 
@@ -14,13 +19,62 @@ void printLines(QTextStream &stream, const QStringList &lines)
         stream << QCoreApplication::applicationName() << ": " << line << Qt::endl;
 }
 
-int runCheck(const QStringList &lists)
+// Created anew with exactly mode, never over an existing file.
+bool writeNewFile(const QString &path, const QByteArray &content, mode_t mode)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL, mode);
+    if (fd < 0)
+        return false;
+    const bool written = ::write(fd, content.constData(), size_t(content.size())) == content.size();
+    return ::close(fd) == 0 && written;
+}
+
+int runKeygen(const QString &directory)
+{
+    QTextStream err(stderr);
+    const QString secretPath = QDir(directory).filePath(QStringLiteral("update-secret.key"));
+    const QString publicPath = QDir(directory).filePath(QStringLiteral("update-keys.pub"));
+    MinisignSecretKey key;
+    if (!QDir().mkpath(directory) || QFile::exists(secretPath) || QFile::exists(publicPath)) {
+        printLines(err, {QStringLiteral("%1 or %2 exists already, or %3 cannot be made; a key is "
+                                        "never overwritten")
+                                 .arg(secretPath, publicPath, directory)});
+        return 1;
+    }
+    if (!generateMinisignKey(&key) || !writeNewFile(secretPath, minisignSecretKeyFile(key), 0600)
+        || !writeNewFile(publicPath, minisignPublicKeyFile(key), 0644)) {
+        printLines(err, {QStringLiteral("cannot write the key pair into %1").arg(directory)});
+        return 1;
+    }
+    QTextStream(stdout) << "key " << minisignKeyIdText(key.keyId) << ": secret " << secretPath
+                        << " (keep it private), public " << publicPath
+                        << " (ship it in the release)" << Qt::endl;
+    return 0;
+}
+
+bool readTrustedKeys(const QString &path, QList<MinisignPublicKey> *keys)
+{
+    QFile file(path);
+    if (file.open(QIODevice::ReadOnly))
+        *keys = parseMinisignKeyList(file.readAll());
+    if (!keys->isEmpty())
+        return true;
+    QTextStream err(stderr);
+    printLines(err, {QStringLiteral("%1 holds no minisign public key").arg(path)});
+    return false;
+}
+
+int runCheck(const QStringList &lists, const QString &keyPath)
 {
     QTextStream out(stdout);
     QTextStream err(stderr);
+    QList<MinisignPublicKey> keys;
+    if (!keyPath.isEmpty() && !readTrustedKeys(keyPath, &keys))
+        return 1;
     int failures = 0;
     for (const QString &list : lists) {
         MirrorChecker checker(list);
+        checker.setTrustedKeys(keys);
         if (checker.check()) {
             out << list << ": " << checker.checkedFiles() << " files correct" << Qt::endl;
         } else {
@@ -32,7 +86,7 @@ int runCheck(const QStringList &lists)
 }
 
 int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
-               bool force)
+               bool force, const QString &signingKey)
 {
     QTextStream err(stderr);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
@@ -48,6 +102,7 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     publisher.setPacking(packings.value(packing));
     publisher.setPreviousRelease(previous);
     publisher.setReplaceExisting(force);
+    publisher.setSigningKey(signingKey);
     if (!publisher.publish()) {
         printLines(err, publisher.errors());
         return 1;
@@ -76,8 +131,11 @@ int main(int argc, char *argv[])
             "Publishes a release of the Orlivo client as a mirror tree that any HTTP or FTP "
             "server can serve:\nROOT/VERSION/TYPE.ini (the product list) and the files, packed "
             "or raw, in directories named TYPE and TYPE.<subdirectory>.\n"
+            "The release manifest ROOT/VERSION/TYPE.manifest holds the SHA-256 of the list and of "
+            "every file; --sign adds its signature TYPE.manifest.minisig.\n"
             "update-publish --check LIST... verifies a mirror tree against its product lists "
-            "instead."));
+            "instead.\n"
+            "update-publish --keygen DIR writes a new key pair in minisign's format."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption packOption(
@@ -99,7 +157,23 @@ int main(int argc, char *argv[])
     const QCommandLineOption checkOption(
             QStringLiteral("check"),
             QStringLiteral("Check mode: verify the mirror tree of each product list given."));
-    parser.addOptions({packOption, previousOption, forceOption, checkOption});
+    const QCommandLineOption signOption(
+            QStringLiteral("sign"),
+            QStringLiteral("Sign the release manifest with this unencrypted minisign secret key "
+                           "(from --keygen or minisign -G -W)."),
+            QStringLiteral("secretkey"));
+    const QCommandLineOption keyOption(
+            QStringLiteral("key"),
+            QStringLiteral("With --check: also verify the manifest's signature with the minisign "
+                           "public keys of this file."),
+            QStringLiteral("publickey"));
+    const QCommandLineOption keygenOption(
+            QStringLiteral("keygen"),
+            QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
+                           "0600) and update-keys.pub, which installations trust."),
+            QStringLiteral("dir"));
+    parser.addOptions({packOption, previousOption, forceOption, checkOption, signOption, keyOption,
+                       keygenOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -112,10 +186,12 @@ int main(int argc, char *argv[])
     parser.process(app);
 
     const QStringList arguments = parser.positionalArguments();
+    if (parser.isSet(keygenOption))
+        return runKeygen(parser.value(keygenOption));
     if (parser.isSet(checkOption)) {
         if (arguments.isEmpty())
             parser.showHelp(1);
-        return runCheck(arguments);
+        return runCheck(arguments, parser.value(keyOption));
     }
     if (arguments.size() != 4) {
         QTextStream(stderr) << "update-publish: expected RELEASE TYPE VERSION ROOT, got "
@@ -123,5 +199,5 @@ int main(int argc, char *argv[])
         return 1;
     }
     return runPublish(arguments, parser.value(packOption), parser.value(previousOption),
-                      parser.isSet(forceOption));
+                      parser.isSet(forceOption), parser.value(signOption));
 }

@@ -62,6 +62,7 @@ bool MirrorChecker::check()
     }
     if (task.getSize() == 0)
         report(QStringLiteral("lists no files"));
+    checkManifest();
 
     QHash<QString, QString> installedBy;
     for (const FileSpecification &entry : std::as_const(task.files)) {
@@ -76,7 +77,66 @@ bool MirrorChecker::check()
             checkFile(entry);
         ++checked;
     }
+    checkManifestCovers(task.files);
     return found.isEmpty();
+}
+
+void MirrorChecker::checkManifest()
+{
+    const QFileInfo list(listPath);
+    const QString type = list.completeBaseName();
+    const QString path = list.dir().filePath(type + QStringLiteral(".manifest"));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        report(QStringLiteral("no release manifest %1; publish the release again").arg(path));
+        return;
+    }
+    const QByteArray text = file.readAll();
+    haveManifest = manifest.parse(text);
+    if (!haveManifest) {
+        report(QStringLiteral("%1 is not a valid release manifest").arg(path));
+        return;
+    }
+    const QString version = list.dir().dirName();
+    if (manifest.type() != type || manifest.version() != version)
+        report(QStringLiteral("%1 is the manifest of %2 %3, not of %4 %5")
+                       .arg(path, manifest.type(), manifest.version(), type, version));
+    QString md5;
+    QString sha256;
+    if (!getFileDigests(listPath, &md5, &sha256) || sha256 != manifest.listSha256())
+        report(QStringLiteral("SHA-256 %1, the manifest lists %2").arg(sha256, manifest.listSha256()));
+    if (!trustedKeys.isEmpty())
+        checkSignature(text, path + QStringLiteral(".minisig"));
+}
+
+void MirrorChecker::checkSignature(const QByteArray &text, const QString &path)
+{
+    QFile file(path);
+    MinisignSignature signature;
+    if (!file.open(QIODevice::ReadOnly) || !parseMinisignSignature(file.read(4096), &signature)) {
+        report(QStringLiteral("%1 is missing or not a minisign signature").arg(path));
+        return;
+    }
+    const QByteArray expected = "orlivo " + manifest.type().toUtf8() + ' '
+                                + manifest.version().toUtf8();
+    if (!verifyMinisign(text, signature, trustedKeys))
+        report(QStringLiteral("%1 is not a valid signature by the key %2 of the manifest")
+                       .arg(path, QString::fromLatin1(minisignKeyIdText(signature.keyId))));
+    else if (signature.trustedComment != expected)
+        report(QStringLiteral("%1: trusted comment \"%2\", expected \"%3\"")
+                       .arg(path, QString::fromUtf8(signature.trustedComment),
+                            QString::fromUtf8(expected)));
+}
+
+void MirrorChecker::checkManifestCovers(const QList<FileSpecification> &entries)
+{
+    if (!haveManifest)
+        return;
+    QStringList unlisted = manifest.keys(ReleaseManifest::sha256Group);
+    for (const FileSpecification &entry : entries)
+        unlisted.removeAll(entry.directory + QLatin1Char('/') + entry.name);
+    for (const QString &path : std::as_const(unlisted))
+        report(QStringLiteral("the manifest names %1, which the list does not").arg(path));
 }
 
 // The list's parser refuses the whole list; say which names made it, where that is the cause.
@@ -136,12 +196,19 @@ void MirrorChecker::checkFile(const FileSpecification &entry)
         report(entry, QStringLiteral("length %1, listed %2").arg(info.size()).arg(entry.size));
         return;
     }
-    const QString md5 = getFileMD5Ex(path);
+    QString md5;
+    QString sha256;
+    getFileDigests(path, &md5, &sha256);
     if (md5 != entry.md5) {
         report(entry, md5.isEmpty() ? QStringLiteral("cannot be read")
                                     : QStringLiteral("checksum %1, listed %2").arg(md5, entry.md5));
         return;
     }
+    const QString listed = manifest.sha256(entry.directory + QLatin1Char('/') + entry.name);
+    if (haveManifest && sha256 != listed)
+        report(entry, listed.isEmpty() ? QStringLiteral("not in the manifest")
+                                       : QStringLiteral("SHA-256 %1, the manifest lists %2")
+                                                 .arg(sha256, listed));
     if (entry.isPacked())
         checkUnpacked(entry, path);
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "tasks/releasemanifest.h"
+#include "update/minisign.h"
+
 #include <QString>
 #include <QStringList>
 
@@ -9,11 +12,15 @@ class QSettings;
 // Checks a mirror tree in a local directory against one of its product lists, as the updater
 // would find it: every listed file present with its listed length and checksum, every packed
 // file unpacking to its listed length and checksum, every path safe and every install path
-// named once. Problems are collected one line each, naming the list and the file.
+// named once; the release manifest naming the list's type and version, the list's SHA-256 and
+// every file's, and, with trusted keys, its signature. Problems are collected one line each,
+// naming the list and the file.
 class MirrorChecker
 {
 public:
     explicit MirrorChecker(const QString &listPath);
+
+    void setTrustedKeys(const QList<MinisignPublicKey> &keys) { trustedKeys = keys; }
 
     // True when nothing was found wrong.
     bool check();
@@ -23,6 +30,9 @@ public:
 
 private:
     void reportUnreadableList(QSettings &settings);
+    void checkManifest();
+    void checkSignature(const QByteArray &text, const QString &path);
+    void checkManifestCovers(const QList<FileSpecification> &entries);
     bool checkNames(const FileSpecification &entry);
     void checkFile(const FileSpecification &entry);
     void checkUnpacked(const FileSpecification &entry, const QString &path);
@@ -30,6 +40,9 @@ private:
     void report(const QString &problem);
 
     QString listPath;
+    QList<MinisignPublicKey> trustedKeys;
+    ReleaseManifest manifest;
+    bool haveManifest = false;
     QStringList found;
     int checked = 0;
 };

@@ -4,6 +4,7 @@
 #include "tasks/productlist.h"
 #include "tasks/taskspecification.h"
 #include "tools/mirrornames.h"
+#include "tasks/releasemanifest.h"
 #include "tools/releasetree.h"
 #include "update/checksums.h"
 #include "update/gzip.h"
@@ -13,6 +14,7 @@
 #include <QFileInfo>
 #include <QHash>
 #include <QRegularExpression>
+#include <QSaveFile>
 #include <QSet>
 #include <QSettings>
 #include <QTemporaryFile>
@@ -90,6 +92,11 @@ QString ReleasePublisher::listPath() const
     return QDir(outputRoot).filePath(version + QLatin1Char('/') + clientType + ".ini");
 }
 
+QString ReleasePublisher::manifestPath() const
+{
+    return QDir(outputRoot).filePath(version + QLatin1Char('/') + clientType + ".manifest");
+}
+
 QList<FileSpecification> ReleasePublisher::entries() const
 {
     QList<FileSpecification> result;
@@ -128,6 +135,8 @@ bool ReleasePublisher::validateArguments()
 {
     validateNames();
     validateLocations();
+    if (!signingKeyPath.isEmpty())
+        loadSigningKey();
     if (!problems.isEmpty())
         return false;
 
@@ -138,6 +147,19 @@ bool ReleasePublisher::validateArguments()
                             .arg(versionDirectory, releasePath));
     if (QFileInfo::exists(listPath()) && !replaceExisting)
         return fail(QStringLiteral("%1 exists already; use --force to replace it").arg(listPath()));
+    return true;
+}
+
+bool ReleasePublisher::loadSigningKey()
+{
+    QFile file(signingKeyPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return fail(QStringLiteral("secret key %1 cannot be read: %2")
+                            .arg(signingKeyPath, file.errorString()));
+    if (!parseMinisignSecretKey(file.read(4096), &signingKey))
+        return fail(QStringLiteral("%1 is not an unencrypted minisign secret key (make one with "
+                                   "--keygen or minisign -G -W)")
+                            .arg(signingKeyPath));
     return true;
 }
 
@@ -246,8 +268,9 @@ void ReleasePublisher::assignSections()
 {
     MirrorNames sections;
     sections.claim(clientType);
-    // The list itself lies beside the sections.
-    sections.claim(clientType + ".ini");
+    // The list and the manifest lie beside the sections.
+    for (const char *suffix : {".ini", ".manifest", ".manifest.minisig"})
+        sections.claim(clientType + QLatin1String(suffix));
     QHash<QString, QString> sectionOf;
     sectionOf.insert(QString(), clientType);
     for (ReleaseFile &file : files) {
@@ -342,7 +365,8 @@ bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
                                 const QString &destination, bool plain)
 {
     FileSpecification &entry = file.entry;
-    entry.md5 = getFileMD5Ex(destination);
+    if (!getFileDigests(destination, &entry.md5, &file.sha256))
+        return fail(QStringLiteral("cannot read %1 back").arg(destination));
     entry.size = quint64(QFileInfo(destination).size());
     if (!plain) {
         entry.unpackedMd5 = file.packed ? getFileMD5Ex(source) : entry.md5;
@@ -378,12 +402,56 @@ bool ReleasePublisher::writeList()
         return false;
     }
     QFile::setPermissions(temporary, servedPermissions);
+    if (!writeManifest(temporary)) {
+        QFile::remove(temporary);
+        return false;
+    }
     // rename(2) replaces an earlier list in one step; QFile::rename would refuse to.
     if (std::rename(QFile::encodeName(temporary).constData(), QFile::encodeName(path).constData())
         != 0) {
         QFile::remove(temporary);
         return fail(QStringLiteral("cannot rename %1 to %2").arg(temporary, path));
     }
+    return true;
+}
+
+// Written before the list is put in place: an updater that trusts a key finds the manifest as
+// soon as it finds the list.
+bool ReleasePublisher::writeManifest(const QString &list)
+{
+    QString listMd5;
+    QString listSha256;
+    if (!getFileDigests(list, &listMd5, &listSha256))
+        return fail(QStringLiteral("cannot read %1 back").arg(list));
+    ReleaseManifest manifest;
+    manifest.setValue(ReleaseManifest::releaseGroup, QStringLiteral("type"), clientType);
+    manifest.setValue(ReleaseManifest::releaseGroup, QStringLiteral("version"), version);
+    manifest.setValue(ReleaseManifest::releaseGroup, QStringLiteral("list"), listSha256);
+    for (const ReleaseFile &file : std::as_const(files)) {
+        manifest.setValue(ReleaseManifest::sha256Group,
+                          file.entry.directory + QLatin1Char('/') + file.entry.name, file.sha256);
+    }
+    const QByteArray text = manifest.toText();
+    const QString signaturePath = manifestPath() + QStringLiteral(".minisig");
+    if (signingKeyPath.isEmpty()) {
+        // A signature of an earlier publication would not match this manifest.
+        QFile::remove(signaturePath);
+        return writeServedFile(manifestPath(), text);
+    }
+    const QByteArray signature = signMinisign(
+            text, QStringLiteral("orlivo %1 %2").arg(clientType, version).toUtf8(), signingKey);
+    if (signature.isEmpty())
+        return fail(QStringLiteral("cannot sign %1").arg(manifestPath()));
+    return writeServedFile(manifestPath(), text) && writeServedFile(signaturePath, signature);
+}
+
+bool ReleasePublisher::writeServedFile(const QString &path, const QByteArray &content)
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()
+        || !file.commit())
+        return fail(QStringLiteral("cannot write %1: %2").arg(path, file.errorString()));
+    QFile::setPermissions(path, servedPermissions);
     return true;
 }
 

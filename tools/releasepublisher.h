@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tasks/filespecification.h"
+#include "update/minisign.h"
 
 #include <QList>
 #include <QString>
@@ -10,8 +11,10 @@ class MirrorNames;
 class QTemporaryFile;
 
 // Publishes one release directory as a mirror tree: every file, gzip-packed or raw, under
-// ROOT/VERSION/<section>/<name>, and the product list ROOT/VERSION/TYPE.ini, written last and
-// atomically, so that a mirror never serves a list whose files are not all in place.
+// ROOT/VERSION/<section>/<name>, the release manifest ROOT/VERSION/TYPE.manifest (the SHA-256 of
+// the list and of every file) with, when a key is given, its signature TYPE.manifest.minisig,
+// and the product list ROOT/VERSION/TYPE.ini, written last and atomically, so that a mirror never
+// serves a list whose files and manifest are not all in place.
 //
 // Layout: the sections of one client type are named TYPE (the release's top directory) and
 // TYPE.<subdirectory with '/' as '.'>, so client types share a version directory without
@@ -38,6 +41,8 @@ public:
     void setPreviousRelease(const QString &path) { previousRelease = path; }
     // Allows replacing a list that was published before for this type and version.
     void setReplaceExisting(bool replace) { replaceExisting = replace; }
+    // An unencrypted minisign secret key file to sign the manifest with.
+    void setSigningKey(const QString &path) { signingKeyPath = path; }
 
     // Nothing is written unless every input is valid and every file name can be expressed.
     bool publish();
@@ -45,6 +50,7 @@ public:
     // One line per problem found by the last publish().
     QStringList errors() const { return problems; }
     QString listPath() const;
+    QString manifestPath() const;
     // What the last successful publish() listed, one entry per release file in path order.
     QList<FileSpecification> entries() const;
     QStringList deletedPaths() const { return deleted; }
@@ -57,9 +63,11 @@ private:
         bool ownsPlainName = false;
         bool packed = false;
         FileSpecification entry;
+        QString sha256;
     };
 
     bool validateArguments();
+    bool loadSigningKey();
     void validateNames();
     void validateLocations();
     bool collectFiles();
@@ -69,6 +77,8 @@ private:
     bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
     bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
     bool writeList();
+    bool writeManifest(const QString &list);
+    bool writeServedFile(const QString &path, const QByteArray &content);
     bool listReadsBack(const QString &written);
     bool entriesReadBack(const QString &path);
     bool deletionsReadBack(const QString &path);
@@ -82,6 +92,8 @@ private:
     QString previousRelease;
     Packing packing = Packing::Auto;
     bool replaceExisting = false;
+    QString signingKeyPath;
+    MinisignSecretKey signingKey;
 
     QList<ReleaseFile> files;
     QStringList deleted;

@@ -25,7 +25,7 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     : QWidget(nullptr)
     , options(commandLineOptions)
     , run(commandLineOptions.clientType, commandLineOptions.clientVersion,
-          commandLineOptions.runMode == 2)
+          commandLineOptions.versionFromServer, commandLineOptions.runMode == 2)
     , clientVersion(commandLineOptions.clientVersion)
 {
     ui.setupUi(this);

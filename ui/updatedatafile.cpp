@@ -9,6 +9,7 @@
 namespace {
 
 const QString currentGroup = QStringLiteral("current");
+const QString installedVersionKey = QStringLiteral("installed/version");
 
 } // namespace
 
@@ -51,4 +52,14 @@ void UpdateDataFile::cleanupCurrentUpdateDataIniFile()
 {
     QSettings settings(filePath, QSettings::IniFormat);
     settings.remove(currentGroup);
+}
+
+int UpdateDataFile::installedVersion() const
+{
+    return QSettings(filePath, QSettings::IniFormat).value(installedVersionKey, 0).toInt();
+}
+
+void UpdateDataFile::recordInstalledVersion(int version)
+{
+    QSettings(filePath, QSettings::IniFormat).setValue(installedVersionKey, version);
 }

@@ -3,8 +3,9 @@
 #include <QString>
 
 // update.ini beside the program. Its "current" group records the run in progress, so that an
-// interrupted run is found again; this class is the only code that touches that group. The
-// user's settings in group "update" are left as they are.
+// interrupted run is found again, and its "installed" group the version last installed; this
+// class is the only code that touches them. The user's settings in group "update" are left as
+// they are.
 class UpdateDataFile
 {
 public:
@@ -17,6 +18,10 @@ public:
     bool getExistingUpdateData(QString *version, QString *type, QString *dir) const;
     void modifyUpdateData(const QString &version, const QString &dir, const QString &type);
     void cleanupCurrentUpdateDataIniFile();
+
+    // The version the last finished update installed; 0 when none is recorded.
+    int installedVersion() const;
+    void recordInstalledVersion(int version);
 
 private:
     QString filePath;

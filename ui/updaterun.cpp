@@ -42,9 +42,11 @@ std::optional<bool> removeFromParent(const QString &dir)
 
 } // namespace
 
-UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool unattended)
+UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool announced,
+                     bool unattended)
     : clientType(clientType)
     , clientVersion(clientVersion)
+    , announced(announced)
     , unattended(unattended)
 {
 }
@@ -57,11 +59,11 @@ UpdateRun::~UpdateRun()
 bool UpdateRun::start()
 {
     if (!QFile::exists(appFilePath(mirrorsFileName))) {
-        emit refused(tr("%1 is missing, cannot proceed.")
-                             .arg(mirrorsFileName),
-                     true);
+        emit refused(tr("%1 is missing, cannot proceed.").arg(mirrorsFileName), true);
         return false;
     }
+    if (refusesDowngrade())
+        return false;
 
     QString version;
     QString workingDir;
@@ -112,6 +114,23 @@ InitialParameters UpdateRun::sessionParameters(const QString &version, const QSt
     parameters.sessionFile = sessionFilePath(version);
     parameters.reservedFlag = false;
     return parameters;
+}
+
+bool UpdateRun::refusesDowngrade()
+{
+    const int installed = dataFile.installedVersion();
+    if (!announced || clientVersion >= installed)
+        return false;
+    emit message(QStringLiteral("The update server announces version %1, lower than the "
+                                "installed version %2: not installed")
+                         .arg(clientVersion)
+                         .arg(installed));
+    emit refused(tr("The update server announces version %1, older than the installed version "
+                    "%2. Nothing was changed.")
+                         .arg(clientVersion)
+                         .arg(installed),
+                 false);
+    return true;
 }
 
 bool UpdateRun::takeUpEarlierSession(QString *version, QString *dir)
@@ -184,8 +203,10 @@ void UpdateRun::onDownloadFinished()
     // The previous version stands when the installation fails; the downloaded files and the
     // record stay for a restart.
     const bool installed = copyTemporaryOnly();
-    if (installed)
+    if (installed) {
+        dataFile.recordInstalledVersion(clientVersion);
         removeTemporaryOnly();
+    }
     emit updateFinished(installed);
 }
 

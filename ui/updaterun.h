@@ -17,7 +17,8 @@ class UpdateRun : public QObject
     Q_OBJECT
 
 public:
-    UpdateRun(const QString &clientType, int clientVersion, bool unattended);
+    // announced: the version is the update server's announcement, not the user's choice.
+    UpdateRun(const QString &clientType, int clientVersion, bool announced, bool unattended);
     ~UpdateRun() override;
 
     // Starts a download; false, after refused(), when nothing could be started.
@@ -49,6 +50,9 @@ private:
     // An earlier run of the same version is taken up again, one of another version cleaned away;
     // false when its record names a client type that cannot be a product list's name.
     bool takeUpEarlierSession(QString *version, QString *dir);
+    // True, after telling so, when the update server announces an older version than the one
+    // installed: a replayed announcement must not roll the client back.
+    bool refusesDowngrade();
     void removeStaleSession(const QString &version, const QString &dir);
     void createSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
@@ -64,6 +68,7 @@ private:
 
     QString clientType;
     int clientVersion = 0;
+    bool announced = false;
     bool unattended = false;
     UpdateDataFile dataFile;
     FTPProductDownloadSession *session = nullptr;

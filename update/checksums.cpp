@@ -1,5 +1,6 @@
 #include "update/checksums.h"
 
+#include "update/filedigests.h"
 #include "update/md5hash.h"
 
 #include <QFile>
@@ -9,20 +10,24 @@ namespace {
 // Large enough that the system calls cost little beside the hashing of the block.
 constexpr qint64 blockSize = 65536;
 
-// A read error gives an empty text rather than the checksum of what happened to be read.
-QString hashFromCurrentPosition(QFile &file)
+// A read error gives false rather than the checksums of what happened to be read.
+bool hashFromCurrentPosition(QFile &file, FileDigests *digests)
 {
-    Md5Hash hash;
     char buffer[blockSize];
     for (;;) {
         const qint64 n = file.read(buffer, blockSize);
         if (n < 0)
-            return QString();
+            return false;
         if (n == 0)
-            break;
-        hash.addData(buffer, n);
+            return true;
+        digests->addData(buffer, n);
     }
-    return hash.result();
+}
+
+QString md5FromCurrentPosition(QFile &file)
+{
+    FileDigests digests;
+    return hashFromCurrentPosition(file, &digests) ? digests.md5() : QString();
 }
 
 } // namespace
@@ -46,12 +51,24 @@ QString getFileMD5Ex(const QString &path)
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
         return QString();
-    return hashFromCurrentPosition(file);
+    return md5FromCurrentPosition(file);
 }
 
 QString getFileMD5Ex(QFile &file)
 {
     if (!file.seek(0))
         return QString();
-    return hashFromCurrentPosition(file);
+    return md5FromCurrentPosition(file);
+}
+
+bool getFileDigests(const QString &path, QString *md5, QString *sha256)
+{
+    QFile file(path);
+    FileDigests digests(true);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
+        || !hashFromCurrentPosition(file, &digests))
+        return false;
+    *md5 = digests.md5();
+    *sha256 = digests.sha256();
+    return true;
 }

@@ -12,3 +12,5 @@ QString getFileMD5(const QString &path);
 QString getFileMD5Ex(const QString &path);
 // Checksums an already open file from its start; the file stays open, positioned at its end.
 QString getFileMD5Ex(QFile &file);
+// MD5 and SHA-256 of the file in one pass; false when it cannot be read.
+bool getFileDigests(const QString &path, QString *md5, QString *sha256);

@@ -1,29 +1,24 @@
 #include "update/md5hash.h"
 
+#include "update/digest.h"
+
 #include <QCryptographicHash>
 
 #include <optional>
 
-#include <openssl/evp.h>
-
 class Md5Hash::Private
 {
 public:
-    Private()
-        : context(EVP_MD_CTX_new())
-    {
-        if (!context || EVP_DigestInit_ex(context, EVP_md5(), nullptr) != 1)
-            fallback.emplace(QCryptographicHash::Md5);
-    }
-    ~Private() { EVP_MD_CTX_free(context); }
-
-    EVP_MD_CTX *context;
+    Digest digest{Digest::Md5};
     std::optional<QCryptographicHash> fallback;
 };
 
 Md5Hash::Md5Hash()
     : d(std::make_unique<Private>())
-{}
+{
+    if (!d->digest.isValid())
+        d->fallback.emplace(QCryptographicHash::Md5);
+}
 
 Md5Hash::~Md5Hash() = default;
 
@@ -32,22 +27,11 @@ void Md5Hash::addData(const char *data, qint64 length)
     if (d->fallback)
         d->fallback->addData(QByteArrayView(data, length));
     else
-        EVP_DigestUpdate(d->context, data, size_t(length));
+        d->digest.addData(data, length);
 }
 
 QString Md5Hash::result() const
 {
-    if (d->fallback)
-        return QString::fromLatin1(d->fallback->result().toHex());
-    // Finished on a copy, so that the running computation can go on.
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_MD_CTX *copy = EVP_MD_CTX_new();
-    const bool done = copy && EVP_MD_CTX_copy_ex(copy, d->context) == 1
-                      && EVP_DigestFinal_ex(copy, digest, &length) == 1;
-    EVP_MD_CTX_free(copy);
-    if (!done)
-        return QString();
-    return QString::fromLatin1(
-            QByteArray::fromRawData(reinterpret_cast<const char *>(digest), int(length)).toHex());
+    const QByteArray digest = d->fallback ? d->fallback->result() : d->digest.result();
+    return digest.isEmpty() ? QString() : QString::fromLatin1(digest.toHex());
 }

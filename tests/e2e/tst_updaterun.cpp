@@ -31,8 +31,13 @@ private slots:
     void hostileInput();
     void answersWithoutWindow_data();
     void answersWithoutWindow();
+    void signedRelease_data();
+    void signedRelease();
+    void keysRotate();
 
 private:
+    bool publish(const QString &releaseDir, const QString &version, const QString &root,
+                 const QString &secretKey);
     void installPreviousRelease();
     void writeMirrors(const QStringList &kinds);
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false);
@@ -53,6 +58,8 @@ private:
     std::unique_ptr<LoopbackServer> fault;
     std::unique_ptr<LoopbackServer> hostile;
     QString deadPort;
+    QString publisherKeys; // the trusted key pair, made by minisign
+    QString unknownKeys;   // one no installation trusts, made by update-publish
 
     std::unique_ptr<QTemporaryDir> installation;
     std::unique_ptr<QTemporaryDir> tempDir;
@@ -145,10 +152,27 @@ void TestUpdateRun::initTestCase()
                      && output.contains("1 to delete"),
              output.constData());
     for (const QString &file : filesBelow(mirrorRoot + QStringLiteral("/12"))) {
-        if (!file.endsWith(QLatin1String(".ini")))
+        // The files of the release lie in sections; the list and its manifest beside them.
+        if (file.contains(QLatin1Char('/')))
             mirrorFiles << QStringLiteral("/12/") + file;
     }
     QCOMPARE(mirrorFiles.size(), 4);
+
+    // The mirrors serve a release signed with minisign; an installation trusts it only when the
+    // test puts its key into update-keys.pub.
+    publisherKeys = work.filePath(QStringLiteral("keys"));
+    unknownKeys = work.filePath(QStringLiteral("unknown"));
+    QVERIFY(QDir().mkpath(publisherKeys));
+    QCOMPARE(QProcess::execute(QStringLiteral("minisign"),
+                               {"-G", "-W", "-p", publisherKeys + "/update-keys.pub", "-s",
+                                publisherKeys + "/update-secret.key"}),
+             0);
+    QCOMPARE(QProcess::execute(QStringLiteral(UPDATE_PUBLISH), {"--keygen", unknownKeys}), 0);
+    QCOMPARE(QProcess::execute(QStringLiteral("minisign"),
+                               {"-S", "-s", publisherKeys + "/update-secret.key", "-t",
+                                "orlivo " + clientType + " 12", "-m",
+                                mirrorRoot + "/12/" + clientType + ".manifest"}),
+             0);
 
     http = LoopbackServer::nginx(mirrorRoot);
     ftp = LoopbackServer::ftp(mirrorRoot);
@@ -261,7 +285,7 @@ void TestUpdateRun::verifyNextRunInstalls(const QByteArray &verification, bool o
 void TestUpdateRun::verifyUntouched()
 {
     QStringList expected = filesBelow(previousRelease);
-    for (const char *name : {"mirrors.ini", "update.ini", "session_12.ini"}) {
+    for (const char *name : {"mirrors.ini", "update.ini", "session_12.ini", "update-keys.pub"}) {
         if (QFile::exists(installation->filePath(QString::fromLatin1(name))))
             expected << QString::fromLatin1(name);
     }
@@ -280,6 +304,8 @@ void TestUpdateRun::verifyInstalled(bool oldUpdaterAside)
     const QDir root(installation->path());
     QStringList expected = filesBelow(release);
     expected << QStringLiteral("mirrors.ini") << QStringLiteral("update.ini");
+    if (root.exists(QStringLiteral("update-keys.pub")))
+        expected << QStringLiteral("update-keys.pub");
     if (oldUpdaterAside)
         expected << QStringLiteral("_old_update");
     expected.sort();
@@ -292,7 +318,9 @@ void TestUpdateRun::verifyInstalled(bool oldUpdaterAside)
     if (oldUpdaterAside)
         QCOMPARE(readTestFile(root.filePath(QStringLiteral("_old_update"))),
                  readTestFile(previousRelease + QStringLiteral("/update")));
-    QVERIFY(!readTestFile(root.filePath(QStringLiteral("update.ini"))).contains("[current]"));
+    const QByteArray settings = readTestFile(root.filePath(QStringLiteral("update.ini")));
+    QVERIFY(!settings.contains("[current]"));
+    QVERIFY(settings.contains("[installed]\nversion=12\n"));
     QCOMPARE(QDir(tempDir->path()).entryList({QStringLiteral("orlivo_temp_*")}, QDir::AllEntries),
              QStringList());
 }
@@ -455,8 +483,8 @@ void TestUpdateRun::failedInstallationKeepsOldVersion()
     const qsizetype requestsFirst = http->logLines().size();
 
     verifyNextRunInstalls("Ready: 0, Downloaded: 4.", true);
-    // Only the connect step and the list again.
-    QCOMPARE(http->logLines().size() - requestsFirst, 2);
+    // Only the connect step, the manifest and the list again.
+    QCOMPARE(http->logLines().size() - requestsFirst, 3);
     QVERIFY(requestsFirst > requestsBefore + 1);
 }
 
@@ -566,6 +594,14 @@ void TestUpdateRun::hostileInput_data()
             << QStringList{"http"} << QByteArray() << QByteArray("streams=100000\n")
             << QByteArray() << QStringList() << QByteArray() << none << 0
             << "streams=100000 is too many, 16 are used";
+    QTest::newRow("update server announcing a downgrade")
+            << QStringList{"http"} << QByteArray() << QByteArray("[installed]\nversion=13\n")
+            << QByteArray() << QStringList() << QByteArray() << none << 1
+            << "lower than the installed version 13: not installed";
+    QTest::newRow("downgrade named on the command line")
+            << QStringList{"http"} << QByteArray() << QByteArray("[installed]\nversion=13\n")
+            << QByteArray() << QStringList{clientType, "12"} << QByteArray() << none << 0
+            << "Update finished, version: 12";
     QTest::newRow("proxy with a typo")
             << QStringList{"http"} << QByteArray() << QByteArray("proxy=htp//127.0.0.1:3128\n")
             << QByteArray() << QStringList() << QByteArray() << none << 2
@@ -688,6 +724,126 @@ void TestUpdateRun::answersWithoutWindow()
     QCOMPARE(process.exitCode(), exitCode);
     QVERIFY2(process.readAll().contains(output.toUtf8()), qPrintable(output));
     QCOMPARE(versionServer->logLines().size(), queriesBefore);
+}
+
+bool TestUpdateRun::publish(const QString &releaseDir, const QString &version,
+                            const QString &root, const QString &secretKey)
+{
+    return QProcess::execute(QStringLiteral(UPDATE_PUBLISH),
+                             {"--sign", secretKey, releaseDir, clientType, version, root})
+           == 0;
+}
+
+// An installation that trusts the publisher's key meets one honest and one dishonest mirror, or
+// the dishonest one alone: nothing of a list is used before the key verified its manifest.
+void TestUpdateRun::signedRelease_data()
+{
+    QTest::addColumn<QString>("tampering");
+    QTest::addColumn<QStringList>("mirrors");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QString>("logLine");
+
+    const QStringList both{"hostile", "http"};
+    const QString refused = "/12/client_linux_amd64.manifest is not valid.";
+    QTest::newRow("signed by minisign") << "" << QStringList{"hostile"} << 0 << "Update finished";
+    QTest::newRow("list changed after signing") << "list" << both << 0 << refused;
+    QTest::newRow("signed by an unknown key") << "unknown key" << both << 0 << refused;
+    QTest::newRow("version 11 replayed as 12") << "replay" << both << 0 << refused;
+    QTest::newRow("signature missing") << "no signature" << both << 0 << refused;
+    QTest::newRow("only a dishonest mirror")
+            << "list" << QStringList{"hostile"} << 2 << "all mirrors reported error";
+    QTest::newRow("a file matching its MD5, not its SHA-256")
+            << "sha256" << QStringList{"hostile"} << 2 << "ERROR: Wrong checksum for";
+}
+
+void TestUpdateRun::signedRelease()
+{
+    QFETCH(QString, tampering);
+    QFETCH(QStringList, mirrors);
+    QFETCH(int, exitCode);
+    QFETCH(QString, logLine);
+
+    QTemporaryDir outside;
+    const QString root = outside.filePath(QStringLiteral("mirror"));
+    const QString version = root + QStringLiteral("/12/");
+    const QString list = version + clientType + QStringLiteral(".ini");
+    const QString manifest = version + clientType + QStringLiteral(".manifest");
+    QCOMPARE(QProcess::execute(QStringLiteral("cp"), {"-a", mirrorRoot, root}), 0);
+    const QString secretKey = publisherKeys + QStringLiteral("/update-secret.key");
+    if (tampering == QLatin1String("list")) {
+        QVERIFY(writeTestFile(list, readTestFile(list) + "\n"));
+    } else if (tampering == QLatin1String("unknown key")) {
+        QVERIFY(publish(release, QStringLiteral("12"), root + QStringLiteral("/unknown"),
+                        unknownKeys + QStringLiteral("/update-secret.key")));
+        QVERIFY(QFile::remove(manifest + ".minisig"));
+        QVERIFY(QFile::rename(root + "/unknown/12/" + clientType + ".manifest.minisig",
+                              manifest + ".minisig"));
+    } else if (tampering == QLatin1String("replay")) {
+        QVERIFY(publish(previousRelease, QStringLiteral("11"), root, secretKey));
+        for (const QString &name : QDir(root + "/11").entryList(QDir::Files)) {
+            QFile::remove(version + name);
+            QVERIFY(QFile::rename(root + "/11/" + name, version + name));
+        }
+    } else if (tampering == QLatin1String("no signature")) {
+        QVERIFY(QFile::remove(manifest + ".minisig"));
+    } else if (tampering == QLatin1String("sha256")) {
+        // As if the mirror held another file of the same MD5: the signed SHA-256 differs.
+        const QString entry = mirrorFiles.first().mid(4);
+        QByteArray text = readTestFile(manifest);
+        const qsizetype at = text.indexOf(entry.toUtf8() + '=') + entry.size() + 1;
+        text[at] = text.at(at) == '0' ? '1' : '0';
+        QVERIFY(writeTestFile(manifest, text));
+        QVERIFY(QFile::remove(manifest + ".minisig"));
+        QCOMPARE(QProcess::execute(QStringLiteral("minisign"),
+                                   {"-S", "-s", secretKey, "-t", "orlivo " + clientType + " 12",
+                                    "-m", manifest}),
+                 0);
+    }
+    hostile = LoopbackServer::nginx(root);
+    QVERIFY(hostile);
+    writeMirrors(mirrors);
+    QVERIFY(QFile::copy(publisherKeys + QStringLiteral("/update-keys.pub"),
+                        installation->filePath(QStringLiteral("update-keys.pub"))));
+
+    QByteArray log;
+    int status = -1;
+    QVERIFY(runUnattended(&log, &status));
+    QVERIFY2(status == exitCode, log.constData());
+    QVERIFY2(log.contains(logLine.toUtf8()), log.constData());
+    QVERIFY2(!log.contains("signatures of releases are not checked"), log.constData());
+    if (exitCode == 0)
+        verifyInstalled(true);
+    else
+        verifyUntouched();
+}
+
+// Release 13, signed with the old key, brings the new one in update-keys.pub; release 14 is
+// signed with the new key, and the old key no longer counts.
+void TestUpdateRun::keysRotate()
+{
+    const QString root = work.filePath(QStringLiteral("rotation"));
+    const QString newKeys = work.filePath(QStringLiteral("new-keys"));
+    const QString next = work.filePath(QStringLiteral("release-13"));
+    QCOMPARE(QProcess::execute(QStringLiteral("cp"), {"-a", release, next}), 0);
+    QCOMPARE(QProcess::execute(QStringLiteral(UPDATE_PUBLISH), {"--keygen", newKeys}), 0);
+    QVERIFY(QFile::copy(newKeys + "/update-keys.pub", next + "/update-keys.pub"));
+    QVERIFY(publish(next, QStringLiteral("13"), root, publisherKeys + "/update-secret.key"));
+    QVERIFY(publish(next, QStringLiteral("14"), root, newKeys + "/update-secret.key"));
+    QVERIFY(publish(next, QStringLiteral("15"), root, publisherKeys + "/update-secret.key"));
+    hostile = LoopbackServer::nginx(root);
+    QVERIFY(hostile);
+    writeMirrors({QStringLiteral("hostile")});
+    QVERIFY(QFile::copy(publisherKeys + QStringLiteral("/update-keys.pub"),
+                        installation->filePath(QStringLiteral("update-keys.pub"))));
+
+    for (const auto &[version, exitCode] : {std::pair{"13", 0}, {"14", 0}, {"15", 2}}) {
+        QByteArray log;
+        int status = -1;
+        QVERIFY(runUnattended(&log, &status, {clientType, QString::fromLatin1(version)}));
+        QVERIFY2(status == exitCode, log.constData());
+        QCOMPARE(readTestFile(installation->filePath(QStringLiteral("update-keys.pub"))),
+                 readTestFile(newKeys + "/update-keys.pub"));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestUpdateRun)

@@ -6,6 +6,7 @@
 #include "tests/support/loopbackserver.h"
 #include "tests/support/testfiles.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFileInfo>
@@ -163,14 +164,17 @@ void tst_DownloadStreams::initTestCase()
 void tst_DownloadStreams::hashingFileAfterSeek()
 {
     QTemporaryDir dir;
-    HashingFile file(dir.filePath("download"));
+    HashingFile file(dir.filePath("download"), true);
     QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     const QByteArray content = patternBytes(100000, 5);
     for (qsizetype at = 0; at < content.size(); at += 16384)
         QVERIFY(file.write(content.mid(at, 16384)) > 0);
     QCOMPARE(file.writtenMD5(), md5Of(content));
+    QCOMPARE(file.writtenSHA256(),
+             QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex());
     QVERIFY(file.seek(10) && file.write("changed") == 7);
     QCOMPARE(file.writtenMD5(), QString());
+    QCOMPARE(file.writtenSHA256(), QString());
 }
 
 void tst_DownloadStreams::fetchesFiles_data()

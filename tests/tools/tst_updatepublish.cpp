@@ -9,6 +9,7 @@
 #include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
+#include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -110,6 +111,7 @@ private slots:
     void roundTrip_data();
     void roundTrip();
     void publishCheckAndRepair();
+    void signatures();
     void errors_data();
     void errors();
 };
@@ -211,7 +213,7 @@ void tst_UpdatePublish::publishCheckAndRepair()
     // The list is renamed into place, and nothing else is left beside the sections.
     QCOMPARE(QDir(dir.filePath("mirror/12"))
                      .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
-             QStringList({"client", "client.doc", "client.ini", "client.lib"}));
+             QStringList({"client", "client.doc", "client.ini", "client.lib", "client.manifest"}));
 
     QVERIFY(writeTestFile(raw, "Client"));
     QVERIFY(QFile::resize(packed, 30));
@@ -237,6 +239,9 @@ void tst_UpdatePublish::publishCheckAndRepair()
     editList(list, "client.lib/big.txt.gz", 2, QString(32, '0'));
     run = runTool({"--check", list});
     QCOMPARE(run.exitCode, 1);
+    // The manifest was made for the list before it was edited.
+    QVERIFY(run.err.takeFirst().contains(QRegularExpression(": SHA-256 [0-9a-f]{64}, the manifest "
+                                                            "lists [0-9a-f]{64}$")));
     QCOMPARE(run.err, QStringList({problem + "client/orlivo: checksum \"" + upperCase
                                            + "\" is not 32 lower-case hexadecimal digits",
                                    problem + "client.doc/read_me: unpacks to length 7, listed 8",
@@ -251,6 +256,49 @@ void tst_UpdatePublish::publishCheckAndRepair()
                          + "a value is not of the form md5::size or "
                            "md5::size::unpackedMd5::unpackedSize::unpackedName, or an unpacked "
                            "name is not a safe relative path"));
+}
+
+// Keys and signatures of update-publish and of Debian's minisign work with each other.
+void tst_UpdatePublish::signatures()
+{
+    if (QStandardPaths::findExecutable("minisign").isEmpty())
+        QSKIP("needs minisign");
+    QTemporaryDir dir;
+    const QString keys = dir.filePath("keys");
+    const QString secret = keys + "/update-secret.key";
+    const QString pub = keys + "/update-keys.pub";
+    QVERIFY(writeTestFile(dir.filePath("release/orlivo"), "client"));
+    QCOMPARE(runTool({"--keygen", keys}).exitCode, 0);
+    QCOMPARE(QFile::permissions(secret) & 0x7077, QFile::ReadOwner | QFile::WriteOwner);
+    QCOMPARE(runTool({"--keygen", keys}).exitCode, 1);
+    QCOMPARE(QProcess::execute("minisign", {"-G", "-W", "-p", dir.filePath("m.pub"), "-s",
+                                            dir.filePath("m.key")}),
+             0);
+
+    const QString list = dir.filePath("mirror/12/client.ini");
+    const QString manifest = dir.filePath("mirror/12/client.manifest");
+    QCOMPARE(runTool({"--sign", secret, dir.filePath("release"), "client", "12",
+                      dir.filePath("mirror")})
+                     .exitCode,
+             0);
+    QProcess minisign;
+    minisign.start("minisign", {"-V", "-p", pub, "-m", manifest});
+    QVERIFY(minisign.waitForFinished());
+    QCOMPARE(minisign.exitCode(), 0);
+    QVERIFY(minisign.readAll().contains("Trusted comment: orlivo client 12"));
+    QCOMPARE(runTool({"--check", list, "--key", pub}).exitCode, 0);
+    Run run = runTool({"--check", list, "--key", dir.filePath("m.pub")});
+    QCOMPARE(run.exitCode, 1);
+    QVERIFY(run.err.value(0).contains(".minisig is not a valid signature by the key"));
+
+    // A key minisign made signs as well; a manifest changed afterwards is refused.
+    QCOMPARE(runTool({"--force", "--sign", dir.filePath("m.key"), dir.filePath("release"),
+                      "client", "12", dir.filePath("mirror")})
+                     .exitCode,
+             0);
+    QCOMPARE(runTool({"--check", list, "--key", dir.filePath("m.pub")}).exitCode, 0);
+    QVERIFY(writeTestFile(manifest, readTestFile(manifest) + "\n"));
+    QCOMPARE(runTool({"--check", list, "--key", dir.filePath("m.pub")}).exitCode, 1);
 }
 
 void tst_UpdatePublish::errors_data()

@@ -1,0 +1,24 @@
+#include "update/filedigests.h"
+
+FileDigests::FileDigests(bool withSha256)
+{
+    if (withSha256)
+        sha256Hash.emplace(Digest::Sha256);
+}
+
+void FileDigests::addData(const char *data, qint64 length)
+{
+    md5Hash.addData(data, length);
+    if (sha256Hash)
+        sha256Hash->addData(data, length);
+}
+
+QString FileDigests::md5() const
+{
+    return md5Hash.result();
+}
+
+QString FileDigests::sha256() const
+{
+    return sha256Hash ? QString::fromLatin1(sha256Hash->result().toHex()) : QString();
+}
