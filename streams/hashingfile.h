@@ -16,11 +16,16 @@ public:
     // The MD5 of the file's content when all of it was written through this object in order,
     // from the start; otherwise empty, and only reading the file tells.
     QString writtenMD5() const;
+    // Opens the file to write on after the bytes it holds, which count as written through this
+    // object; false when it cannot be opened or read.
+    bool openToContinue();
 
 protected:
     qint64 writeData(const char *data, qint64 length) override;
 
 private:
+    void addToHash(const char *data, qint64 length);
+
     Md5Hash hash;
     qint64 hashed = 0;
     bool inOrder = true;
