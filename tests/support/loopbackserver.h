@@ -60,12 +60,14 @@ public:
     //   "endless"     send bytes without end (no length announced)
     //   "corrupt"     the file's length with every byte inverted
     //   "long:N"      the file followed by N extra bytes, length announced truthfully
+    //   "full"        the whole file with status 200, whatever range was asked for
+    // A range "bytes=N-" is otherwise answered with 206, the behaviour applying to the rest.
     void setFaults(const QString &path, const QStringList &behaviours);
 
     // Log formats:
     //   nginx:     "<connection serial> <method> <uri> <status> <body bytes>"
     //   ftp:       pyftpdlib's log lines, "<client ip>:<client port>-[<user>] <command> ..."
-    //   fault:     "<client port> <method> <path> <behaviour>"
+    //   fault:     "<client port> <method> <path> <behaviour>", then " bytes=N-" for a range
     //   version:   "<hex of each datagram received>"
     //   proxy:     tinyproxy's own log
 
