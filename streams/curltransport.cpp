@@ -100,6 +100,7 @@ public:
     size_t receiveHeader(const char *data, size_t length);
     size_t receiveBody(const char *data, size_t length);
     bool startBody();
+    bool emptyDevice();
 
     bool isFtp() const { return server.scheme() == QLatin1String("ftp"); }
 
@@ -493,7 +494,13 @@ void CurlTransport::Private::endTransfer(CURLcode result)
 
 void CurlTransport::Private::endGet(CURLcode result)
 {
-    if (!writeFailure.isEmpty()) {
+    if (result == CURLE_FTP_COULDNT_USE_REST && current->offset > 0 && emptyDevice()) {
+        // A server that cannot resume still has the whole file to give.
+        current->offset = 0;
+        QUrl url = server;
+        url.setPath(current->path);
+        startTransfer(url, false);
+    } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
         finish(BodyTooLong,
@@ -641,12 +648,16 @@ bool CurlTransport::Private::startBody()
         base = current->offset;
         return true;
     }
+    if (emptyDevice())
+        return true;
+    writeFailure = current->device->errorString();
+    return false;
+}
+
+bool CurlTransport::Private::emptyDevice()
+{
     auto *file = qobject_cast<QFileDevice *>(current->device);
-    if (!current->device->seek(0) || (file && !file->resize(0))) {
-        writeFailure = current->device->errorString();
-        return false;
-    }
-    return true;
+    return current->device->seek(0) && (!file || file->resize(0));
 }
 
 CurlTransport::CurlTransport(QObject *parent)

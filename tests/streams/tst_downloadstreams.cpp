@@ -133,7 +133,7 @@ private:
     TransportLibrary transportLibrary;
     QTemporaryDir root;
     TestCertificates certificates;
-    std::unique_ptr<LoopbackServer> http, https, ftp, proxy, faults;
+    std::unique_ptr<LoopbackServer> http, https, ftp, ftpWithoutRest, proxy, faults;
     const QByteArray big = patternBytes(32 * 1024 * 1024, 3);
 };
 
@@ -148,9 +148,10 @@ void tst_DownloadStreams::initTestCase()
     http = LoopbackServer::nginx(root.path());
     https = LoopbackServer::nginx(root.path(), &certificates);
     ftp = LoopbackServer::ftp(root.path(), "orlivo", "s3cret:/@");
+    ftpWithoutRest = LoopbackServer::ftp(root.path(), {}, {}, false);
     proxy = LoopbackServer::proxy();
     faults = LoopbackServer::faultHttp(root.path());
-    QVERIFY(http && https && ftp && proxy && faults);
+    QVERIFY(http && https && ftp && ftpWithoutRest && proxy && faults);
     // These lead to a closed port, and the exception list would bypass the proxy asked for.
     for (const char *name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
         qputenv(name, "http://127.0.0.1:" + QByteArray::number(closedPort()));
@@ -175,8 +176,8 @@ void tst_DownloadStreams::hashingFileAfterSeek()
 
 void tst_DownloadStreams::fetchesFiles_data()
 {
-    // "http", "https", "ftp", "closed" (http to a port nobody listens on), "untrusted" (https
-    // without the test CA)
+    // "http", "https", "ftp", "old ftp" (refusing REST), "closed" (http to a port nobody listens
+    // on), "untrusted" (https without the test CA)
     QTest::addColumn<QString>("mirror");
     QTest::addColumn<bool>("viaProxy");
     QTest::addColumn<QString>("userInfo");
@@ -186,7 +187,7 @@ void tst_DownloadStreams::fetchesFiles_data()
     QTest::newRow("https with a user, through proxy") << "https" << true << "reader:secret" << 5;
     QTest::newRow("ftp with a user, many small files")
             << "ftp" << false << "orlivo:s3cret%3A%2F%40" << 60;
-    QTest::newRow("ftp anonymous, through proxy") << "ftp" << true << QString() << 5;
+    QTest::newRow("ftp anonymous, through proxy, no REST") << "old ftp" << true << QString() << 5;
     QTest::newRow("closed port, log-in step dropped") << "closed" << false << "reader:secret" << -1;
     QTest::newRow("certificate of an unknown CA") << "untrusted" << false << QString() << -1;
     QTest::newRow("ftp log-in refused") << "ftp" << false << "orlivo:wrong" << -1;
@@ -201,9 +202,15 @@ void tst_DownloadStreams::fetchesFiles()
     QFETCH(bool, viaProxy);
     QFETCH(QString, userInfo);
     QFETCH(int, count);
-    const QString scheme = mirror == "closed" ? "http" : mirror == "untrusted" ? "https" : mirror;
+    const QString scheme = mirror == "closed"    ? "http"
+                           : mirror == "untrusted" ? "https"
+                           : mirror == "old ftp"   ? "ftp"
+                                                   : mirror;
     const bool isFtp = scheme == "ftp";
-    LoopbackServer &server = isFtp ? *ftp : scheme == "http" ? *http : *https;
+    LoopbackServer &server = mirror == "old ftp" ? *ftpWithoutRest
+                             : isFtp             ? *ftp
+                             : scheme == "http"  ? *http
+                                                 : *https;
     const qsizetype logStart = server.logLines().size();
     const qsizetype proxyLog = proxiedRequests(*proxy);
 
@@ -282,7 +289,7 @@ void tst_DownloadStreams::fetchesFiles()
     QVERIFY(!QFile::exists(dest.filePath("nothere.bin")));
 
     // Nothing more from a transfer cancelled mid-file, no signal while the stream connects
-    // again, and only the rest of the file is asked for.
+    // again, and only the rest of the file travels, unless the server cannot resume.
     events.clear();
     events.onSignal = [&](const QString &line) {
         if (line == "progress" && events.lastDone > 0
@@ -300,9 +307,10 @@ void tst_DownloadStreams::fetchesFiles()
     const qsizetype requests = server.logLines().size();
     QVERIFY(fetchAndWait(*stream, events, "big.bin", big));
     QCOMPARE(events.lines, QStringList({"state 3", "state 2", "fileFinished"}));
-    const QString rest = isFtp ? QStringLiteral("REST %1").arg(kept)
-                               : QStringLiteral(" GET /pub/big.bin 206 %1").arg(big.size() - kept);
-    QCOMPARE(server.logLines().mid(requests).filter(rest).size(), 1);
+    const qsizetype rest = mirror == "old ftp" ? big.size() : big.size() - kept;
+    const QString delivery = isFtp ? QStringLiteral("big.bin completed=1 bytes=%1").arg(rest)
+                                   : QStringLiteral(" GET /pub/big.bin 206 %1").arg(rest);
+    QCOMPARE(server.logLines().mid(requests).filter(delivery).size(), 1);
 }
 
 void tst_DownloadStreams::httpFileOutcomes_data()
