@@ -717,8 +717,7 @@ int CurlTransport::login(const QString &user, const QString &password)
     return d->enqueue(command);
 }
 
-int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength,
-                       qint64 offset)
+int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength, qint64 offset)
 {
     Q_ASSERT(device);
     Private::Command command;

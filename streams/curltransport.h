@@ -50,8 +50,7 @@ public:
     // expectedLength (of the whole file) not negative, a body that grows beyond it is stopped at
     // once (BodyTooLong), and one that ends short of it while the server announced no length
     // counts as broken off. Progress counts from the start of the file.
-    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1,
-            qint64 offset = 0);
+    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1, qint64 offset = 0);
 
     // Drops the commands that have not started; the running one goes on.
     void clearPendingCommands();

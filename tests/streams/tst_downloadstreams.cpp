@@ -202,7 +202,7 @@ void tst_DownloadStreams::fetchesFiles()
     QFETCH(bool, viaProxy);
     QFETCH(QString, userInfo);
     QFETCH(int, count);
-    const QString scheme = mirror == "closed"    ? "http"
+    const QString scheme = mirror == "closed"      ? "http"
                            : mirror == "untrusted" ? "https"
                            : mirror == "old ftp"   ? "ftp"
                                                    : mirror;
@@ -318,7 +318,7 @@ void tst_DownloadStreams::httpFileOutcomes_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("partial"); // bytes left before: > 0 the file's first, < 0 wrong ones
     QTest::addColumn<QStringList>("behaviours");
-    QTest::addColumn<int>("attempts"); // 0: the file is given up before any request
+    QTest::addColumn<int>("attempts");       // 0: the file is given up before any request
     QTest::addColumn<QStringList>("ranges"); // each request's, "" for none
     QTest::addColumn<QString>("end");
     QTest::addColumn<QString>("errorText"); // %1: the server's port, %2: the destination
@@ -337,12 +337,14 @@ void tst_DownloadStreams::httpFileOutcomes_data()
             << QStringList{"", "bytes=5000-", "bytes=10000-", "bytes=15000-"} << "fileFinished"
             << QString();
     QTest::newRow("endless body") << "d.bin" << 0 << QStringList{"endless"} << 1 << whole
-                                  << "fileError 2" << "ERROR: Wrong length of %2/d.bin (";
+                                  << "fileError 2"
+                                  << "ERROR: Wrong length of %2/d.bin (";
     QTest::newRow("body longer than required")
             << "e.bin" << 0 << QStringList{"long:10"} << 1 << whole << "fileError 2"
             << " while required 20000)";
     QTest::newRow("wrong bytes") << "f.bin" << 0 << QStringList{"corrupt"} << 1 << whole
-                                 << "fileError 1" << "ERROR: Wrong checksum for %2/f.bin";
+                                 << "fileError 1"
+                                 << "ERROR: Wrong checksum for %2/f.bin";
     QTest::newRow("wrong bytes left before: fetched again from the start")
             << "g.bin" << -8000 << QStringList() << 1 << QStringList{"bytes=8000-", ""}
             << "fileFinished" << QString();
@@ -393,7 +395,8 @@ void tst_DownloadStreams::httpFileOutcomes()
     // Each attempt but the first after a wait.
     QStringList events = attempts ? QStringList{"state 3"} : QStringList();
     if (partial < 0)
-        events << "state 3" << "message %2/" + name + " is damaged, downloading it again from the start";
+        events << "state 3"
+               << "message %2/" + name + " is damaged, downloading it again from the start";
     for (int a = 2; a <= attempts; ++a) {
         events << "message Download error. Timeout 2 seconds to repeat."
                << "state 3" << QStringLiteral("message Download attempt %1").arg(a);

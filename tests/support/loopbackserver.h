@@ -32,8 +32,7 @@ public:
     // pyftpdlib serving root read-only to anonymous and, when user is not empty, to that user;
     // without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
-                                               const QString &password = {},
-                                               bool resumes = true);
+                                               const QString &password = {}, bool resumes = true);
     // tinyproxy, an HTTP proxy that also tunnels (CONNECT) to any loopback port.
     static std::unique_ptr<LoopbackServer> proxy();
     // A scriptable HTTP/1.1 server with keep-alive serving root; see setFaults().
