@@ -185,6 +185,11 @@ Möchten Sie die Aktualisierung abbrechen?</translation>
         <source>Download error. Timeout %1 seconds to repeat.</source>
         <translation>Download-Fehler. Neuer Versuch in %1 Sekunden.</translation>
     </message>
+    <message>
+        <location filename="../streams/singlefiledownloadstream.cpp" line="171"/>
+        <source>%1 is damaged, downloading it again from the start</source>
+        <translation>%1 ist beschädigt und wird von Anfang an neu heruntergeladen</translation>
+    </message>
 </context>
 <context>
     <name>UpdateRun</name>

@@ -520,7 +520,11 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
             task.markDownloaded(i);
         } else {
             task.markNoFile(i, false);
-            QFile::remove(getTempFilePath(file));
+            // A file shorter than required is what a broken transfer left: its stream goes on
+            // from its end.
+            const QString temp = getTempFilePath(file);
+            if (QFileInfo(temp).size() >= qint64(file.size))
+                QFile::remove(temp);
             continue;
         }
         done += file.size;

@@ -1,5 +1,6 @@
 #include "streams/curltransport.h"
 
+#include <QFileDevice>
 #include <QIODevice>
 #include <QPointer>
 #include <QSocketNotifier>
@@ -56,6 +57,7 @@ public:
         QIODevice *device = nullptr;
         qint64 expectedLength = -1;
         qint64 maxLength = -1;
+        qint64 offset = 0;
     };
 
     struct SocketWatch
@@ -98,6 +100,8 @@ public:
     void scheduleCurlTimer(long timeoutMs);
     size_t receiveHeader(const char *data, size_t length);
     size_t receiveBody(const char *data, size_t length);
+    bool startBody();
+    bool emptyDevice();
 
     bool isFtp() const { return server.scheme() == QLatin1String("ftp"); }
 
@@ -135,6 +139,10 @@ public:
     long status = 0;
     QByteArray reason;
     bool greeted = false;
+    bool bodyStarted = false;
+    // Where the body's first byte belongs in the file: the offset asked for, or 0 when the
+    // server sends the whole file.
+    qint64 base = 0;
     qint64 written = 0;
     bool tooLong = false;
     QString writeFailure;
@@ -256,6 +264,8 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
     status = 0;
     reason.clear();
     greeted = false;
+    bodyStarted = false;
+    base = 0;
     written = 0;
     tooLong = false;
     writeFailure.clear();
@@ -302,6 +312,14 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     if (current && current->expectedLength > largeReceiveBuffer)
         set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
+    if (!headOnly && current && current->offset > 0) {
+        // HTTP gets a plain range: with RESUME_FROM libcurl fails on a server that sends the
+        // whole file instead, which is as good as a fresh start.
+        if (isFtp())
+            set(CURLOPT_RESUME_FROM_LARGE, curl_off_t(current->offset));
+        else
+            set(CURLOPT_RANGE, QByteArray::number(current->offset).append('-').constData());
+    }
 
     // An empty proxy and an empty exception list keep the environment's proxy settings out.
     set(CURLOPT_PROXY, proxyAddress.constData());
@@ -430,14 +448,19 @@ void CurlTransport::Private::reportProgress()
 {
     if (current->kind != Kind::Get || (!isFtp() && (status < 200 || status >= 300)))
         return;
+    // Until the body shows where it starts, the bytes already there are all there is.
+    if (!bodyStarted && current->offset > 0)
+        return;
     curl_off_t length = -1;
     if (curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length) != CURLE_OK
         || length < 0) {
         length = 0;
     }
-    if (written == reportedDone && length == reportedTotal)
+    if (length > 0 && bodyStarted)
+        length += base;
+    if (base + written == reportedDone && length == reportedTotal)
         return;
-    reportedDone = written;
+    reportedDone = base + written;
     reportedTotal = length;
     emit q->dataTransferProgress(reportedDone, reportedTotal);
 }
@@ -472,7 +495,13 @@ void CurlTransport::Private::endTransfer(CURLcode result)
 
 void CurlTransport::Private::endGet(CURLcode result)
 {
-    if (!writeFailure.isEmpty()) {
+    if (result == CURLE_FTP_COULDNT_USE_REST && current->offset > 0 && emptyDevice()) {
+        // A server that cannot resume still has the whole file to give.
+        current->offset = 0;
+        QUrl url = server;
+        url.setPath(current->path);
+        startTransfer(url, false);
+    } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
         finish(BodyTooLong,
@@ -491,7 +520,7 @@ void CurlTransport::Private::endGet(CURLcode result)
                curlErrorText(result));
     } else if (endedEarly()) {
         finish(TransferFailed, QStringLiteral("Transfer closed with %1 bytes remaining to read")
-                                       .arg(current->expectedLength - written));
+                                       .arg(current->expectedLength - base - written));
     } else {
         finish(NoError);
     }
@@ -501,7 +530,7 @@ void CurlTransport::Private::endGet(CURLcode result)
 bool CurlTransport::Private::endedEarly() const
 {
     curl_off_t announced = -1;
-    return current->expectedLength >= 0 && written < current->expectedLength
+    return current->expectedLength >= 0 && base + written < current->expectedLength
            && curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK
            && announced < 0;
 }
@@ -597,6 +626,8 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
         // An error page never becomes the file; a redirect's body is simply skipped.
         return status >= 400 ? 0 : length;
     }
+    if (!bodyStarted && !startBody())
+        return 0;
     const qint64 size = qint64(length);
     // A file system that fills up takes part of a block first; only the next write tells why.
     for (qint64 done = 0; done < size;) {
@@ -608,11 +639,31 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
         done += n;
     }
     written += size;
-    if (current->maxLength >= 0 && written > current->maxLength) {
+    if (current->maxLength >= 0 && base + written > current->maxLength) {
         tooLong = true;
         return 0;
     }
     return length;
+}
+
+// An FTP server that takes the REST sends the rest; an HTTP server says so with 206.
+bool CurlTransport::Private::startBody()
+{
+    bodyStarted = true;
+    if (current->offset <= 0 || isFtp() || status == 206) {
+        base = current->offset;
+        return true;
+    }
+    if (emptyDevice())
+        return true;
+    writeFailure = current->device->errorString();
+    return false;
+}
+
+bool CurlTransport::Private::emptyDevice()
+{
+    auto *file = qobject_cast<QFileDevice *>(current->device);
+    return current->device->seek(0) && (!file || file->resize(0));
 }
 
 CurlTransport::CurlTransport(QObject *parent)
@@ -673,7 +724,7 @@ int CurlTransport::login(const QString &user, const QString &password)
 }
 
 int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength,
-                       qint64 maxLength)
+                       qint64 offset, qint64 maxLength)
 {
     Q_ASSERT(device);
     Private::Command command;
@@ -682,6 +733,7 @@ int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLe
     command.device = device;
     command.expectedLength = expectedLength;
     command.maxLength = expectedLength >= 0 ? expectedLength : maxLength;
+    command.offset = offset;
     return d->enqueue(command);
 }
 

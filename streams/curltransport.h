@@ -44,11 +44,14 @@ public:
     int connectToHost(const QUrl &server);
     // For FTP the log-in itself (empty user: anonymous); for HTTP the credentials of later gets.
     int login(const QString &user, const QString &password);
-    // Writes the body of path on the server into device. With expectedLength not negative, a
-    // body that grows beyond it is stopped at once (BodyTooLong), and one that ends short of it
-    // while the server announced no length counts as broken off. Without an expected length,
-    // maxLength (when not negative) still stops a body that grows beyond it.
-    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1,
+    // Writes the body of path on the server into device. With offset above 0 only the bytes from
+    // there on are asked for (HTTP range, FTP REST) and appended where device stands; a server
+    // that sends the whole file instead has device emptied and written from the start. With
+    // expectedLength (of the whole file) not negative, a body that grows beyond it is stopped at
+    // once (BodyTooLong), and one that ends short of it while the server announced no length
+    // counts as broken off. Without an expected length, maxLength (when not negative) still stops
+    // a body that grows beyond it. Progress counts from the start of the file.
+    int get(const QString &path, QIODevice *device, qint64 expectedLength = -1, qint64 offset = 0,
             qint64 maxLength = -1);
 
     // Drops the commands that have not started; the running one goes on.

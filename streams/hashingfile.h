@@ -17,12 +17,16 @@ public:
     // order, from the start; otherwise empty, and only reading the file tells.
     QString writtenMD5() const;
     QString writtenSHA256() const;
+    // Opens the file to write on after the bytes it holds, which count as written through this
+    // object; false when it cannot be opened or read.
+    bool openToContinue();
 
 protected:
     qint64 writeData(const char *data, qint64 length) override;
 
 private:
     bool wholeFileHashed() const;
+    void addToHash(const char *data, qint64 length);
 
     FileDigests digests;
     qint64 hashed = 0;

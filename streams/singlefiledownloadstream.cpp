@@ -6,6 +6,7 @@
 #include "update/checksums.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QPointer>
 
 namespace {
@@ -28,7 +29,7 @@ SingleFileDownloadStream::SingleFileDownloadStream(const QString &destDir)
     connect(&finishTimer, &QTimer::timeout, this, &SingleFileDownloadStream::emitFileFinished);
 }
 
-// A file that was not finished must not look like a finished one later.
+// What arrived of a file stays for the next run to continue.
 SingleFileDownloadStream::~SingleFileDownloadStream()
 {
     discardFile();
@@ -109,13 +110,18 @@ void SingleFileDownloadStream::onRepeatDownloadAttempt()
     // A cancel, or a new connection, may have come between the failure and this moment.
     if (!repeatPending || state != DownloadStream_Downloading)
         return;
+    repeatPending = false;
+    requestAgain(tr("Download attempt %1").arg(attempt));
+}
+
+void SingleFileDownloadStream::requestAgain(const QString &reason)
+{
     checkGetFilePrerequisitions();
     const QString request = prepareFile(remotePath, md5, size, false);
-    repeatPending = false;
     if (request.isEmpty() || !enterState(DownloadStream_Downloading))
         return;
     const QPointer<SingleFileDownloadStream> alive(this);
-    emit message(tr("Download attempt %1").arg(attempt));
+    emit message(reason);
     if (alive && state == DownloadStream_Downloading && file)
         fileRequestId = createFileRequest(request, file.get());
 }
@@ -162,13 +168,9 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
     }
     if (!md5.isEmpty()) {
         if (length != size) {
-            QFile::remove(localPath);
-            if (enterState(DownloadStream_Connected)) {
-                emit fileError(
-                        DownloadStream_LengthError,
-                        QStringLiteral("ERROR: Wrong length of %1 (%2 while required %3)")
-                                .arg(localPath, QString::number(length), QString::number(size)));
-            }
+            rejectFile(DownloadStream_LengthError,
+                       QStringLiteral("ERROR: Wrong length of %1 (%2 while required %3)")
+                               .arg(localPath, QString::number(length), QString::number(size)));
             return false;
         }
         // A file that cannot be read back keeps empty digests, which match nothing.
@@ -177,11 +179,8 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
         const bool sha256Differs =
                 !sha256.isEmpty() && writtenSha256.compare(sha256, Qt::CaseInsensitive) != 0;
         if (written.compare(md5, Qt::CaseInsensitive) != 0 || sha256Differs) {
-            QFile::remove(localPath);
-            if (enterState(DownloadStream_Connected)) {
-                emit fileError(DownloadStream_ChecksumError,
-                               QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
-            }
+            rejectFile(DownloadStream_ChecksumError,
+                       QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
             return false;
         }
     }
@@ -189,6 +188,20 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
     finishTimer.start();
     setState(DownloadStream_Connected);
     return true;
+}
+
+void SingleFileDownloadStream::rejectFile(DownloadStream_Error error, const QString &text)
+{
+    QFile::remove(localPath);
+    // Bytes left by an earlier transfer, perhaps from another mirror or a damaged disk, are to
+    // blame before this mirror is.
+    if (continued) {
+        continued = false;
+        requestAgain(tr("%1 is damaged, downloading it again from the start").arg(localPath));
+        return;
+    }
+    if (enterState(DownloadStream_Connected))
+        emit fileError(error, text);
 }
 
 void SingleFileDownloadStream::handleConnectError(const QString &text)
@@ -249,8 +262,8 @@ void SingleFileDownloadStream::releaseTransport()
 
 int SingleFileDownloadStream::requestFile(const QString &path, QFile *file)
 {
-    return md5.isEmpty() ? transport->get(path, file, -1, maxUncheckedLength)
-                         : transport->get(path, file, size);
+    return md5.isEmpty() ? transport->get(path, file, -1, 0, maxUncheckedLength)
+                         : transport->get(path, file, size, file->pos());
 }
 
 void SingleFileDownloadStream::handleFileRequestFinished(bool error)
@@ -288,6 +301,7 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
         attempt = 1;
         if (state != DownloadStream_Connected)
             return {};
+        continued = false;
     }
     // A path that could lead out of the destination has no local path.
     const QString path =
@@ -312,26 +326,41 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
             return {};
         }
     }
-    file = std::make_unique<HashingFile>(localPath, !sha256.isEmpty());
-    // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
-    if (!file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
-        const QString reason = file->errorString();
-        file.reset();
-        emit fileError(DownloadStream_LocalFileError,
-                       QStringLiteral("ERROR: failed creating %1: %2").arg(localPath, reason));
+    if (!openFile())
         return {};
-    }
     QString request = url.path();
     if (!request.endsWith(QLatin1Char('/')))
         request += QLatin1Char('/');
     return request + this->remotePath;
 }
 
+bool SingleFileDownloadStream::openFile()
+{
+    file = std::make_unique<HashingFile>(localPath, !sha256.isEmpty());
+    // The list has no checksum that could prove bytes already there, so it always starts anew.
+    const qint64 existing = md5.isEmpty() ? 0 : QFileInfo(localPath).size();
+    if (existing > 0 && existing < size && file->openToContinue()) {
+        continued = true;
+        done = existing;
+        return true;
+    }
+    // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
+    if (file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
+        return true;
+    const QString reason = file->errorString();
+    file.reset();
+    emit fileError(DownloadStream_LocalFileError,
+                   QStringLiteral("ERROR: failed creating %1: %2").arg(localPath, reason));
+    return false;
+}
+
 void SingleFileDownloadStream::discardFile()
 {
     if (!file)
         return;
+    const bool keep = !md5.isEmpty() && file->size() > 0;
     file->close();
     file.reset();
-    QFile::remove(localPath);
+    if (!keep)
+        QFile::remove(localPath);
 }

@@ -15,10 +15,11 @@ class HashingFile;
 class QFile;
 
 // One connection to one mirror over which files are fetched one at a time into destDir, with
-// repeated attempts after a wait and a final length and checksum check. Owns the open local file
-// and the transport, which the variants drive. fileFinished() is posted to the event loop, never
-// emitted from inside the transport; after cancel() no further signal but stateChanged(Idle)
-// comes.
+// repeated attempts after a wait and a final length and checksum check. A file with a checksum
+// that lies there shorter than required is continued from its end; what a broken or cancelled
+// transfer of one leaves stays for that. Owns the open local file and the transport, which the
+// variants drive. fileFinished() is posted to the event loop, never emitted from inside the
+// transport; after cancel() no further signal but stateChanged(Idle) comes.
 class SingleFileDownloadStream : public QObject
 {
     Q_OBJECT
@@ -109,10 +110,17 @@ private:
     void releaseTransport();
     QString prepareFile(const QString &remotePath, const QString &md5, qint64 size,
                         bool firstAttempt);
+    bool openFile();
+    // Asks for the current file once more, telling why first.
+    void requestAgain(const QString &reason);
+    void rejectFile(DownloadStream_Error error, const QString &text);
+    // Closes the file, and deletes it unless it holds bytes a later attempt can continue.
     void discardFile();
 
     QTimer repeatTimer;
     QTimer finishTimer;
+    // The current file was continued from bytes an earlier transfer left, which may be wrong.
+    bool continued = false;
     int repeatTimeUnit = 1000;
     int stallTimeout = 0;
     QString trustedCaFile;

@@ -46,7 +46,8 @@ QStringList sorted(QStringList list)
     return list;
 }
 
-// Paths the server delivered in full, one per delivery, from its request log.
+// Paths the server delivered in full, one per delivery, from its request log; those of which
+// only the rest was asked for end with "+".
 QStringList deliveredPaths(const LoopbackServer &server, const QString &ftpRoot)
 {
     QStringList paths;
@@ -57,6 +58,8 @@ QStringList deliveredPaths(const LoopbackServer &server, const QString &ftpRoot)
             paths << fields.value(retr + 1).mid(ftpRoot.size());
         else if (fields.value(1) == "GET" && (fields.value(3) == "200" || fields.value(3) == "ok"))
             paths << fields.value(2);
+        else if (fields.value(1) == "GET" && fields.value(3) == "206")
+            paths << fields.value(2) + "+";
     }
     return paths;
 }
@@ -211,7 +214,7 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::addColumn<QString>("mirrors"); // kinds of startMirror(), joined by ' '
     QTest::addColumn<int>("streams");
     // Install path = "installed" (right bytes in the installation), "stale" (wrong bytes
-    // there), "complete", "truncated" or "corrupt" (in the working directory).
+    // there), "complete", "truncated" (continued) or "corrupt" (in the working directory).
     QTest::addColumn<QString>("before"); // joined by ' '
 
     QTest::addColumn<bool>("finishes"); // with downloadFinished(), else processCancelled()
@@ -282,6 +285,7 @@ void tst_FTPProductDownloadSession::download()
     const QDir installation(getAppRootPath());
     QStringList upToDate;
     QStringList kept;
+    QStringList truncated;
     for (const QString &item : before.split(' ', Qt::SkipEmptyParts)) {
         const QString path = item.section('=', 0, 0);
         const QString state = item.section('=', 1);
@@ -290,8 +294,10 @@ void tst_FTPProductDownloadSession::download()
         QByteArray bytes = state == "installed" ? releaseFiles()[path]
                            : state == "stale"   ? QByteArray("old version")
                                                 : readTestFile(root + mirrorPath(path));
-        if (state == "truncated")
+        if (state == "truncated") {
             bytes.chop(bytes.size() / 2 + 1);
+            truncated << path;
+        }
         if (state == "corrupt")
             bytes[bytes.size() / 2] = char(~bytes.at(bytes.size() / 2));
         if (state == "installed")
@@ -370,7 +376,7 @@ void tst_FTPProductDownloadSession::download()
     QStringList expected{listPath};
     QStringList delivered;
     for (const QString &path : fetched)
-        expected << mirrorPath(path);
+        expected << mirrorPath(path) + (truncated.contains(path) ? "+" : "");
     for (int i = 0; i < int(servers.size()); ++i) {
         if (servers.at(i))
             delivered << deliveredPaths(*servers.at(i), kinds.at(i) == "ftp" ? root : "");

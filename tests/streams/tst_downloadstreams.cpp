@@ -134,7 +134,7 @@ private:
     TransportLibrary transportLibrary;
     QTemporaryDir root;
     TestCertificates certificates;
-    std::unique_ptr<LoopbackServer> http, https, ftp, proxy, faults;
+    std::unique_ptr<LoopbackServer> http, https, ftp, ftpWithoutRest, proxy, faults;
     const QByteArray big = patternBytes(32 * 1024 * 1024, 3);
 };
 
@@ -149,9 +149,10 @@ void tst_DownloadStreams::initTestCase()
     http = LoopbackServer::nginx(root.path());
     https = LoopbackServer::nginx(root.path(), &certificates);
     ftp = LoopbackServer::ftp(root.path(), "orlivo", "s3cret:/@");
+    ftpWithoutRest = LoopbackServer::ftp(root.path(), {}, {}, false);
     proxy = LoopbackServer::proxy();
     faults = LoopbackServer::faultHttp(root.path());
-    QVERIFY(http && https && ftp && proxy && faults);
+    QVERIFY(http && https && ftp && ftpWithoutRest && proxy && faults);
     // These lead to a closed port, and the exception list would bypass the proxy asked for.
     for (const char *name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
         qputenv(name, "http://127.0.0.1:" + QByteArray::number(closedPort()));
@@ -179,8 +180,8 @@ void tst_DownloadStreams::hashingFileAfterSeek()
 
 void tst_DownloadStreams::fetchesFiles_data()
 {
-    // "http", "https", "ftp", "closed" (http to a port nobody listens on), "untrusted" (https
-    // without the test CA)
+    // "http", "https", "ftp", "old ftp" (refusing REST), "closed" (http to a port nobody listens
+    // on), "untrusted" (https without the test CA)
     QTest::addColumn<QString>("mirror");
     QTest::addColumn<bool>("viaProxy");
     QTest::addColumn<QString>("userInfo");
@@ -190,7 +191,7 @@ void tst_DownloadStreams::fetchesFiles_data()
     QTest::newRow("https with a user, through proxy") << "https" << true << "reader:secret" << 5;
     QTest::newRow("ftp with a user, many small files")
             << "ftp" << false << "orlivo:s3cret%3A%2F%40" << 60;
-    QTest::newRow("ftp anonymous, through proxy") << "ftp" << true << QString() << 5;
+    QTest::newRow("ftp anonymous, through proxy, no REST") << "old ftp" << true << QString() << 5;
     QTest::newRow("closed port, log-in step dropped") << "closed" << false << "reader:secret" << -1;
     QTest::newRow("certificate of an unknown CA") << "untrusted" << false << QString() << -1;
     QTest::newRow("ftp log-in refused") << "ftp" << false << "orlivo:wrong" << -1;
@@ -205,9 +206,15 @@ void tst_DownloadStreams::fetchesFiles()
     QFETCH(bool, viaProxy);
     QFETCH(QString, userInfo);
     QFETCH(int, count);
-    const QString scheme = mirror == "closed" ? "http" : mirror == "untrusted" ? "https" : mirror;
+    const QString scheme = mirror == "closed"      ? "http"
+                           : mirror == "untrusted" ? "https"
+                           : mirror == "old ftp"   ? "ftp"
+                                                   : mirror;
     const bool isFtp = scheme == "ftp";
-    LoopbackServer &server = isFtp ? *ftp : scheme == "http" ? *http : *https;
+    LoopbackServer &server = mirror == "old ftp" ? *ftpWithoutRest
+                             : isFtp             ? *ftp
+                             : scheme == "http"  ? *http
+                                                 : *https;
     const qsizetype logStart = server.logLines().size();
     const qsizetype proxyLog = proxiedRequests(*proxy);
 
@@ -285,74 +292,103 @@ void tst_DownloadStreams::fetchesFiles()
     QVERIFY(events.lastText.startsWith("ERROR: "));
     QVERIFY(!QFile::exists(dest.filePath("nothere.bin")));
 
-    // Nothing more from a transfer cancelled mid-file: no partial file, and no signal while the
-    // stream connects again and fetches the file in full.
+    // Nothing more from a transfer cancelled mid-file, no signal while the stream connects
+    // again, and only the rest of the file travels, unless the server cannot resume.
     events.clear();
     events.onSignal = [&](const QString &line) {
-        if (line == "progress" && stream->getState() == DownloadStream_Downloading)
+        if (line == "progress" && events.lastDone > 0
+            && stream->getState() == DownloadStream_Downloading) {
             stream->cancel();
+        }
     };
     stream->getFile("big.bin", md5Of(big), big.size());
     QTRY_COMPARE_WITH_TIMEOUT(stream->getState(), DownloadStream_Idle, 20000);
-    QVERIFY(!QFile::exists(dest.filePath("big.bin")));
+    const qsizetype kept = readTestFile(dest.filePath("big.bin")).size();
+    QVERIFY(kept > 0 && kept < big.size());
     events.onSignal = nullptr;
     QVERIFY(connectAndWait(*stream, events, url.toString(), proxyUrl));
     QCOMPARE(events.lines, QStringList({"state 3", "state 0", "state 1", "state 2", "connected"}));
+    const qsizetype requests = server.logLines().size();
     QVERIFY(fetchAndWait(*stream, events, "big.bin", big));
     QCOMPARE(events.lines, QStringList({"state 3", "state 2", "fileFinished"}));
+    const qsizetype rest = mirror == "old ftp" ? big.size() : big.size() - kept;
+    const QString delivery = isFtp ? QStringLiteral("big.bin completed=1 bytes=%1").arg(rest)
+                                   : QStringLiteral(" GET /pub/big.bin 206 %1").arg(rest);
+    QCOMPARE(server.logLines().mid(requests).filter(delivery).size(), 1);
 }
 
 void tst_DownloadStreams::httpFileOutcomes_data()
 {
     QTest::addColumn<QString>("name");
+    QTest::addColumn<int>("partial"); // bytes left before: > 0 the file's first, < 0 wrong ones
     QTest::addColumn<QStringList>("behaviours");
-    QTest::addColumn<int>("attempts"); // 0: the file is given up before any request
+    QTest::addColumn<int>("attempts");       // 0: the file is given up before any request
+    QTest::addColumn<QStringList>("ranges"); // each request's, "" for none
     QTest::addColumn<QString>("end");
     QTest::addColumn<QString>("errorText"); // %1: the server's port, %2: the destination
 
     const QString refused = "ERROR: Error transferring http://127.0.0.1:%1/pub/";
+    const QStringList whole{""};
     QTest::newRow("404 is final at once")
-            << "a.bin" << QStringList{"status:404"} << 1 << "fileError 4"
+            << "a.bin" << 0 << QStringList{"status:404"} << 1 << whole << "fileError 4"
             << refused + "a.bin - server replied: 404 Not Found";
     QTest::newRow("408, 429 and 5xx are repeated until attempts run out")
-            << "b.bin" << QStringList{"status:408", "status:429", "status:500", "status:503"} << 4
-            << "fileError 4" << refused + "b.bin - server replied: 503 Service Unavailable";
-    QTest::newRow("bodies cut, short of their length or stalled are repeated")
-            << "c.bin" << QStringList{"cut:5000", "short:5000", "stall:5000"} << 4 << "fileFinished"
+            << "b.bin" << 0 << QStringList{"status:408", "status:429", "status:500", "status:503"}
+            << 4 << QStringList(4, "") << "fileError 4"
+            << refused + "b.bin - server replied: 503 Service Unavailable";
+    QTest::newRow("bodies cut, short of their length or stalled are continued")
+            << "c.bin" << 0 << QStringList{"cut:5000", "short:5000", "stall:5000"} << 4
+            << QStringList{"", "bytes=5000-", "bytes=10000-", "bytes=15000-"} << "fileFinished"
             << QString();
-    QTest::newRow("endless body") << "d.bin" << QStringList{"endless"} << 1 << "fileError 2"
+    QTest::newRow("endless body") << "d.bin" << 0 << QStringList{"endless"} << 1 << whole
+                                  << "fileError 2"
                                   << "ERROR: Wrong length of %2/d.bin (";
     QTest::newRow("endless list, which has no checksum")
-            << "d.ini" << QStringList{"endless"} << 1 << "fileError 2"
+            << "d.ini" << 0 << QStringList{"endless"} << 1 << whole << "fileError 2"
             << "ERROR: %2/d.ini is longer than 67108864 bytes";
     QTest::newRow("body longer than required")
-            << "e.bin" << QStringList{"long:10"} << 1 << "fileError 2"
+            << "e.bin" << 0 << QStringList{"long:10"} << 1 << whole << "fileError 2"
             << " while required 20000)";
-    QTest::newRow("wrong bytes") << "f.bin" << QStringList{"corrupt"} << 1 << "fileError 1"
+    QTest::newRow("wrong bytes") << "f.bin" << 0 << QStringList{"corrupt"} << 1 << whole
+                                 << "fileError 1"
                                  << "ERROR: Wrong checksum for %2/f.bin";
-    QTest::newRow("path leading out") << "../outside.bin" << QStringList() << 0 << "fileError 3"
-                                      << "ERROR: failed to detect local path for ../outside.bin";
+    QTest::newRow("wrong bytes left before: fetched again from the start")
+            << "g.bin" << -8000 << QStringList() << 1 << QStringList{"bytes=8000-", ""}
+            << "fileFinished" << QString();
+    QTest::newRow("server ignoring the range")
+            << "h.bin" << 8000 << QStringList{"full"} << 1 << QStringList{"bytes=8000-"}
+            << "fileFinished" << QString();
+    QTest::newRow("path leading out")
+            << "../outside.bin" << 0 << QStringList() << 0 << QStringList() << "fileError 3"
+            << "ERROR: failed to detect local path for ../outside.bin";
     QTest::newRow("subdirectory blocked by a file")
-            << "plain/inner.bin" << QStringList() << 0 << "fileError 3"
+            << "plain/inner.bin" << 0 << QStringList() << 0 << QStringList() << "fileError 3"
             << "ERROR: failed creating subdirectory: %2/plain";
     QTest::newRow("directory in the file's place")
-            << "folder" << QStringList() << 0 << "fileError 3"
+            << "folder" << 0 << QStringList() << 0 << QStringList() << "fileError 3"
             << "ERROR: failed creating %2/folder";
 }
 
 void tst_DownloadStreams::httpFileOutcomes()
 {
     QFETCH(QString, name);
+    QFETCH(int, partial);
     QFETCH(QStringList, behaviours);
     QFETCH(int, attempts);
+    QFETCH(QStringList, ranges);
     QFETCH(QString, end);
     QFETCH(QString, errorText);
 
     const QByteArray content = patternBytes(20000, name.at(0).unicode());
     QVERIFY(writeTestFile(root.filePath("pub/" + name), content));
     faults->setFaults("/pub/" + name, behaviours);
+    const qsizetype requests = faults->logLines().size();
     QTemporaryDir dest;
     QVERIFY(writeTestFile(dest.filePath("plain"), "x") && QDir(dest.path()).mkdir("folder"));
+    QByteArray left = content.left(qAbs(partial));
+    for (char &byte : left)
+        byte = partial < 0 ? char(~byte) : byte;
+    QVERIFY(partial == 0 || writeTestFile(dest.filePath(name), left));
 
     HTTPDownloadStream stream(dest.path());
     stream.setRepeatTimeUnit(10);
@@ -366,13 +402,21 @@ void tst_DownloadStreams::httpFileOutcomes()
 
     // Each attempt but the first after a wait.
     QStringList events = attempts ? QStringList{"state 3"} : QStringList();
+    if (partial < 0)
+        events << "state 3"
+               << "message %2/" + name + " is damaged, downloading it again from the start";
     for (int a = 2; a <= attempts; ++a) {
         events << "message Download error. Timeout 2 seconds to repeat."
                << "state 3" << QStringLiteral("message Download attempt %1").arg(a);
     }
     if (attempts)
         events << "state 2";
+    events.replaceInStrings("%2", dest.path());
     QCOMPARE(recorded.lines, events << end);
+    QStringList asked;
+    for (const QString &line : faults->logLines().mid(requests).filter(" GET /pub/" + name + " "))
+        asked << line.section(' ', 4);
+    QCOMPARE(asked, ranges);
     errorText.replace("%1", QString::number(faults->port())).replace("%2", dest.path());
     QVERIFY2(recorded.lastText.contains(errorText), qPrintable(recorded.lastText));
     const bool finished = end == "fileFinished";
@@ -448,8 +492,10 @@ void tst_DownloadStreams::endingFromOwnSignal()
 
     const QStringList after = events.lines.mid(events.lines.indexOf("ended") + 1);
     QCOMPARE(after, deleteIt ? QStringList() : QStringList({"state 0"}));
+    // What is left is never a complete-looking file but the file's first bytes, to continue.
     const bool complete = endAt == "state 2" || endAt == "fileFinished";
-    QCOMPARE(QFile::exists(dest.filePath(name)), complete);
+    const QByteArray left = readTestFile(dest.filePath(name));
+    QVERIFY(complete ? left == content : left.size() < content.size() && content.startsWith(left));
     delete stream;
 }
 

@@ -3,9 +3,11 @@
 usage: fault_http_server.py LOG ROOT SCRIPT
 Serves files below ROOT. SCRIPT is a JSON file {path: [behaviour, ...]} read on every request;
 each request of a scripted path takes the next behaviour not yet used, then the path is served
-normally. Behaviours: ok, status:N, cut:N, short:N, stall:N, endless, corrupt, long:N.
+normally. Behaviours: ok, status:N, cut:N, short:N, stall:N, endless, corrupt, long:N, full.
+A range "bytes=N-" is answered with 206 and the bytes from N on, which the behaviour then
+applies to; "full" ignores it and sends the whole file with 200.
 Paths are matched and served percent-decoded.
-Logs "<client port> <method> <path> <behaviour>" per request.
+Logs "<client port> <method> <path> <behaviour>[ <range asked for>]" per request.
 Prints "ready <port>" once listening on an ephemeral port of 127.0.0.1.
 """
 import json
@@ -43,8 +45,16 @@ class Handler(BaseHTTPRequestHandler):
         pass
 
     def log(self, behaviour):
+        asked = self.headers.get("Range")
+        line = f"{self.client_address[1]} {self.command} {self.path} {behaviour}"
         with lock, open(LOG, "a") as f:
-            f.write(f"{self.client_address[1]} {self.command} {self.path} {behaviour}\n")
+            f.write(line + (f" {asked}\n" if asked else "\n"))
+
+    def range_start(self):
+        asked = self.headers.get("Range", "")
+        if not asked.startswith("bytes=") or not asked.endswith("-"):
+            return 0
+        return int(asked[len("bytes="):-1])
 
     def body_of(self):
         local = os.path.normpath(os.path.join(ROOT, unquote(self.path).lstrip("/")))
@@ -55,6 +65,8 @@ class Handler(BaseHTTPRequestHandler):
 
     def send_head(self, status, length):
         self.send_response(status)
+        if status == 206:
+            self.send_header("Content-Range", self.content_range)
         self.send_header("Content-Type", "application/octet-stream")
         if length is not None:
             self.send_header("Content-Length", str(length))
@@ -86,31 +98,41 @@ class Handler(BaseHTTPRequestHandler):
         if head:
             self.send_head(200, len(body))
             return
-        if kind == "ok":
-            self.send_head(200, len(body))
+        status, start = 200, (0 if kind == "full" else self.range_start())
+        if start:
+            if start >= len(body):
+                self.send_head(416, 0)
+                return
+            status = 206
+            self.content_range = f"bytes {start}-{len(body) - 1}/{len(body)}"
+            body = body[start:]
+        if kind in ("ok", "full"):
+            self.send_head(status, len(body))
             self.wfile.write(body)
         elif kind == "corrupt":
-            self.send_head(200, len(body))
+            self.send_head(status, len(body))
             self.wfile.write(bytes(b ^ 0xFF for b in body))
         elif kind == "long":
             extra = b"x" * int(arg)
-            self.send_head(200, len(body) + len(extra))
+            self.send_head(status, len(body) + len(extra))
             self.wfile.write(body + extra)
         elif kind == "cut":
-            self.send_head(200, len(body))
+            self.send_head(status, len(body))
             self.wfile.write(body[: int(arg)])
             self.wfile.flush()
             self.close_connection = True
         elif kind == "short":
             # No length announced: only the closing connection ends the body.
-            self.send_response(200)
+            self.send_response(status)
+            if status == 206:
+                self.send_header("Content-Range", self.content_range)
             self.send_header("Content-Type", "application/octet-stream")
             self.send_header("Connection", "close")
             self.end_headers()
             self.wfile.write(body[: int(arg)])
             self.close_connection = True
         elif kind == "stall":
-            self.send_head(200, len(body))
+            self.send_head(status, len(body))
             self.wfile.write(body[: int(arg)])
             self.wfile.flush()
             self.stall()

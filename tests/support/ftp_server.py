@@ -1,6 +1,7 @@
 """FTP server for tests: serves ROOT read-only to anonymous and optionally to one user.
 
-usage: ftp_server.py LOG ROOT [USER PASSWORD]
+usage: ftp_server.py [--no-rest] LOG ROOT [USER PASSWORD]
+With --no-rest it refuses REST, as servers that cannot resume a transfer do.
 Prints "ready <port>" once listening on an ephemeral port of 127.0.0.1.
 """
 import logging
@@ -11,15 +12,24 @@ from pyftpdlib.handlers import FTPHandler
 from pyftpdlib.servers import FTPServer
 
 
+class NoRestHandler(FTPHandler):
+    def ftp_REST(self, line):
+        self.respond("502 Command not implemented.")
+
+
 def main():
-    log_path, root = sys.argv[1], sys.argv[2]
+    args = sys.argv[1:]
+    resumes = args[0] != "--no-rest"
+    if not resumes:
+        args = args[1:]
+    log_path, root = args[0], args[1]
     logging.basicConfig(filename=log_path, level=logging.DEBUG,
                         format="%(message)s")
     authorizer = DummyAuthorizer()
     authorizer.add_anonymous(root, perm="elr")
-    if len(sys.argv) >= 5:
-        authorizer.add_user(sys.argv[3], sys.argv[4], root, perm="elr")
-    handler = FTPHandler
+    if len(args) >= 4:
+        authorizer.add_user(args[2], args[3], root, perm="elr")
+    handler = FTPHandler if resumes else NoRestHandler
     handler.authorizer = authorizer
     handler.passive_ports = None
     handler.masquerade_address = None

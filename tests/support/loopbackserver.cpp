@@ -166,12 +166,14 @@ std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,
-                                                    const QString &password)
+                                                    const QString &password, bool resumes)
 {
     std::unique_ptr<LoopbackServer> server(new LoopbackServer);
     server->requestLog = server->workDir() + QStringLiteral("/ftp.log");
-    QStringList arguments = {supportDir + QStringLiteral("/ftp_server.py"), server->requestLog,
-                             QDir(root).absolutePath()};
+    QStringList arguments = {supportDir + QStringLiteral("/ftp_server.py")};
+    if (!resumes)
+        arguments << QStringLiteral("--no-rest");
+    arguments << server->requestLog << QDir(root).absolutePath();
     if (!user.isEmpty())
         arguments << user << password;
     return server->launch(python, arguments, true) ? std::move(server) : nullptr;

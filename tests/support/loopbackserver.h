@@ -29,9 +29,10 @@ public:
     // nginx serving root over HTTP, or over HTTPS when certificates are given.
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
                                                  const TestCertificates *tls = nullptr);
-    // pyftpdlib serving root read-only to anonymous and, when user is not empty, to that user.
+    // pyftpdlib serving root read-only to anonymous and, when user is not empty, to that user;
+    // without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
-                                               const QString &password = {});
+                                               const QString &password = {}, bool resumes = true);
     // tinyproxy, an HTTP proxy that also tunnels (CONNECT) to any loopback port.
     static std::unique_ptr<LoopbackServer> proxy();
     // A scriptable HTTP/1.1 server with keep-alive serving root; see setFaults().
@@ -60,12 +61,14 @@ public:
     //   "endless"     send bytes without end (no length announced)
     //   "corrupt"     the file's length with every byte inverted
     //   "long:N"      the file followed by N extra bytes, length announced truthfully
+    //   "full"        the whole file with status 200, whatever range was asked for
+    // A range "bytes=N-" is otherwise answered with 206, the behaviour applying to the rest.
     void setFaults(const QString &path, const QStringList &behaviours);
 
     // Log formats:
     //   nginx:     "<connection serial> <method> <uri> <status> <body bytes>"
     //   ftp:       pyftpdlib's log lines, "<client ip>:<client port>-[<user>] <command> ..."
-    //   fault:     "<client port> <method> <path> <behaviour>"
+    //   fault:     "<client port> <method> <path> <behaviour>", then " bytes=N-" for a range
     //   version:   "<hex of each datagram received>"
     //   proxy:     tinyproxy's own log
 
