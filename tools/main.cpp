@@ -6,6 +6,8 @@
 #include <QHash>
 #include <QTextStream>
 
+#include <optional>
+
 namespace {
 
 void printLines(QTextStream &stream, const QStringList &lines)
@@ -31,8 +33,18 @@ int runCheck(const QStringList &lists)
     return failures == 0 ? 0 : 1;
 }
 
+// The format of packed files, or none when the text names no format.
+std::optional<PackFormat> packFormatNamed(const QString &name)
+{
+    if (name == QLatin1String("gzip"))
+        return PackFormat::Gzip;
+    if (name == QLatin1String("zstd"))
+        return PackFormat::Zstd;
+    return std::nullopt;
+}
+
 int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
-               bool force)
+               bool force, const QString &compression, bool dereference)
 {
     QTextStream err(stderr);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
@@ -44,8 +56,16 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
                    {QStringLiteral("--pack takes all, none or auto, not \"%1\"").arg(packing)});
         return 1;
     }
+    const std::optional<PackFormat> format = packFormatNamed(compression);
+    if (!format) {
+        printLines(err,
+                   {QStringLiteral("--compress takes gzip or zstd, not \"%1\"").arg(compression)});
+        return 1;
+    }
     ReleasePublisher publisher(arguments.at(0), arguments.at(1), arguments.at(2), arguments.at(3));
     publisher.setPacking(packings.value(packing));
+    publisher.setPackFormat(*format);
+    publisher.setDereference(dereference);
     publisher.setPreviousRelease(previous);
     publisher.setReplaceExisting(force);
     if (!publisher.publish()) {
@@ -82,11 +102,21 @@ int main(int argc, char *argv[])
     parser.addVersionOption();
     const QCommandLineOption packOption(
             QStringLiteral("pack"),
-            QStringLiteral("Which files to store gzip-packed: all, none, or auto (those that "
+            QStringLiteral("Which files to store packed: all, none, or auto (those that "
                            "shrink by at least %1% and %2 bytes). Default: auto.")
                     .arg(ReleasePublisher::minimumSavingPercent)
                     .arg(ReleasePublisher::minimumSavingBytes),
             QStringLiteral("mode"), QStringLiteral("auto"));
+    const QCommandLineOption compressOption(
+            QStringLiteral("compress"),
+            QStringLiteral("How to pack files: gzip, which every updater reads, or zstd, which "
+                           "is smaller and unpacks faster but needs an updater that knows it. "
+                           "Default: gzip."),
+            QStringLiteral("format"), QStringLiteral("gzip"));
+    const QCommandLineOption dereferenceOption(
+            QStringLiteral("dereference"),
+            QStringLiteral("Publish what a symbolic link in the release points to, under the "
+                           "link's name, instead of refusing the link."));
     const QCommandLineOption previousOption(
             QStringLiteral("previous"),
             QStringLiteral("The previous release (its directory, or the product list it was "
@@ -99,7 +129,8 @@ int main(int argc, char *argv[])
     const QCommandLineOption checkOption(
             QStringLiteral("check"),
             QStringLiteral("Check mode: verify the mirror tree of each product list given."));
-    parser.addOptions({packOption, previousOption, forceOption, checkOption});
+    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption, forceOption,
+                       checkOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -123,5 +154,6 @@ int main(int argc, char *argv[])
         return 1;
     }
     return runPublish(arguments, parser.value(packOption), parser.value(previousOption),
-                      parser.isSet(forceOption));
+                      parser.isSet(forceOption), parser.value(compressOption),
+                      parser.isSet(dereferenceOption));
 }

@@ -5,7 +5,7 @@
 #include "tools/mirrornames.h"
 #include "tools/releasetree.h"
 #include "update/checksums.h"
-#include "update/gzip.h"
+#include "update/packing.h"
 
 #include <QDir>
 #include <QFile>
@@ -59,13 +59,6 @@ QString resolvedPath(const QString &path)
 {
     const QFileInfo info(path);
     return info.exists() ? info.canonicalFilePath() : QDir::cleanPath(info.absoluteFilePath());
-}
-
-bool startsWithGzipMagic(const QString &path, bool *ok)
-{
-    QFile file(path);
-    *ok = file.open(QIODevice::ReadOnly);
-    return file.read(2) == QByteArray("\x1f\x8b", 2);
 }
 
 QString listValue(const FileSpecification &entry)
@@ -191,7 +184,7 @@ void ReleasePublisher::validateLocations()
 bool ReleasePublisher::collectFiles()
 {
     QStringList paths;
-    bool ok = listReleaseFiles(releaseDirectory, &paths, &problems);
+    bool ok = listReleaseFiles(releaseDirectory, dereference, &paths, &problems);
     for (const QString &path : std::as_const(paths)) {
         const QString reason = inexpressible(path);
         if (!reason.isEmpty()) {
@@ -215,7 +208,7 @@ bool ReleasePublisher::collectDeletedPaths()
     QStringList previous;
     const QFileInfo info(previousRelease);
     if (info.isDir()) {
-        if (!listReleaseFiles(previousRelease, &previous, &problems))
+        if (!listReleaseFiles(previousRelease, dereference, &previous, &problems))
             return false;
     } else if (info.isFile() && info.isReadable()) {
         // A product list published before: its install paths are what the previous release had.
@@ -297,8 +290,9 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
 {
     const QString source = QDir(releaseDirectory).filePath(file.installPath);
     bool readable = true;
-    // zlib would unpack such a file on the way in, so it cannot travel raw in the five-field form.
-    const bool mustPack = !file.ownsPlainName && startsWithGzipMagic(source, &readable);
+    // The updater would unpack such a file on the way in, so it cannot travel raw in the
+    // five-field form.
+    const bool mustPack = !file.ownsPlainName && startsLikePackedData(source, &readable);
     if (!readable)
         return fail(QStringLiteral("cannot read %1").arg(source));
 
@@ -310,8 +304,7 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
 
     const QString name = baseName(file.installPath);
     const bool plain = file.ownsPlainName && !file.packed;
-    file.entry.name =
-            plain ? name : names.take(name, file.packed ? QStringLiteral(".gz") : QString());
+    file.entry.name = plain ? name : names.take(name, file.packed ? packedSuffix() : QString());
     const QString destination = QDir(sectionPath).filePath(file.entry.name);
     QFile::remove(destination);
     if (file.packed) {
@@ -328,6 +321,11 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
     return describe(file, source, destination, plain);
 }
 
+QString ReleasePublisher::packedSuffix() const
+{
+    return packFormat == PackFormat::Zstd ? QStringLiteral(".zst") : QStringLiteral(".gz");
+}
+
 bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw,
                                 bool *packed)
 {
@@ -335,7 +333,7 @@ bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, 
         return fail(QStringLiteral("cannot write %1: %2")
                             .arg(scratch->fileTemplate(), scratch->errorString()));
     scratch->close();
-    if (!zipFile(source, scratch->fileName()))
+    if (!::packFile(source, scratch->fileName(), packFormat))
         return fail(QStringLiteral("cannot pack %1 into %2").arg(source, scratch->fileName()));
     if (!mayKeepRaw) {
         *packed = true;

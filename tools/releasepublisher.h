@@ -1,6 +1,7 @@
 #pragma once
 
 #include "tasks/filespecification.h"
+#include "update/packing.h"
 
 #include <QList>
 #include <QString>
@@ -17,9 +18,9 @@ class QTemporaryFile;
 // TYPE.<subdirectory with '/' as '.'>, so client types share a version directory without
 // clashing. Section and file names on the mirror are made safe and unique by MirrorNames; an
 // entry whose mirror name is not its install path carries the install path as its unpacked
-// name (the five-field form), which the updater unpacks with zlib's transparent reading: raw
-// files pass through unchanged, except those that begin with the gzip magic bytes, which are
-// therefore always packed.
+// name (the five-field form), which the updater unpacks, passing raw files through unchanged,
+// except those that begin with the gzip or zstd magic bytes, which are therefore always packed.
+// Packed files are gzip unless zstd is asked for: updaters before zstd read only gzip.
 class ReleasePublisher
 {
 public:
@@ -33,6 +34,10 @@ public:
                      const QString &version, const QString &outputRoot);
 
     void setPacking(Packing packing) { this->packing = packing; }
+    void setPackFormat(PackFormat format) { packFormat = format; }
+    // Publishes what a symbolic link points to under the link's name; without it a link is an
+    // error, since the list has no form for one.
+    void setDereference(bool dereference) { this->dereference = dereference; }
     // A previous release directory, or the product list it was published with: the install
     // paths it had and this release lacks make up the list's "delete" group.
     void setPreviousRelease(const QString &path) { previousRelease = path; }
@@ -66,6 +71,7 @@ private:
     bool collectDeletedPaths();
     bool writeFiles();
     bool writeFile(ReleaseFile &file, const QString &sectionPath, MirrorNames &names);
+    QString packedSuffix() const;
     bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
     bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
     bool writeList();
@@ -81,7 +87,9 @@ private:
     QString outputRoot;
     QString previousRelease;
     Packing packing = Packing::Auto;
+    PackFormat packFormat = PackFormat::Gzip;
     bool replaceExisting = false;
+    bool dereference = false;
 
     QList<ReleaseFile> files;
     QStringList deleted;

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 Q_DECLARE_METATYPE(ReleasePublisher::Packing)
+Q_DECLARE_METATYPE(PackFormat)
 
 namespace {
 
@@ -47,6 +48,9 @@ const Tree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
                          {"x/y/f", "two"},
                          {"X/y/f", "three"},
                          {"plugins/p.so", "plugin"}};
+// Symbolic links in the new release, published as what they point to.
+const QMap<QString, QString> links = {{"lib/libfoo.so", "libfoo.so.1"}, {"docs", "x"}};
+const Tree linked = {{"lib/libfoo.so", packable}, {"docs/y/f", "two"}};
 
 struct Run
 {
@@ -117,24 +121,30 @@ private slots:
 void tst_UpdatePublish::roundTrip_data()
 {
     QTest::addColumn<ReleasePublisher::Packing>("packing");
+    QTest::addColumn<PackFormat>("format");
     QTest::addColumn<bool>("previousAsList");
     QTest::addColumn<QStringList>("packed");
     QTest::addColumn<QStringList>("twoFields");
 
+    Tree all = newRelease;
+    all.insert(linked);
     QTest::newRow("pack none, previous release directory")
-            << ReleasePublisher::Packing::None << false << QStringList{"lib/sub/magic"}
+            << ReleasePublisher::Packing::None << PackFormat::Gzip << false
+            << QStringList{"lib/sub/magic"}
             << QStringList{"empty", "notes.txt", "notes.txt.gz", "orlivo"};
     QTest::newRow("pack auto, previous product list")
-            << ReleasePublisher::Packing::Auto << true
-            << QStringList{"lib/libfoo.so.1", "lib/sub/magic", "notes.txt"}
+            << ReleasePublisher::Packing::Auto << PackFormat::Gzip << true
+            << QStringList{"lib/libfoo.so", "lib/libfoo.so.1", "lib/sub/magic", "notes.txt"}
             << QStringList{"empty", "notes.txt.gz", "orlivo"};
-    QTest::newRow("pack all, previous product list")
-            << ReleasePublisher::Packing::All << true << newRelease.keys() << QStringList();
+    QTest::newRow("pack all with zstd, previous product list")
+            << ReleasePublisher::Packing::All << PackFormat::Zstd << true << all.keys()
+            << QStringList();
 }
 
 void tst_UpdatePublish::roundTrip()
 {
     QFETCH(ReleasePublisher::Packing, packing);
+    QFETCH(PackFormat, format);
     QFETCH(bool, previousAsList);
     QFETCH(QStringList, packed);
     QFETCH(QStringList, twoFields);
@@ -144,6 +154,8 @@ void tst_UpdatePublish::roundTrip()
         QVERIFY(writeTestFile(dir.filePath("old/" + it.key()), it.value()));
     for (auto it = newRelease.cbegin(); it != newRelease.cend(); ++it)
         QVERIFY(writeTestFile(dir.filePath("new/" + it.key()), it.value()));
+    for (auto it = links.cbegin(); it != links.cend(); ++it)
+        QVERIFY(QFile::link(it.value(), dir.filePath("new/" + it.key())));
     ReleasePublisher old(dir.filePath("old"), clientType, "11", dir.filePath("mirror"));
     old.setPacking(packing);
     QVERIFY2(old.publish(), qPrintable(old.errors().join('\n')));
@@ -153,6 +165,8 @@ void tst_UpdatePublish::roundTrip()
 
     ReleasePublisher publisher(dir.filePath("new"), clientType, "12", dir.filePath("mirror"));
     publisher.setPacking(packing);
+    publisher.setPackFormat(format);
+    publisher.setDereference(true);
     publisher.setPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
     QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
     QCOMPARE(publisher.deletedPaths(),
@@ -176,13 +190,15 @@ void tst_UpdatePublish::roundTrip()
         else if (entry.md5 != entry.unpackedMd5)
             packedFound.append(entry.unpackedName);
     }
-    QCOMPARE(mirrorPaths.size(), newRelease.size());
+    Tree expected = newRelease;
+    expected.insert(linked);
+    QCOMPARE(mirrorPaths.size(), expected.size());
     packedFound.sort();
     twoFieldsFound.sort();
     QCOMPARE(packedFound, packed);
     QCOMPARE(twoFieldsFound, twoFields);
 
-    installAndCompare(publisher.listPath(), dir.filePath("install"), newRelease);
+    installAndCompare(publisher.listPath(), dir.filePath("install"), expected);
 }
 
 void tst_UpdatePublish::publishCheckAndRepair()
@@ -287,12 +303,17 @@ void tst_UpdatePublish::errors_data()
         {"the output %R/release/out/12 and the release directory %R/release overlap"});
     row("files the list cannot carry", publish,
         {"%R/release/bad\uFFFD: name is not valid UTF-8", "%R/release/fifo: is not a regular file",
-         "%R/release/lib/link: is a symbolic link; put the file itself into the release",
+         "%R/release/lib/link: is a symbolic link; put the file itself into the release, or "
+         "publish with --dereference",
          "%R/release/a::b: cannot be published: its name holds \"::\", which separates the "
          "fields of the list",
          "%R/release/lib/a\\b: cannot be published: its name holds a backslash or a control "
          "character"},
         "inexpressible");
+    row("links that lead nowhere or back", QStringList("--dereference") + publish,
+        {"%R/release/lib/gone: is a symbolic link to nothing",
+         "%R/release/lib/up: is a symbolic link into a directory that holds it"},
+        "bad links");
     row("already published", publish,
         {"%R/mirror/12/client.ini exists already; use --force to replace it"}, "published");
     row("unknown packing", QStringList{"--pack", "some"} + publish,
@@ -330,6 +351,9 @@ void tst_UpdatePublish::errors()
         QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
         QCOMPARE(symlink("../orlivo", QFile::encodeName(release + "/lib/link").constData()), 0);
         QCOMPARE(mkfifo(QFile::encodeName(release + "/fifo").constData(), 0600), 0);
+    } else if (setup == "bad links") {
+        QVERIFY(QFile::link("missing", release + "/lib/gone"));
+        QVERIFY(QFile::link("..", release + "/lib/up"));
     }
     const Tree before = treeBelow(base, QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
 
