@@ -43,6 +43,16 @@ std::optional<PackFormat> packFormatNamed(const QString &name)
     return std::nullopt;
 }
 
+QString patchSummary(const QList<PatchRecord> &patches)
+{
+    if (patches.isEmpty())
+        return QString();
+    quint64 bytes = 0;
+    for (const PatchRecord &patch : patches)
+        bytes += patch.size;
+    return QStringLiteral(", %1 patches (%2 bytes)").arg(patches.size()).arg(bytes);
+}
+
 int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
                bool force, const QString &compression, bool dereference)
 {
@@ -76,10 +86,11 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     quint64 mirrorBytes = 0;
     for (const FileSpecification &entry : entries)
         mirrorBytes += entry.size;
-    QTextStream(stdout) << publisher.listPath() << ": " << entries.size() << " files ("
-                        << publisher.packedCount() << " packed, " << mirrorBytes
-                        << " bytes on the mirror), " << publisher.deletedPaths().size()
-                        << " to delete" << Qt::endl;
+    QTextStream out(stdout);
+    out << publisher.listPath() << ": " << entries.size() << " files (" << publisher.packedCount()
+        << " packed, " << mirrorBytes << " bytes on the mirror), "
+        << publisher.deletedPaths().size() << " to delete" << patchSummary(publisher.patches())
+        << Qt::endl;
     return 0;
 }
 
@@ -120,8 +131,11 @@ int main(int argc, char *argv[])
     const QCommandLineOption previousOption(
             QStringLiteral("previous"),
             QStringLiteral("The previous release (its directory, or the product list it was "
-                           "published with): its files that this release lacks are listed for "
-                           "deletion."),
+                           "published with, beside its files): its files that this release "
+                           "lacks are listed for deletion, and those it changes get binary "
+                           "patches under VERSION/patches/TYPE/ where a patch takes at most "
+                           "%1% of the file on the mirror.")
+                    .arg(ReleasePatches::maximumPercent),
             QStringLiteral("path"));
     const QCommandLineOption forceOption(
             QStringLiteral("force"),

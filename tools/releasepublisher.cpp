@@ -112,13 +112,15 @@ bool ReleasePublisher::publish()
     problems.clear();
     files.clear();
     deleted.clear();
+    patchRecords.clear();
+    previousEntries.clear();
     if (!validateArguments())
         return false;
     const bool filesOk = collectFiles();
     if (!collectDeletedPaths() || !filesOk)
         return false;
     assignSections();
-    return writeFiles() && writeList();
+    return writeFiles() && writePatches() && writeList();
 }
 
 bool ReleasePublisher::fail(const QString &problem)
@@ -155,7 +157,8 @@ void ReleasePublisher::validateNames()
         fail(QStringLiteral("client type \"%1\" must consist of letters, digits, '_' and '-'")
                      .arg(clientType));
     else if (clientType.compare(deleteGroup, Qt::CaseInsensitive) == 0
-             || clientType.compare(QLatin1String("general"), Qt::CaseInsensitive) == 0)
+             || clientType.compare(QLatin1String("general"), Qt::CaseInsensitive) == 0
+             || clientType.compare(QLatin1String("patches"), Qt::CaseInsensitive) == 0)
         fail(QStringLiteral("client type \"%1\" is reserved in the product list").arg(clientType));
 
     bool fitsInt = false;
@@ -218,8 +221,10 @@ bool ReleasePublisher::collectDeletedPaths()
         if (settings.status() != QSettings::NoError || !task.initializeByProductIni(&settings))
             return fail(
                     QStringLiteral("previous product list %1 cannot be read").arg(previousRelease));
-        for (const FileSpecification &entry : std::as_const(task.files))
+        for (const FileSpecification &entry : std::as_const(task.files)) {
             previous.append(entry.unpackedName.isEmpty() ? entry.name : entry.unpackedName);
+            previousEntries.insert(previous.last(), entry);
+        }
     } else {
         return fail(QStringLiteral("previous release %1 is neither a directory nor a readable "
                                    "product list")
@@ -360,6 +365,50 @@ bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
     if (entry.md5.isEmpty() || (!plain && entry.unpackedMd5.isEmpty()))
         return fail(QStringLiteral("cannot read %1 back").arg(destination));
     return true;
+}
+
+bool ReleasePublisher::writePatches()
+{
+    if (previousRelease.isEmpty())
+        return true;
+    ReleasePatches patches(QDir(outputRoot).filePath(version), clientType);
+    bool ok = patches.prepare();
+    for (const ReleaseFile &file : std::as_const(files)) {
+        QTemporaryFile scratch;
+        const QString previous = previousFile(file.installPath, &scratch);
+        if (ok && !previous.isEmpty())
+            ok = patches.add(file.installPath, previous,
+                             QDir(releaseDirectory).filePath(file.installPath), file.entry.size);
+    }
+    problems += patches.errors();
+    patchRecords = patches.records();
+    return ok && problems.isEmpty();
+}
+
+// A previous product list stands for the mirror tree beside it, which holds its files.
+QString ReleasePublisher::previousFile(const QString &installPath, QTemporaryFile *scratch)
+{
+    if (QFileInfo(previousRelease).isDir()) {
+        const QString path = QDir(previousRelease).filePath(installPath);
+        return QFileInfo(path).isFile() ? path : QString();
+    }
+    const auto it = previousEntries.constFind(installPath);
+    if (it == previousEntries.cend())
+        return QString();
+    const QString held =
+            QFileInfo(previousRelease).dir().filePath(it->directory + QLatin1Char('/') + it->name);
+    if (!QFileInfo::exists(held))
+        return QString();
+    if (it->unpackedName.isEmpty())
+        return held;
+    QString md5;
+    if (!scratch->open() || !unpackFileWithMD5(scratch->fileName(), held, &md5)
+        || md5 != it->unpackedMd5) {
+        fail(QStringLiteral("%1: the previous release's file %2 does not unpack as its list says")
+                     .arg(installPath, held));
+        return QString();
+    }
+    return scratch->fileName();
 }
 
 bool ReleasePublisher::writeList()

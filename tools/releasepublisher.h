@@ -1,8 +1,10 @@
 #pragma once
 
 #include "tasks/filespecification.h"
+#include "tools/releasepatches.h"
 #include "update/packing.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -39,7 +41,8 @@ public:
     // error, since the list has no form for one.
     void setDereference(bool dereference) { this->dereference = dereference; }
     // A previous release directory, or the product list it was published with: the install
-    // paths it had and this release lacks make up the list's "delete" group.
+    // paths it had and this release lacks make up the list's "delete" group, and its files that
+    // this release changes get binary patches (ReleasePatches) where those pay.
     void setPreviousRelease(const QString &path) { previousRelease = path; }
     // Allows replacing a list that was published before for this type and version.
     void setReplaceExisting(bool replace) { replaceExisting = replace; }
@@ -53,6 +56,8 @@ public:
     // What the last successful publish() listed, one entry per release file in path order.
     QList<FileSpecification> entries() const;
     QStringList deletedPaths() const { return deleted; }
+    // The patches that the last successful publish() wrote, for the release manifest.
+    QList<PatchRecord> patches() const { return patchRecords; }
     int packedCount() const;
 
 private:
@@ -74,6 +79,10 @@ private:
     QString packedSuffix() const;
     bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
     bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
+    bool writePatches();
+    // The previous release's file at installPath, unpacked into scratch when the previous
+    // release is a product list; empty when it had none.
+    QString previousFile(const QString &installPath, QTemporaryFile *scratch);
     bool writeList();
     bool listReadsBack(const QString &written);
     bool entriesReadBack(const QString &path);
@@ -93,5 +102,8 @@ private:
 
     QList<ReleaseFile> files;
     QStringList deleted;
+    QList<PatchRecord> patchRecords;
+    // The previous release's entries by install path, when it is a product list.
+    QHash<QString, FileSpecification> previousEntries;
     QStringList problems;
 };

@@ -2,10 +2,12 @@
 #include "tests/support/testfiles.h"
 #include "tools/mirrorchecker.h"
 #include "tools/releasepublisher.h"
+#include "update/binarypatch.h"
 #include "update/directoryupdate.h"
 
 #include <QDirIterator>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
@@ -27,11 +29,24 @@ const QString clientType = QStringLiteral("client_linux_amd64");
 const QByteArray gzipMagic("\x1f\x8b", 2);
 const QByteArray packable = QByteArray("a line that packs well\n").repeated(300);
 
+// A library that neither packs nor changes much between the releases: it gets a patch.
+QByteArray libraryBytes(int size)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    QRandomGenerator generator(1);
+    for (char &byte : data)
+        byte = char(generator.bounded(256));
+    return data;
+}
+const QByteArray oldLibrary = libraryBytes(50000);
+const QByteArray newLibrary = QByteArray(oldLibrary).insert(20000, "new code").append("more");
+
 const Tree oldRelease = {{"orlivo", "old client"},
                          {"gone dir/x y.txt", "3"},
                          {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
                          // Turns into a directory: the file must go before the directory comes.
-                         {"plugins", "5"}};
+                         {"plugins", "5"},
+                         {"lib/libbig.so", oldLibrary}};
 
 // Every shape of file the layout must carry: nested, packable and not, empty, awkward names,
 // section names and mirror names that collide, raw content that begins like gzip data, and
@@ -43,6 +58,7 @@ const Tree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
                          {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
                          {".config/.hidden", "x"},
                          {"lib/libfoo.so.1", packable},
+                         {"lib/libbig.so", newLibrary},
                          {"lib/sub/magic", gzipMagic + "raw"},
                          {"x.y/f", "one"},
                          {"x/y/f", "two"},
@@ -158,6 +174,7 @@ void tst_UpdatePublish::roundTrip()
         QVERIFY(QFile::link(it.value(), dir.filePath("new/" + it.key())));
     ReleasePublisher old(dir.filePath("old"), clientType, "11", dir.filePath("mirror"));
     old.setPacking(packing);
+    old.setPackFormat(format);
     QVERIFY2(old.publish(), qPrintable(old.errors().join('\n')));
     installAndCompare(old.listPath(), dir.filePath("install"), oldRelease);
     if (QTest::currentTestFailed())
@@ -197,6 +214,20 @@ void tst_UpdatePublish::roundTrip()
     twoFieldsFound.sort();
     QCOMPARE(packedFound, packed);
     QCOMPARE(twoFieldsFound, twoFields);
+
+    // The changed library gets a patch from its previous version, which the list never names.
+    const QList<PatchRecord> patches = publisher.patches();
+    QCOMPARE(patches.size(), 1);
+    QCOMPARE(patches[0].installPath, QString("lib/libbig.so"));
+    QCOMPARE(patches[0].baseMd5, md5Of(oldLibrary));
+    const QString patch = dir.filePath("mirror/12/" + patches[0].path);
+    QCOMPARE(QCryptographicHash::hash(readTestFile(patch), QCryptographicHash::Sha256).toHex(),
+             patches[0].sha256.toLatin1());
+    QCOMPARE(quint64(QFileInfo(patch).size()), patches[0].size);
+    QString md5;
+    QVERIFY(applyBinaryPatch(dir.filePath("patched"), dir.filePath("old/lib/libbig.so"), patch,
+                             &md5));
+    QCOMPARE(readTestFile(dir.filePath("patched")), newLibrary);
 
     installAndCompare(publisher.listPath(), dir.filePath("install"), expected);
 }

@@ -1,0 +1,98 @@
+#include "tools/releasepatches.h"
+
+#include "tools/binarydiff.h"
+#include "update/binarypatch.h"
+#include "update/checksums.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryFile>
+
+namespace {
+
+const QString patchesFolder = QStringLiteral("patches");
+
+QString sha256Of(const QString &path)
+{
+    QFile file(path);
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
+        return QString();
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+} // namespace
+
+QString patchRecordValue(const PatchRecord &record)
+{
+    const QString separator = QStringLiteral("::");
+    return record.sha256 + separator + QString::number(record.size) + separator + record.baseMd5
+           + separator + record.installPath;
+}
+
+ReleasePatches::ReleasePatches(const QString &versionDirectory, const QString &clientType)
+    : versionDirectory(versionDirectory)
+    , clientType(clientType)
+{}
+
+QString ReleasePatches::directory() const
+{
+    return QDir(versionDirectory).filePath(patchesFolder + QLatin1Char('/') + clientType);
+}
+
+bool ReleasePatches::fail(const QString &problem)
+{
+    problems.append(problem);
+    return false;
+}
+
+bool ReleasePatches::prepare()
+{
+    QDir folder(directory());
+    if ((folder.exists() && !folder.removeRecursively()) || !QDir().mkpath(folder.path()))
+        return fail(QStringLiteral("cannot create directory %1").arg(folder.path()));
+    return true;
+}
+
+bool ReleasePatches::add(const QString &installPath, const QString &previousFile,
+                         const QString &newFile, quint64 mirrorSize)
+{
+    const QString baseMd5 = getFileMD5Ex(previousFile);
+    const QString newMd5 = getFileMD5Ex(newFile);
+    if (baseMd5.isEmpty() || newMd5.isEmpty())
+        return fail(QStringLiteral("cannot read %1 or %2").arg(previousFile, newFile));
+    if (baseMd5 == newMd5)
+        return true;
+
+    PatchRecord record;
+    record.path = patchesFolder + QLatin1Char('/') + clientType + QLatin1Char('/')
+                  + names.take(QString(installPath).replace(QLatin1Char('/'), QLatin1Char('.')),
+                               QStringLiteral(".bsdiff"));
+    const QString destination = QDir(versionDirectory).filePath(record.path);
+    QString error;
+    if (!writeBinaryPatch(previousFile, newFile, destination, &error))
+        return fail(QStringLiteral("%1: no patch: %2").arg(installPath, error));
+    record.size = quint64(QFileInfo(destination).size());
+    if (record.size * 100 > mirrorSize * maximumPercent)
+        return QFile::remove(destination)
+               || fail(QStringLiteral("cannot remove %1").arg(destination));
+
+    QTemporaryFile check(directory() + QStringLiteral("/.check-XXXXXX"));
+    QString madeMd5;
+    if (!check.open() || !applyBinaryPatch(check.fileName(), previousFile, destination, &madeMd5)
+        || madeMd5 != newMd5) {
+        QFile::remove(destination);
+        return fail(QStringLiteral("%1: the patch does not make the new file").arg(installPath));
+    }
+    record.sha256 = sha256Of(destination);
+    record.baseMd5 = baseMd5;
+    record.installPath = installPath;
+    if (record.sha256.isEmpty())
+        return fail(QStringLiteral("cannot read %1 back").arg(destination));
+    QFile::setPermissions(destination, QFileDevice::ReadOwner | QFileDevice::WriteOwner
+                                               | QFileDevice::ReadGroup | QFileDevice::ReadOther);
+    written.append(record);
+    return true;
+}
