@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 #include <vector>
 
 #include <bzlib.h>
@@ -275,7 +274,7 @@ bool writeBinaryPatch(const QString &oldPath, const QString &newPath, const QStr
     const uchar *now = old ? mapWhole(newFile, error) : nullptr;
     if (!now)
         return false;
-    if (oldFile.size() >= std::numeric_limits<saidx_t>::max()) {
+    if (oldFile.size() > binaryPatchBaseLimit) {
         *error = QStringLiteral("%1 is too large to patch from").arg(oldPath);
         return false;
     }

@@ -63,7 +63,8 @@ bool ReleasePatches::add(const QString &installPath, const QString &previousFile
     const QString newMd5 = getFileMD5Ex(newFile);
     if (baseMd5.isEmpty() || newMd5.isEmpty())
         return fail(QStringLiteral("cannot read %1 or %2").arg(previousFile, newFile));
-    if (baseMd5 == newMd5)
+    // An unchanged file needs nothing, and a huge one is fetched whole.
+    if (baseMd5 == newMd5 || QFileInfo(previousFile).size() > binaryPatchBaseLimit)
         return true;
 
     PatchRecord record;
