@@ -51,8 +51,10 @@ bool ReleasePatches::fail(const QString &problem)
 bool ReleasePatches::prepare()
 {
     QDir folder(directory());
-    if ((folder.exists() && !folder.removeRecursively()) || !QDir().mkpath(folder.path()))
-        return fail(QStringLiteral("cannot create directory %1").arg(folder.path()));
+    if (folder.exists() && !folder.removeRecursively())
+        return fail(QStringLiteral("cannot remove directory %1").arg(folder.path()));
+    // The shared folder goes too once no client type has patches left in it.
+    QDir(versionDirectory).rmdir(patchesFolder);
     return true;
 }
 
@@ -72,6 +74,8 @@ bool ReleasePatches::add(const QString &installPath, const QString &previousFile
                   + names.take(QString(installPath).replace(QLatin1Char('/'), QLatin1Char('.')),
                                QStringLiteral(".bsdiff"));
     const QString destination = QDir(versionDirectory).filePath(record.path);
+    if (!QDir().mkpath(directory()))
+        return fail(QStringLiteral("cannot create directory %1").arg(directory()));
     QString error;
     if (!writeBinaryPatch(previousFile, newFile, destination, &error))
         return fail(QStringLiteral("%1: no patch: %2").arg(installPath, error));

@@ -32,7 +32,7 @@ public:
 
     ReleasePatches(const QString &versionDirectory, const QString &clientType);
 
-    // Clears what an earlier publication of this version left in the folder.
+    // Removes what an earlier publication of this type and version left in the folder.
     bool prepare();
     // Considers a patch from previousFile to newFile, which installs at installPath and which
     // the mirror holds in mirrorSize bytes. True unless something failed; whether a patch was

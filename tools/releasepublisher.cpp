@@ -369,16 +369,15 @@ bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
 
 bool ReleasePublisher::writePatches()
 {
-    if (previousRelease.isEmpty())
-        return true;
     ReleasePatches patches(QDir(outputRoot).filePath(version), clientType);
+    // Without a previous release, this only clears what an earlier publication left.
     bool ok = patches.prepare();
-    for (const ReleaseFile &file : std::as_const(files)) {
+    for (auto file = files.cbegin(); ok && file != files.cend(); ++file) {
         QTemporaryFile scratch;
-        const QString previous = previousFile(file.installPath, &scratch);
-        if (ok && !previous.isEmpty())
-            ok = patches.add(file.installPath, previous,
-                             QDir(releaseDirectory).filePath(file.installPath), file.entry.size);
+        const QString previous = previousFile(file->installPath, &scratch);
+        if (!previous.isEmpty())
+            ok = patches.add(file->installPath, previous,
+                             QDir(releaseDirectory).filePath(file->installPath), file->entry.size);
     }
     problems += patches.errors();
     patchRecords = patches.records();
@@ -388,6 +387,8 @@ bool ReleasePublisher::writePatches()
 // A previous product list stands for the mirror tree beside it, which holds its files.
 QString ReleasePublisher::previousFile(const QString &installPath, QTemporaryFile *scratch)
 {
+    if (previousRelease.isEmpty())
+        return QString();
     if (QFileInfo(previousRelease).isDir()) {
         const QString path = QDir(previousRelease).filePath(installPath);
         return QFileInfo(path).isFile() ? path : QString();
