@@ -72,3 +72,15 @@ bool ReleaseManifest::isSha256Text(const QString &text)
     static const QRegularExpression pattern(QStringLiteral("^[0-9a-f]{64}$"));
     return pattern.match(text).hasMatch();
 }
+
+QList<PatchRecord> ReleaseManifest::patches() const
+{
+    QList<PatchRecord> records;
+    const QMap<QString, QString> group = groups.value(patchesGroup);
+    for (auto it = group.cbegin(); it != group.cend(); ++it) {
+        PatchRecord record;
+        if (PatchRecord::parse(it.key(), it.value(), &record))
+            records.append(record);
+    }
+    return records;
+}

@@ -1,6 +1,9 @@
 #pragma once
 
+#include "tasks/patchrecord.h"
+
 #include <QByteArray>
+#include <QList>
 #include <QMap>
 #include <QString>
 #include <QStringList>
@@ -15,6 +18,7 @@ class ReleaseManifest
 public:
     static inline const QString releaseGroup = QStringLiteral("release");
     static inline const QString sha256Group = QStringLiteral("sha256");
+    static inline const QString patchesGroup = QStringLiteral("patches");
 
     // False, leaving the manifest empty, unless every line is blank, a comment, "[group]", or
     // "key=value" inside a group, and no key comes twice in a group.
@@ -30,6 +34,10 @@ public:
     QString listSha256() const { return value(releaseGroup, QStringLiteral("list")); }
     // Of a file by its path below the version directory; empty when it is not listed.
     QString sha256(const QString &mirrorPath) const { return value(sha256Group, mirrorPath); }
+    // The well-formed records of the group "patches"; a malformed one is left out, so that its
+    // file is fetched whole.
+    QList<PatchRecord> patches() const;
+    void addPatch(const PatchRecord &record) { setValue(patchesGroup, record.path, record.value()); }
 
     // 64 lower-case hexadecimal digits.
     static bool isSha256Text(const QString &text);

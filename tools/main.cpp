@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <optional>
 
 namespace {
 
@@ -85,8 +86,29 @@ int runCheck(const QStringList &lists, const QString &keyPath)
     return failures == 0 ? 0 : 1;
 }
 
+// The format of packed files, or none when the text names no format.
+std::optional<PackFormat> packFormatNamed(const QString &name)
+{
+    if (name == QLatin1String("gzip"))
+        return PackFormat::Gzip;
+    if (name == QLatin1String("zstd"))
+        return PackFormat::Zstd;
+    return std::nullopt;
+}
+
+QString patchSummary(const QList<PatchRecord> &patches)
+{
+    if (patches.isEmpty())
+        return QString();
+    quint64 bytes = 0;
+    for (const PatchRecord &patch : patches)
+        bytes += patch.size;
+    return QStringLiteral(", %1 patches (%2 bytes)").arg(patches.size()).arg(bytes);
+}
+
 int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
-               bool force, const QString &signingKey)
+               bool force, const QString &signingKey, const QString &compression,
+               bool dereference)
 {
     QTextStream err(stderr);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
@@ -98,8 +120,16 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
                    {QStringLiteral("--pack takes all, none or auto, not \"%1\"").arg(packing)});
         return 1;
     }
+    const std::optional<PackFormat> format = packFormatNamed(compression);
+    if (!format) {
+        printLines(err,
+                   {QStringLiteral("--compress takes gzip or zstd, not \"%1\"").arg(compression)});
+        return 1;
+    }
     ReleasePublisher publisher(arguments.at(0), arguments.at(1), arguments.at(2), arguments.at(3));
     publisher.setPacking(packings.value(packing));
+    publisher.setPackFormat(*format);
+    publisher.setDereference(dereference);
     publisher.setPreviousRelease(previous);
     publisher.setReplaceExisting(force);
     publisher.setSigningKey(signingKey);
@@ -111,10 +141,11 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     quint64 mirrorBytes = 0;
     for (const FileSpecification &entry : entries)
         mirrorBytes += entry.size;
-    QTextStream(stdout) << publisher.listPath() << ": " << entries.size() << " files ("
-                        << publisher.packedCount() << " packed, " << mirrorBytes
-                        << " bytes on the mirror), " << publisher.deletedPaths().size()
-                        << " to delete" << Qt::endl;
+    QTextStream out(stdout);
+    out << publisher.listPath() << ": " << entries.size() << " files (" << publisher.packedCount()
+        << " packed, " << mirrorBytes << " bytes on the mirror), "
+        << publisher.deletedPaths().size() << " to delete" << patchSummary(publisher.patches())
+        << Qt::endl;
     return 0;
 }
 
@@ -140,16 +171,29 @@ int main(int argc, char *argv[])
     parser.addVersionOption();
     const QCommandLineOption packOption(
             QStringLiteral("pack"),
-            QStringLiteral("Which files to store gzip-packed: all, none, or auto (those that "
+            QStringLiteral("Which files to store packed: all, none, or auto (those that "
                            "shrink by at least %1% and %2 bytes). Default: auto.")
                     .arg(ReleasePublisher::minimumSavingPercent)
                     .arg(ReleasePublisher::minimumSavingBytes),
             QStringLiteral("mode"), QStringLiteral("auto"));
+    const QCommandLineOption compressOption(
+            QStringLiteral("compress"),
+            QStringLiteral("How to pack files: gzip, which every updater reads, or zstd, which "
+                           "is smaller and unpacks faster but needs an updater that knows it. "
+                           "Default: gzip."),
+            QStringLiteral("format"), QStringLiteral("gzip"));
+    const QCommandLineOption dereferenceOption(
+            QStringLiteral("dereference"),
+            QStringLiteral("Publish what a symbolic link in the release points to, under the "
+                           "link's name, instead of refusing the link."));
     const QCommandLineOption previousOption(
             QStringLiteral("previous"),
             QStringLiteral("The previous release (its directory, or the product list it was "
-                           "published with): its files that this release lacks are listed for "
-                           "deletion."),
+                           "published with, beside its files): its files that this release "
+                           "lacks are listed for deletion, and those it changes get binary "
+                           "patches under VERSION/patches/TYPE/ where a patch takes at most "
+                           "%1% of the file on the mirror.")
+                    .arg(ReleasePatches::maximumPercent),
             QStringLiteral("path"));
     const QCommandLineOption forceOption(
             QStringLiteral("force"),
@@ -172,8 +216,8 @@ int main(int argc, char *argv[])
             QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
                            "0600) and update-keys.pub, which installations trust."),
             QStringLiteral("dir"));
-    parser.addOptions({packOption, previousOption, forceOption, checkOption, signOption, keyOption,
-                       keygenOption});
+    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption, forceOption,
+                       checkOption, signOption, keyOption, keygenOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -199,5 +243,6 @@ int main(int argc, char *argv[])
         return 1;
     }
     return runPublish(arguments, parser.value(packOption), parser.value(previousOption),
-                      parser.isSet(forceOption), parser.value(signOption));
+                      parser.isSet(forceOption), parser.value(signOption),
+                      parser.value(compressOption), parser.isSet(dereferenceOption));
 }

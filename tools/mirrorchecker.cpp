@@ -4,7 +4,7 @@
 #include "tasks/productlist.h"
 #include "tasks/taskspecification.h"
 #include "update/checksums.h"
-#include "update/gzip.h"
+#include "update/packing.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -222,7 +222,8 @@ void MirrorChecker::checkUnpacked(const FileSpecification &entry, const QString 
         return;
     }
     unpacked.close();
-    if (!unzipFile(unpacked.fileName(), path)) {
+    QString md5;
+    if (!unpackFileWithMD5(unpacked.fileName(), path, &md5)) {
         report(entry, QStringLiteral("does not unpack"));
         return;
     }
@@ -230,7 +231,7 @@ void MirrorChecker::checkUnpacked(const FileSpecification &entry, const QString 
     if (quint64(size) != entry.unpackedSize)
         report(entry,
                QStringLiteral("unpacks to length %1, listed %2").arg(size).arg(entry.unpackedSize));
-    else if (const QString md5 = getFileMD5Ex(unpacked.fileName()); md5 != entry.unpackedMd5)
+    else if (md5 != entry.unpackedMd5)
         report(entry,
                QStringLiteral("unpacks to checksum %1, listed %2").arg(md5, entry.unpackedMd5));
 }

@@ -7,7 +7,7 @@
 #include "tasks/releasemanifest.h"
 #include "tools/releasetree.h"
 #include "update/checksums.h"
-#include "update/gzip.h"
+#include "update/packing.h"
 
 #include <QDir>
 #include <QFile>
@@ -63,13 +63,6 @@ QString resolvedPath(const QString &path)
     return info.exists() ? info.canonicalFilePath() : QDir::cleanPath(info.absoluteFilePath());
 }
 
-bool startsWithGzipMagic(const QString &path, bool *ok)
-{
-    QFile file(path);
-    *ok = file.open(QIODevice::ReadOnly);
-    return file.read(2) == QByteArray("\x1f\x8b", 2);
-}
-
 bool sameEntry(const FileSpecification &a, const FileSpecification &b)
 {
     return a.directory == b.directory && a.name == b.name && a.md5 == b.md5 && a.size == b.size
@@ -116,13 +109,15 @@ bool ReleasePublisher::publish()
     problems.clear();
     files.clear();
     deleted.clear();
+    patchRecords.clear();
+    previousEntries.clear();
     if (!validateArguments())
         return false;
     const bool filesOk = collectFiles();
     if (!collectDeletedPaths() || !filesOk)
         return false;
     assignSections();
-    return writeFiles() && writeList();
+    return writeFiles() && writePatches() && writeList();
 }
 
 bool ReleasePublisher::fail(const QString &problem)
@@ -174,7 +169,8 @@ void ReleasePublisher::validateNames()
         fail(QStringLiteral("client type \"%1\" must consist of letters, digits, '_' and '-'")
                      .arg(clientType));
     else if (clientType.compare(deleteGroup, Qt::CaseInsensitive) == 0
-             || clientType.compare(QLatin1String("general"), Qt::CaseInsensitive) == 0)
+             || clientType.compare(QLatin1String("general"), Qt::CaseInsensitive) == 0
+             || clientType.compare(QLatin1String("patches"), Qt::CaseInsensitive) == 0)
         fail(QStringLiteral("client type \"%1\" is reserved in the product list").arg(clientType));
 
     bool fitsInt = false;
@@ -203,7 +199,7 @@ void ReleasePublisher::validateLocations()
 bool ReleasePublisher::collectFiles()
 {
     QStringList paths;
-    bool ok = listReleaseFiles(releaseDirectory, &paths, &problems);
+    bool ok = listReleaseFiles(releaseDirectory, dereference, &paths, &problems);
     for (const QString &path : std::as_const(paths)) {
         const QString reason = inexpressible(path);
         if (!reason.isEmpty()) {
@@ -227,7 +223,7 @@ bool ReleasePublisher::collectDeletedPaths()
     QStringList previous;
     const QFileInfo info(previousRelease);
     if (info.isDir()) {
-        if (!listReleaseFiles(previousRelease, &previous, &problems))
+        if (!listReleaseFiles(previousRelease, dereference, &previous, &problems))
             return false;
     } else if (info.isFile() && info.isReadable()) {
         // A product list published before: its install paths are what the previous release had.
@@ -237,8 +233,10 @@ bool ReleasePublisher::collectDeletedPaths()
         if (settings.status() != QSettings::NoError || !task.initializeByProductIni(&settings))
             return fail(
                     QStringLiteral("previous product list %1 cannot be read").arg(previousRelease));
-        for (const FileSpecification &entry : std::as_const(task.files))
+        for (const FileSpecification &entry : std::as_const(task.files)) {
             previous.append(entry.installPath());
+            previousEntries.insert(previous.last(), entry);
+        }
     } else {
         return fail(QStringLiteral("previous release %1 is neither a directory nor a readable "
                                    "product list")
@@ -310,8 +308,9 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
 {
     const QString source = QDir(releaseDirectory).filePath(file.installPath);
     bool readable = true;
-    // zlib would unpack such a file on the way in, so it cannot travel raw in the five-field form.
-    const bool mustPack = !file.ownsPlainName && startsWithGzipMagic(source, &readable);
+    // The updater would unpack such a file on the way in, so it cannot travel raw in the
+    // five-field form.
+    const bool mustPack = !file.ownsPlainName && startsLikePackedData(source, &readable);
     if (!readable)
         return fail(QStringLiteral("cannot read %1").arg(source));
 
@@ -323,8 +322,7 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
 
     const QString name = baseName(file.installPath);
     const bool plain = file.ownsPlainName && !file.packed;
-    file.entry.name =
-            plain ? name : names.take(name, file.packed ? QStringLiteral(".gz") : QString());
+    file.entry.name = plain ? name : names.take(name, file.packed ? packedSuffix() : QString());
     const QString destination = QDir(sectionPath).filePath(file.entry.name);
     QFile::remove(destination);
     if (file.packed) {
@@ -341,6 +339,11 @@ bool ReleasePublisher::writeFile(ReleaseFile &file, const QString &sectionPath, 
     return describe(file, source, destination, plain);
 }
 
+QString ReleasePublisher::packedSuffix() const
+{
+    return packFormat == PackFormat::Zstd ? QStringLiteral(".zst") : QStringLiteral(".gz");
+}
+
 bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw,
                                 bool *packed)
 {
@@ -348,7 +351,7 @@ bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, 
         return fail(QStringLiteral("cannot write %1: %2")
                             .arg(scratch->fileTemplate(), scratch->errorString()));
     scratch->close();
-    if (!zipFile(source, scratch->fileName()))
+    if (!::packFile(source, scratch->fileName(), packFormat))
         return fail(QStringLiteral("cannot pack %1 into %2").arg(source, scratch->fileName()));
     if (!mayKeepRaw) {
         *packed = true;
@@ -376,6 +379,51 @@ bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
     if (entry.md5.isEmpty() || (!plain && entry.unpackedMd5.isEmpty()))
         return fail(QStringLiteral("cannot read %1 back").arg(destination));
     return true;
+}
+
+bool ReleasePublisher::writePatches()
+{
+    ReleasePatches patches(QDir(outputRoot).filePath(version), clientType);
+    // Without a previous release, this only clears what an earlier publication left.
+    bool ok = patches.prepare();
+    for (auto file = files.cbegin(); ok && file != files.cend(); ++file) {
+        QTemporaryFile scratch;
+        const QString previous = previousFile(file->installPath, &scratch);
+        if (!previous.isEmpty())
+            ok = patches.add(file->installPath, previous,
+                             QDir(releaseDirectory).filePath(file->installPath), file->entry.size);
+    }
+    problems += patches.errors();
+    patchRecords = patches.records();
+    return ok && problems.isEmpty();
+}
+
+// A previous product list stands for the mirror tree beside it, which holds its files.
+QString ReleasePublisher::previousFile(const QString &installPath, QTemporaryFile *scratch)
+{
+    if (previousRelease.isEmpty())
+        return QString();
+    if (QFileInfo(previousRelease).isDir()) {
+        const QString path = QDir(previousRelease).filePath(installPath);
+        return QFileInfo(path).isFile() ? path : QString();
+    }
+    const auto it = previousEntries.constFind(installPath);
+    if (it == previousEntries.cend())
+        return QString();
+    const QString held =
+            QFileInfo(previousRelease).dir().filePath(it->directory + QLatin1Char('/') + it->name);
+    if (!QFileInfo::exists(held))
+        return QString();
+    if (!it->isPacked())
+        return held;
+    QString md5;
+    if (!scratch->open() || !unpackFileWithMD5(scratch->fileName(), held, &md5)
+        || md5 != it->unpackedMd5) {
+        fail(QStringLiteral("%1: the previous release's file %2 does not unpack as its list says")
+                     .arg(installPath, held));
+        return QString();
+    }
+    return scratch->fileName();
 }
 
 bool ReleasePublisher::writeList()
@@ -431,6 +479,8 @@ bool ReleasePublisher::writeManifest(const QString &list)
         manifest.setValue(ReleaseManifest::sha256Group,
                           file.entry.directory + QLatin1Char('/') + file.entry.name, file.sha256);
     }
+    for (const PatchRecord &patch : std::as_const(patchRecords))
+        manifest.addPatch(patch);
     const QByteArray text = manifest.toText();
     const QString signaturePath = manifestPath() + QStringLiteral(".minisig");
     if (signingKeyPath.isEmpty()) {

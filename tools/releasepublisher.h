@@ -2,7 +2,10 @@
 
 #include "tasks/filespecification.h"
 #include "update/minisign.h"
+#include "tools/releasepatches.h"
+#include "update/packing.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -20,9 +23,9 @@ class QTemporaryFile;
 // TYPE.<subdirectory with '/' as '.'>, so client types share a version directory without
 // clashing. Section and file names on the mirror are made safe and unique by MirrorNames; an
 // entry whose mirror name is not its install path carries the install path as its unpacked
-// name (the five-field form), which the updater unpacks with zlib's transparent reading: raw
-// files pass through unchanged, except those that begin with the gzip magic bytes, which are
-// therefore always packed.
+// name (the five-field form), which the updater unpacks, passing raw files through unchanged,
+// except those that begin with the gzip or zstd magic bytes, which are therefore always packed.
+// Packed files are gzip unless zstd is asked for: updaters before zstd read only gzip.
 class ReleasePublisher
 {
 public:
@@ -36,8 +39,13 @@ public:
                      const QString &version, const QString &outputRoot);
 
     void setPacking(Packing packing) { this->packing = packing; }
+    void setPackFormat(PackFormat format) { packFormat = format; }
+    // Publishes what a symbolic link points to under the link's name; without it a link is an
+    // error, since the list has no form for one.
+    void setDereference(bool dereference) { this->dereference = dereference; }
     // A previous release directory, or the product list it was published with: the install
-    // paths it had and this release lacks make up the list's "delete" group.
+    // paths it had and this release lacks make up the list's "delete" group, and its files that
+    // this release changes get binary patches (ReleasePatches) where those pay.
     void setPreviousRelease(const QString &path) { previousRelease = path; }
     // Allows replacing a list that was published before for this type and version.
     void setReplaceExisting(bool replace) { replaceExisting = replace; }
@@ -54,6 +62,8 @@ public:
     // What the last successful publish() listed, one entry per release file in path order.
     QList<FileSpecification> entries() const;
     QStringList deletedPaths() const { return deleted; }
+    // The patches that the last successful publish() wrote, for the release manifest.
+    QList<PatchRecord> patches() const { return patchRecords; }
     int packedCount() const;
 
 private:
@@ -74,8 +84,13 @@ private:
     bool collectDeletedPaths();
     bool writeFiles();
     bool writeFile(ReleaseFile &file, const QString &sectionPath, MirrorNames &names);
+    QString packedSuffix() const;
     bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
     bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
+    bool writePatches();
+    // The previous release's file at installPath, unpacked into scratch when the previous
+    // release is a product list; empty when it had none.
+    QString previousFile(const QString &installPath, QTemporaryFile *scratch);
     bool writeList();
     bool writeManifest(const QString &list);
     bool writeServedFile(const QString &path, const QByteArray &content);
@@ -91,11 +106,16 @@ private:
     QString outputRoot;
     QString previousRelease;
     Packing packing = Packing::Auto;
+    PackFormat packFormat = PackFormat::Gzip;
     bool replaceExisting = false;
     QString signingKeyPath;
     MinisignSecretKey signingKey;
+    bool dereference = false;
 
     QList<ReleaseFile> files;
     QStringList deleted;
+    QList<PatchRecord> patchRecords;
+    // The previous release's entries by install path, when it is a product list.
+    QHash<QString, FileSpecification> previousEntries;
     QStringList problems;
 };

@@ -27,10 +27,25 @@ QStringList undecodableNames(const QString &directory)
     return names;
 }
 
-QString classify(const QFileInfo &info)
+struct Walk
 {
-    if (info.isSymLink())
-        return QStringLiteral("is a symbolic link; put the file itself into the release");
+    QDir root;
+    bool dereference = false;
+    // Canonical paths of the directories being walked, to stop at a link that leads back.
+    QStringList ancestors;
+    QStringList *paths = nullptr;
+    QStringList *problems = nullptr;
+};
+
+QString classify(const QFileInfo &info, const Walk &walk)
+{
+    if (info.isSymLink() && !walk.dereference)
+        return QStringLiteral("is a symbolic link; put the file itself into the release, or "
+                              "publish with --dereference");
+    if (info.isSymLink() && !info.exists())
+        return QStringLiteral("is a symbolic link to nothing");
+    if (info.isDir() && walk.ancestors.contains(info.canonicalFilePath()))
+        return QStringLiteral("is a symbolic link into a directory that holds it");
     if (info.isDir()) {
         if (!info.isReadable() || !info.isExecutable())
             return QStringLiteral("directory cannot be read");
@@ -43,34 +58,38 @@ QString classify(const QFileInfo &info)
     return QString();
 }
 
-void walk(const QDir &root, const QString &directory, QStringList *paths, QStringList *problems)
+void walkDirectory(Walk &walk, const QString &directory)
 {
-    const QDir dir(root.filePath(directory));
+    const QDir dir(walk.root.filePath(directory));
+    walk.ancestors.append(QFileInfo(dir.path()).canonicalFilePath());
     const QStringList undecodable = undecodableNames(dir.path());
     for (const QString &name : undecodable)
-        problems->append(dir.filePath(name) + QLatin1String(": name is not valid UTF-8"));
+        walk.problems->append(dir.filePath(name) + QLatin1String(": name is not valid UTF-8"));
     const QFileInfoList entries = dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System
                                                     | QDir::NoDotAndDotDot);
     for (const QFileInfo &info : entries) {
         const QString relative = directory.isEmpty()
                                          ? info.fileName()
                                          : directory + QLatin1Char('/') + info.fileName();
-        const QString problem = classify(info);
+        const QString problem = classify(info, walk);
         if (!problem.isEmpty())
-            problems->append(root.filePath(relative) + QLatin1String(": ") + problem);
+            walk.problems->append(walk.root.filePath(relative) + QLatin1String(": ") + problem);
         else if (info.isDir())
-            walk(root, relative, paths, problems);
+            walkDirectory(walk, relative);
         else
-            paths->append(relative);
+            walk.paths->append(relative);
     }
+    walk.ancestors.removeLast();
 }
 
 } // namespace
 
-bool listReleaseFiles(const QString &root, QStringList *paths, QStringList *problems)
+bool listReleaseFiles(const QString &root, bool dereference, QStringList *paths,
+                      QStringList *problems)
 {
     const qsizetype problemsBefore = problems->size();
-    walk(QDir(root), QString(), paths, problems);
+    Walk walk{QDir(root), dereference, {}, paths, problems};
+    walkDirectory(walk, QString());
     std::sort(paths->begin(), paths->end());
     return problems->size() == problemsBefore;
 }

@@ -7,7 +7,7 @@
 #include "update/checksums.h"
 #include "update/filecopy.h"
 #include "update/filesync.h"
-#include "update/gzip.h"
+#include "update/packing.h"
 #include "update/updatejournal.h"
 
 #include <QDir>
@@ -153,7 +153,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     if (entry.isPacked()) {
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
-        if (!unzipFileWithMD5(staged, source, &unpackedMd5)) {
+        if (!unpackFileWithMD5(staged, source, &unpackedMd5)) {
             fail(QStringLiteral("Can't unzip %1!").arg(relativeSource), true);
             unpackedMd5 = getFileMD5Ex(staged);
         }

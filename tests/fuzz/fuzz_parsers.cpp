@@ -14,8 +14,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     switch (data[0] % 4) {
     case 0: {
         ReleaseManifest manifest;
-        if (manifest.parse(input))
+        if (manifest.parse(input)) {
             manifest.toText();
+            manifest.patches();
+        }
         break;
     }
     case 1: {

@@ -2,10 +2,12 @@
 #include "tests/support/testfiles.h"
 #include "tools/mirrorchecker.h"
 #include "tools/releasepublisher.h"
+#include "update/binarypatch.h"
 #include "update/directoryupdate.h"
 
 #include <QDirIterator>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
@@ -18,6 +20,7 @@
 #include <unistd.h>
 
 Q_DECLARE_METATYPE(ReleasePublisher::Packing)
+Q_DECLARE_METATYPE(PackFormat)
 
 namespace {
 
@@ -27,11 +30,24 @@ const QString clientType = QStringLiteral("client_linux_amd64");
 const QByteArray gzipMagic("\x1f\x8b", 2);
 const QByteArray packable = QByteArray("a line that packs well\n").repeated(300);
 
+// A library that neither packs nor changes much between the releases: it gets a patch.
+QByteArray libraryBytes(int size)
+{
+    QByteArray data(size, Qt::Uninitialized);
+    QRandomGenerator generator(1);
+    for (char &byte : data)
+        byte = char(generator.bounded(256));
+    return data;
+}
+const QByteArray oldLibrary = libraryBytes(50000);
+const QByteArray newLibrary = QByteArray(oldLibrary).insert(20000, "new code").append("more");
+
 const Tree oldRelease = {{"orlivo", "old client"},
                          {"gone dir/x y.txt", "3"},
                          {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
                          // Turns into a directory: the file must go before the directory comes.
-                         {"plugins", "5"}};
+                         {"plugins", "5"},
+                         {"lib/libbig.so", oldLibrary}};
 
 // Every shape of file the layout must carry: nested, packable and not, empty, awkward names,
 // section names and mirror names that collide, raw content that begins like gzip data, and
@@ -43,11 +59,15 @@ const Tree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
                          {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
                          {".config/.hidden", "x"},
                          {"lib/libfoo.so.1", packable},
+                         {"lib/libbig.so", newLibrary},
                          {"lib/sub/magic", gzipMagic + "raw"},
                          {"x.y/f", "one"},
                          {"x/y/f", "two"},
                          {"X/y/f", "three"},
                          {"plugins/p.so", "plugin"}};
+// Symbolic links in the new release, published as what they point to.
+const QMap<QString, QString> links = {{"lib/libfoo.so", "libfoo.so.1"}, {"docs", "x"}};
+const Tree linked = {{"lib/libfoo.so", packable}, {"docs/y/f", "two"}};
 
 struct Run
 {
@@ -119,24 +139,30 @@ private slots:
 void tst_UpdatePublish::roundTrip_data()
 {
     QTest::addColumn<ReleasePublisher::Packing>("packing");
+    QTest::addColumn<PackFormat>("format");
     QTest::addColumn<bool>("previousAsList");
     QTest::addColumn<QStringList>("packed");
     QTest::addColumn<QStringList>("twoFields");
 
+    Tree all = newRelease;
+    all.insert(linked);
     QTest::newRow("pack none, previous release directory")
-            << ReleasePublisher::Packing::None << false << QStringList{"lib/sub/magic"}
+            << ReleasePublisher::Packing::None << PackFormat::Gzip << false
+            << QStringList{"lib/sub/magic"}
             << QStringList{"empty", "notes.txt", "notes.txt.gz", "orlivo"};
     QTest::newRow("pack auto, previous product list")
-            << ReleasePublisher::Packing::Auto << true
-            << QStringList{"lib/libfoo.so.1", "lib/sub/magic", "notes.txt"}
+            << ReleasePublisher::Packing::Auto << PackFormat::Gzip << true
+            << QStringList{"lib/libfoo.so", "lib/libfoo.so.1", "lib/sub/magic", "notes.txt"}
             << QStringList{"empty", "notes.txt.gz", "orlivo"};
-    QTest::newRow("pack all, previous product list")
-            << ReleasePublisher::Packing::All << true << newRelease.keys() << QStringList();
+    QTest::newRow("pack all with zstd, previous product list")
+            << ReleasePublisher::Packing::All << PackFormat::Zstd << true << all.keys()
+            << QStringList();
 }
 
 void tst_UpdatePublish::roundTrip()
 {
     QFETCH(ReleasePublisher::Packing, packing);
+    QFETCH(PackFormat, format);
     QFETCH(bool, previousAsList);
     QFETCH(QStringList, packed);
     QFETCH(QStringList, twoFields);
@@ -146,8 +172,11 @@ void tst_UpdatePublish::roundTrip()
         QVERIFY(writeTestFile(dir.filePath("old/" + it.key()), it.value()));
     for (auto it = newRelease.cbegin(); it != newRelease.cend(); ++it)
         QVERIFY(writeTestFile(dir.filePath("new/" + it.key()), it.value()));
+    for (auto it = links.cbegin(); it != links.cend(); ++it)
+        QVERIFY(QFile::link(it.value(), dir.filePath("new/" + it.key())));
     ReleasePublisher old(dir.filePath("old"), clientType, "11", dir.filePath("mirror"));
     old.setPacking(packing);
+    old.setPackFormat(format);
     QVERIFY2(old.publish(), qPrintable(old.errors().join('\n')));
     installAndCompare(old.listPath(), dir.filePath("install"), oldRelease);
     if (QTest::currentTestFailed())
@@ -155,6 +184,8 @@ void tst_UpdatePublish::roundTrip()
 
     ReleasePublisher publisher(dir.filePath("new"), clientType, "12", dir.filePath("mirror"));
     publisher.setPacking(packing);
+    publisher.setPackFormat(format);
+    publisher.setDereference(true);
     publisher.setPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
     QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
     QCOMPARE(publisher.deletedPaths(),
@@ -178,13 +209,29 @@ void tst_UpdatePublish::roundTrip()
         else if (entry.md5 != entry.unpackedMd5)
             packedFound.append(entry.unpackedName);
     }
-    QCOMPARE(mirrorPaths.size(), newRelease.size());
+    Tree expected = newRelease;
+    expected.insert(linked);
+    QCOMPARE(mirrorPaths.size(), expected.size());
     packedFound.sort();
     twoFieldsFound.sort();
     QCOMPARE(packedFound, packed);
     QCOMPARE(twoFieldsFound, twoFields);
 
-    installAndCompare(publisher.listPath(), dir.filePath("install"), newRelease);
+    // The changed library gets a patch from its previous version, which the list never names.
+    const QList<PatchRecord> patches = publisher.patches();
+    QCOMPARE(patches.size(), 1);
+    QCOMPARE(patches[0].installPath, QString("lib/libbig.so"));
+    QCOMPARE(patches[0].baseMd5, md5Of(oldLibrary));
+    const QString patch = dir.filePath("mirror/12/" + patches[0].path);
+    QCOMPARE(QCryptographicHash::hash(readTestFile(patch), QCryptographicHash::Sha256).toHex(),
+             patches[0].sha256.toLatin1());
+    QCOMPARE(quint64(QFileInfo(patch).size()), patches[0].size);
+    QString md5;
+    QVERIFY(applyBinaryPatch(dir.filePath("patched"), dir.filePath("old/lib/libbig.so"), patch,
+                             &md5));
+    QCOMPARE(readTestFile(dir.filePath("patched")), newLibrary);
+
+    installAndCompare(publisher.listPath(), dir.filePath("install"), expected);
 }
 
 void tst_UpdatePublish::publishCheckAndRepair()
@@ -335,12 +382,17 @@ void tst_UpdatePublish::errors_data()
         {"the output %R/release/out/12 and the release directory %R/release overlap"});
     row("files the list cannot carry", publish,
         {"%R/release/bad\uFFFD: name is not valid UTF-8", "%R/release/fifo: is not a regular file",
-         "%R/release/lib/link: is a symbolic link; put the file itself into the release",
+         "%R/release/lib/link: is a symbolic link; put the file itself into the release, or "
+         "publish with --dereference",
          "%R/release/a::b: cannot be published: its name holds \"::\", which separates the "
          "fields of the list",
          "%R/release/lib/a\\b: cannot be published: its name holds a backslash or a control "
          "character"},
         "inexpressible");
+    row("links that lead nowhere or back", QStringList("--dereference") + publish,
+        {"%R/release/lib/gone: is a symbolic link to nothing",
+         "%R/release/lib/up: is a symbolic link into a directory that holds it"},
+        "bad links");
     row("already published", publish,
         {"%R/mirror/12/client.ini exists already; use --force to replace it"}, "published");
     row("unknown packing", QStringList{"--pack", "some"} + publish,
@@ -378,6 +430,9 @@ void tst_UpdatePublish::errors()
         QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
         QCOMPARE(symlink("../orlivo", QFile::encodeName(release + "/lib/link").constData()), 0);
         QCOMPARE(mkfifo(QFile::encodeName(release + "/fifo").constData(), 0600), 0);
+    } else if (setup == "bad links") {
+        QVERIFY(QFile::link("missing", release + "/lib/gone"));
+        QVERIFY(QFile::link("..", release + "/lib/up"));
     }
     const Tree before = treeBelow(base, QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot);
 

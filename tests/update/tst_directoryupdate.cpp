@@ -2,7 +2,7 @@
 
 #include "app/apppaths.h"
 #include "tests/support/testfiles.h"
-#include "update/gzip.h"
+#include "update/packing.h"
 #include "update/updatejournal.h"
 
 #include <QSettings>
@@ -35,7 +35,8 @@ private:
     void list(const QString &key, const QStringList &fields);
     // Downloads a file into the source tree and lists it, plain or packed.
     void addPlain(const QString &key, const QByteArray &content);
-    void addPacked(const QString &key, const QString &unpackedName, const QByteArray &content);
+    void addPacked(const QString &key, const QString &unpackedName, const QByteArray &content,
+                   PackFormat format = PackFormat::Gzip);
     bool run(bool silent);
 
     std::unique_ptr<QTemporaryDir> work;
@@ -73,11 +74,11 @@ void tst_DirectoryUpdate::addPlain(const QString &key, const QByteArray &content
 }
 
 void tst_DirectoryUpdate::addPacked(const QString &key, const QString &unpackedName,
-                                    const QByteArray &content)
+                                    const QByteArray &content, PackFormat format)
 {
     QVERIFY(writeTestFile(source(key), {}));
     QVERIFY(writeTestFile(work->filePath("plain.tmp"), content));
-    QVERIFY(zipFile(work->filePath("plain.tmp"), source(key)));
+    QVERIFY(packFile(work->filePath("plain.tmp"), source(key), format));
     const QByteArray packed = readTestFile(source(key));
     list(key, {md5Of(packed), QString::number(packed.size()), md5Of(content),
                QString::number(content.size()), unpackedName});
@@ -106,6 +107,7 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
 {
     addPlain("bin/readme.txt", "plain text");
     addPacked("data/sound.wav.gz", "sounds/ring tone.wav", patternBytes(100000, 1));
+    addPacked("data/voice.bin.zst", "voice.bin", patternBytes(300000, 2), PackFormat::Zstd);
     list("bin/notdownloaded.bin", {"0123", "7"});
     for (const char *path : {"plugins/old.so", "never-there.txt"})
         list(QString("delete/") + path, {"1"});
@@ -122,6 +124,7 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
 
     QCOMPARE(readTestFile(target("readme.txt")), "plain text");
     QCOMPARE(readTestFile(target("sounds/ring tone.wav")), patternBytes(100000, 1));
+    QCOMPARE(readTestFile(target("voice.bin")), patternBytes(300000, 2));
     for (const char *path : {"plugins/old.so", "notdownloaded.bin"})
         QVERIFY(!QFile::exists(target(path)));
 
@@ -133,7 +136,7 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QVERIFY(questions.isEmpty());
     QCOMPARE(finished, 1);
     // One report at the start and one per entry, the one not downloaded included.
-    QCOMPARE(progress.size(), 6);
+    QCOMPARE(progress.size(), 7);
     QCOMPARE(progress.first(), 0u);
     QCOMPARE(progress.last(), listedTotal);
     QCOMPARE(reportedTotal, listedTotal);

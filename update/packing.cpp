@@ -1,0 +1,51 @@
+#include "update/packing.h"
+
+#include "update/gzip.h"
+#include "update/md5hash.h"
+#include "update/zstd.h"
+
+#include <QFile>
+
+namespace {
+
+const QByteArray gzipMagic("\x1f\x8b", 2);
+const QByteArray zstdMagic("\x28\xb5\x2f\xfd", 4);
+
+// zstd's highest level below the "ultra" ones. Its window stays at 8 MiB, so an updater unpacks
+// with about that much memory whatever the file size; the ultra levels and long-distance
+// matching widen it to 128 MiB for a per cent or two. Packing is slow, once, on the publisher's
+// machine; unpacking runs as fast as at any level.
+constexpr int zstdLevel = 19;
+
+QByteArray head(const QString &path, bool *ok)
+{
+    QFile file(path);
+    *ok = file.open(QIODevice::ReadOnly);
+    return file.read(zstdMagic.size());
+}
+
+} // namespace
+
+bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5)
+{
+    bool readable = false;
+    if (!head(source, &readable).startsWith(zstdMagic))
+        return unzipFileWithMD5(destination, source, md5);
+    Md5Hash hash;
+    if (!unzstdFile(destination, source, &hash))
+        return false;
+    *md5 = hash.result();
+    return true;
+}
+
+bool packFile(const QString &source, const QString &destination, PackFormat format)
+{
+    return format == PackFormat::Zstd ? zstdFile(source, destination, zstdLevel)
+                                      : zipFile(source, destination);
+}
+
+bool startsLikePackedData(const QString &path, bool *ok)
+{
+    const QByteArray bytes = head(path, ok);
+    return bytes.startsWith(gzipMagic) || bytes.startsWith(zstdMagic);
+}

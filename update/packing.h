@@ -1,0 +1,16 @@
+#pragma once
+
+#include <QString>
+
+// Packed files of a release, gzip or zstd, told apart by their first bytes so that the product
+// list needs no field for the format: older updaters only know gzip and never see zstd unless a
+// publisher asks for it.
+enum class PackFormat { Gzip, Zstd };
+
+// Unpacks source into destination by its format and gives the MD5 of what it wrote. Data that
+// is neither gzip nor zstd is copied unchanged, as zlib's transparent reading does.
+bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5);
+bool packFile(const QString &source, const QString &destination, PackFormat format);
+// Whether the file begins like gzip or zstd data, which the updater would unpack rather than
+// copy; ok tells whether it could be read.
+bool startsLikePackedData(const QString &path, bool *ok);

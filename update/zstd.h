@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QString>
+
+class Md5Hash;
+
+// Unpacking and packing of single zstd files, streamed through fixed buffers so that memory
+// stays flat whatever the size. Neither reports anything itself; a failure leaves no output file.
+
+// Unpacks the zstd frames of source into destination, adding what it writes to hash when there
+// is one. A source that is not zstd data, cut short or damaged fails.
+bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash);
+// Packs source into destination as one frame that carries its content size and checksum.
+bool zstdFile(const QString &source, const QString &destination, int level);
