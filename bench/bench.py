@@ -168,7 +168,7 @@ http {{
     keepalive_requests 100000;
     keepalive_timeout 120s;
     server {{
-        listen 127.0.0.1:{port};
+        listen {listen};
         root {root};
     }}
 }}
@@ -207,7 +207,7 @@ class Servers:
         work.mkdir(parents=True, exist_ok=True)
         port = free_port()
         config = work / "nginx.conf"
-        config.write_text(NGINX_CONFIG.format(work=work, port=port, root=root))
+        config.write_text(NGINX_CONFIG.format(work=work, listen="127.0.0.1:%d" % port, root=root))
         process = subprocess.Popen(["/usr/sbin/nginx", "-p", str(work), "-c", str(config),
                                     "-e", "stderr"], stderr=subprocess.DEVNULL)
         self.processes.append(process)
@@ -249,11 +249,12 @@ class Measurement:
     phases: dict = dataclasses.field(default_factory=dict)
 
 
-def measure(command, rnd, cwd=None, env=None, stamps=()):
+def measure(command, rnd, cwd=None, env=None, stamps=(), launcher=()):
     """Runs command under GNU time; returns its wall time, peak RSS and when each line of stamps
     first appeared on its standard error (seconds from the start). Its standard error is kept in
-    the round's directory."""
+    the round's directory. launcher goes before the command (a network namespace to run in)."""
     time_file = rnd.dir / "time.out"
+    command = list(launcher) + command
     wrapped = [GNU_TIME, "-f", "%M", "-o", str(time_file)] + command if has_gnu_time() else command
     seen, lines = {}, []
     sync_disks()
@@ -332,7 +333,9 @@ class Round:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-def run_updater(ctx, workload, rnd):
+def updater_command(ctx, workload, rnd):
+    """Sets up the installation in rnd for the updater; returns its command line and
+    environment."""
     shutil.copy2(ctx.update_bin, rnd.install / "update")
     (rnd.install / "mirrors.ini").write_text(
         "[mirrors]\nsize=1\n1\\mirror=bench\n\n[bench]\nurl=%s\n" % ctx.servers.url(workload.protocol))
@@ -346,11 +349,15 @@ def run_updater(ctx, workload, rnd):
     runtime.mkdir(mode=0o700)
     env = dict(os.environ, QT_QPA_PLATFORM="offscreen", TMPDIR=str(rnd.tmp),
                XDG_RUNTIME_DIR=str(runtime), LC_ALL="C.UTF-8", LANG="C.UTF-8")
-    command = [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION]
+    return [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION], env
+
+
+def run_updater(ctx, workload, rnd):
+    command, env = updater_command(ctx, workload, rnd)
     if ctx.perf_dir and rnd.first:
         command = ["perf", "record", "-q", "-g", "-F", "499", "-o",
                    str(ctx.perf_dir / ("%s.perf.data" % workload.name))] + command
-    result = measure(command, rnd, env=env, stamps=UPDATER_PHASES)
+    result = measure(command, rnd, env=env, stamps=UPDATER_PHASES, launcher=ctx.launcher)
     if any(rnd.tmp.glob("orlivo_temp_*")):
         raise RuntimeError("the updater left its working directory behind")
     return result
@@ -380,7 +387,7 @@ def run_curl(ctx, workload, entries, rnd):
                                                                            CLIENT_TYPE, rnd.dir))
     fetch = ("curl --silent --show-error --fail --parallel --parallel-max 4 --create-dirs "
              "--config %s" % config)
-    return measure(peer_script(entries, rnd, fetch), rnd)
+    return measure(peer_script(entries, rnd, fetch), rnd, launcher=ctx.launcher)
 
 
 def run_aria2(ctx, workload, entries, rnd):
@@ -398,7 +405,7 @@ def run_aria2(ctx, workload, entries, rnd):
     fetch = ("aria2c -q -j4 -x1 -s1 --file-allocation=none --allow-overwrite=true "
              "--auto-file-renaming=false --summary-interval=0 --ftp-reuse-connection=false "
              "--input-file=%s" % inputs)
-    return measure(peer_script(entries, rnd, fetch, check=False), rnd)
+    return measure(peer_script(entries, rnd, fetch, check=False), rnd, launcher=ctx.launcher)
 
 
 def run_md5sum(ctx, workload, entries, rnd):
@@ -458,6 +465,7 @@ class Context:
     servers: Servers = None
     mirror: Path = None
     perf_dir: Path = None
+    launcher: tuple = ()
 
 
 def run_workload(ctx, workload, rounds):
