@@ -36,6 +36,7 @@ class Release:
     top_files: int        # incompressible files at the top level, installed as they are
     sub_files: int        # compressible files in subdirectories, published gzip-packed
     file_size: int
+    compress: str = None  # update-publish --compress, when not its default
 
 
 @dataclasses.dataclass
@@ -46,17 +47,22 @@ class Workload:
     resume: bool = False  # everything already downloaded: verification and install only
 
 
-def workloads(tiny):
+def workloads(tiny, zstd):
+    """zstd: the publisher can pack with zstd, and the big workload is published that way too."""
     if tiny:
         big = Release("big", 2, 2, 300 * 1024)
         small = Release("small", 10, 10, 8 * 1024)
     else:
         big = Release("big", 20, 20, 1024 * MIB // 40)
         small = Release("small", 1000, 2000, 8 * 1024)
-    return [Workload("big-http", big, "http"),
-            Workload("big-ftp", big, "ftp"),
-            Workload("small-http", small, "http"),
-            Workload("resume-http", big, "http", resume=True)]
+    chosen = [Workload("big-http", big, "http"),
+              Workload("big-ftp", big, "ftp"),
+              Workload("small-http", small, "http"),
+              Workload("resume-http", big, "http", resume=True)]
+    if zstd:
+        big_zstd = dataclasses.replace(big, name="big-zstd", compress="zstd")
+        chosen.append(Workload("big-zstd-http", big_zstd, "http"))
+    return chosen
 
 
 def extra_workloads():
@@ -107,7 +113,9 @@ def prepare_release(release, work, publisher):
         (root / "files").mkdir(parents=True)
         log("making release %s" % release.name)
         make_release(release, root / "files")
-        run_checked([publisher, str(root / "files"), CLIENT_TYPE, VERSION, str(root / "mirror")])
+        options = ["--compress", release.compress] if release.compress else []
+        run_checked([publisher] + options + [str(root / "files"), CLIENT_TYPE, VERSION,
+                                             str(root / "mirror")])
         stamp.touch()
     return root
 
@@ -518,21 +526,28 @@ def summarize(workload, results, payload):
     return rows
 
 
+def phase_span(measurements, begin, end):
+    """Median seconds from the log line begin (None: the start) to end (None: the exit)."""
+    spans = []
+    for m in measurements:
+        t0 = m.phases.get(begin, 0.0) if begin else 0.0
+        t1 = m.phases.get(end, m.seconds) if end else m.seconds
+        spans.append(t1 - t0)
+    return statistics.median(spans)
+
+
+INSTALL_PHASE = ("Copy updated files...", "Updated files copied")
+
+
 def phase_lines(workload, measurements):
     """Where the updater's time went, from the moments its log lines appeared."""
     marks = [("start, list", None, "Download file list retrieved."),
              ("verification", "Download file list retrieved.", "Verification of"),
              ("download", "Verification of", "Download finished."),
-             ("install", "Copy updated files...", "Updated files copied"),
+             ("install",) + INSTALL_PHASE,
              ("clean-up, exit", "Updated files copied", None)]
-    cells = []
-    for label, begin, end in marks:
-        spans = []
-        for m in measurements:
-            t0 = m.phases.get(begin, 0.0) if begin else 0.0
-            t1 = m.phases.get(end, m.seconds) if end else m.seconds
-            spans.append(t1 - t0)
-        cells.append("%s %.2f" % (label, statistics.median(spans)))
+    cells = ["%s %.2f" % (label, phase_span(measurements, begin, end))
+             for label, begin, end in marks]
     return "%s: %s" % (workload.name, ", ".join(cells))
 
 
@@ -566,6 +581,12 @@ def report(all_results):
             line = verification_line(results, payload)
             if line:
                 print("  " + line)
+    installs = {w.name: phase_span(r["updater"], *INSTALL_PHASE)
+                for w, (r, _) in all_results if r.get("updater")}
+    if "big-http" in installs and "big-zstd-http" in installs:
+        print("  install phase, zstd against gzip: %.2f s / %.2f s = %.2f"
+              % (installs["big-zstd-http"], installs["big-http"],
+                 installs["big-zstd-http"] / installs["big-http"]))
 
 
 def machine_line():
@@ -583,6 +604,12 @@ def build(build_dir):
                  "-DCMAKE_BUILD_TYPE=Release"])
     run_checked(["cmake", "--build", str(build_dir), "--target", "update", "update-publish"])
     return build_dir / "app" / "update", build_dir / "tools" / "update-publish"
+
+
+def publisher_offers(publisher, option):
+    result = subprocess.run([publisher, "--help"], stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True)
+    return option in result.stdout
 
 
 def run_checked(command, **kwargs):
@@ -624,7 +651,10 @@ def main():
     if args.perf:
         args.perf.mkdir(parents=True, exist_ok=True)
     names = args.only.split(",") if args.only else None
-    chosen = [w for w in workloads(args.tiny) if not names or w.name in names]
+    zstd = publisher_offers(str(publisher), "--compress")
+    if not zstd and (not names or "big-zstd-http" in names):
+        log("big-zstd-http skipped: update-publish offers no --compress")
+    chosen = [w for w in workloads(args.tiny, zstd) if not names or w.name in names]
     chosen += [w for w in extra_workloads() if names and w.name in names]
     log(machine_line())
     all_results = []
