@@ -424,14 +424,16 @@ def resume_case(ctx, size):
             process.send_signal(signal.SIGKILL)
         process.wait()
     partial = max((p.stat().st_size for p in rnd.tmp.rglob("*") if p.is_file()), default=0)
+    remembered = "[current]" in (rnd.install / "update.ini").read_text()
     before = ctx.link.delivered()
     result = bench.measure(command, rnd, env=env, stamps=bench.UPDATER_PHASES,
                            launcher=ctx.launcher)
     result.received = ctx.link.delivered() - before
     bench.verify_installation(rnd.install, files)
     rnd.remove()
-    log("resume: killed at %.1f MB of %.1f MB; the next run: %.2f s, %.2f MB"
-        % (partial / 1e6, size / 1e6, result.seconds, result.received / 1e6))
+    log("resume: killed at %.1f MB of %.1f MB (working directory %s); the next run: %.2f s, "
+        "%.2f MB" % (partial / 1e6, size / 1e6, "remembered" if remembered else "forgotten",
+                     result.seconds, result.received / 1e6))
     return partial, size, result
 
 
@@ -458,11 +460,19 @@ def report_update(update, results):
             name, median, min(times), max(times), received / 1e6,
             "%.1f" % (received / update.reference) if update.reference else "n/a",
             "%.2f" % (median / whole_time) if whole_time else ""))
+    print()
+    print("Updater phases (median seconds):")
+    for name, ms in results.items():
+        if name.startswith("updater"):
+            print("  " + bench.phase_lines(bench.Workload(name, None, "http"), ms))
 
 
 def report_resume(resume):
     partial, size, result = resume
     missing = size - partial
+    print()
+    print("resume, the next run: " + bench.phase_lines(bench.Workload("resume", None, "http"),
+                                                        [result]))
     print()
     print("| resume | killed at MB | missing MB | next run MB received | next run s "
           "| received / (missing + 1 MiB) |")
