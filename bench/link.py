@@ -471,8 +471,7 @@ def report_resume(resume):
     partial, size, result = resume
     missing = size - partial
     print()
-    print("resume, the next run: " + bench.phase_lines(bench.Workload("resume", None, "http"),
-                                                        [result]))
+    print(bench.phase_lines(bench.Workload("resume, the next run", None, "http"), [result]))
     print()
     print("| resume | killed at MB | missing MB | next run MB received | next run s "
           "| received / (missing + 1 MiB) |")
