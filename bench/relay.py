@@ -41,11 +41,15 @@ async def forward(reader, writer, delay, direction):
                 await asyncio.sleep(wait)
             if not data:
                 break
+            # A side that went away (a killed client) ends this direction: asyncio would take
+            # the writes and drop them, and they would be counted for the next client.
+            if writer.is_closing():
+                return
             try:
                 writer.write(data)
                 await writer.drain()
             except OSError:
-                return  # that side went away (a killed client)
+                return
             sent[direction] += len(data)
         if writer.can_write_eof() and not writer.is_closing():
             writer.write_eof()
