@@ -249,10 +249,11 @@ def publish(publisher, files, version, mirror, options, previous=None):
     run_checked(command, stdout=subprocess.DEVNULL)
 
 
-def prepare_update(name, root, make_trees, publisher, options, reference_cache=None):
+def prepare_update(name, root, key, make_trees, publisher, options, reference_cache=None):
     """Publishes old as OLD_VERSION and new as VERSION twice: with --previous (patches, once the
-    publisher makes them) and without (whole files only), and the new changed files for zsync."""
-    stamp = root / "stamp"
+    publisher makes them) and without (whole files only), and the new changed files for zsync.
+    A work directory kept from an earlier run with the same key is reused."""
+    stamp = root / ("stamp-" + key.replace(":", "_"))
     notes_file = root / "notes"
     old, new, mirrors = root / "old", root / "new", root / "mirrors"
     if not stamp.exists():
@@ -266,7 +267,7 @@ def prepare_update(name, root, make_trees, publisher, options, reference_cache=N
         stamp.touch()
     changed = changed_files(old, new)
     zsync = mirrors / "zsync"
-    if not zsync.exists():
+    if not zsync.exists() and shutil.which("zsyncmake"):
         for rel in changed:
             target = zsync / rel
             target.parent.mkdir(parents=True, exist_ok=True)
@@ -291,9 +292,9 @@ def prepare_update(name, root, make_trees, publisher, options, reference_cache=N
                   notes_file.read_text().splitlines())
 
 
-def debian_trees(downloads, dereference):
+def debian_trees(debs, dereference):
     def make(old, new):
-        (old_version, old_deb), (new_version, new_deb) = fetch_debs(downloads)
+        (old_version, old_deb), (new_version, new_deb) = debs
         notes = ["%s %s -> %s" % (PACKAGE, old_version, new_version)]
         dropped = set()
         for deb, files in ((old_deb, old), (new_deb, new)):
@@ -552,15 +553,15 @@ def main():
     try:
         if "libreoffice" in names:
             if args.tiny:
-                update = prepare_update("tiny", work / "releases" / "tiny", synthetic_trees,
-                                        publisher, options)
+                update = prepare_update("tiny", work / "releases" / "tiny", "tiny",
+                                        synthetic_trees, publisher, options)
             else:
                 downloads = (args.downloads or args.build_dir / "downloads").resolve()
-                cache = downloads / ("bsdiff-%s.size" % "-".join(
-                    v.replace(":", "_") for v in PACKAGE_VERSIONS))
-                update = prepare_update("libreoffice", work / "releases" / "libreoffice",
-                                        debian_trees(downloads, dereference), publisher,
-                                        options, reference_cache=cache)
+                debs = fetch_debs(downloads)
+                key = "-".join(v.replace(":", "_") for v, _ in debs)
+                update = prepare_update("libreoffice", work / "releases" / "libreoffice", key,
+                                        debian_trees(debs, dereference), publisher, options,
+                                        reference_cache=downloads / ("bsdiff-%s.size" % key))
             mirrors = work / "releases" / "mirrors"
             mirrors.mkdir(parents=True, exist_ok=True)
             for name in ("patched", "whole", "zsync"):
