@@ -252,11 +252,12 @@ def publish(publisher, files, version, mirror, options, previous=None):
 def prepare_update(name, root, key, make_trees, publisher, options, reference_cache=None):
     """Publishes old as OLD_VERSION and new as VERSION twice: with --previous (patches, once the
     publisher makes them) and without (whole files only), and the new changed files for zsync.
-    A work directory kept from an earlier run with the same key is reused."""
-    stamp = root / ("stamp-" + key.replace(":", "_"))
+    A work directory kept from an earlier run with the same key and options is reused."""
+    stamp = root / "stamp"
+    made_as = "%s %s\n" % (key, " ".join(options))
     notes_file = root / "notes"
     old, new, mirrors = root / "old", root / "new", root / "mirrors"
-    if not stamp.exists():
+    if not stamp.exists() or stamp.read_text() != made_as:
         shutil.rmtree(root, ignore_errors=True)
         root.mkdir(parents=True)
         notes = make_trees(old, new)
@@ -264,7 +265,7 @@ def prepare_update(name, root, key, make_trees, publisher, options, reference_ca
         publish(publisher, new, VERSION, mirrors / "patched", options, previous=old)
         publish(publisher, new, VERSION, mirrors / "whole", options)
         notes_file.write_text("".join(n + "\n" for n in notes))
-        stamp.touch()
+        stamp.write_text(made_as)
     changed = changed_files(old, new)
     zsync = mirrors / "zsync"
     if not zsync.exists() and shutil.which("zsyncmake"):
