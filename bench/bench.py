@@ -36,6 +36,7 @@ class Release:
     top_files: int        # incompressible files at the top level, installed as they are
     sub_files: int        # compressible files in subdirectories, published gzip-packed
     file_size: int
+    compress: str = None  # update-publish --compress, when not its default
 
 
 @dataclasses.dataclass
@@ -46,17 +47,22 @@ class Workload:
     resume: bool = False  # everything already downloaded: verification and install only
 
 
-def workloads(tiny):
+def workloads(tiny, zstd):
+    """zstd: the publisher can pack with zstd, and the big workload is published that way too."""
     if tiny:
         big = Release("big", 2, 2, 300 * 1024)
         small = Release("small", 10, 10, 8 * 1024)
     else:
         big = Release("big", 20, 20, 1024 * MIB // 40)
         small = Release("small", 1000, 2000, 8 * 1024)
-    return [Workload("big-http", big, "http"),
-            Workload("big-ftp", big, "ftp"),
-            Workload("small-http", small, "http"),
-            Workload("resume-http", big, "http", resume=True)]
+    chosen = [Workload("big-http", big, "http"),
+              Workload("big-ftp", big, "ftp"),
+              Workload("small-http", small, "http"),
+              Workload("resume-http", big, "http", resume=True)]
+    if zstd:
+        big_zstd = dataclasses.replace(big, name="big-zstd", compress="zstd")
+        chosen.append(Workload("big-zstd-http", big_zstd, "http"))
+    return chosen
 
 
 def extra_workloads():
@@ -107,7 +113,9 @@ def prepare_release(release, work, publisher):
         (root / "files").mkdir(parents=True)
         log("making release %s" % release.name)
         make_release(release, root / "files")
-        run_checked([publisher, str(root / "files"), CLIENT_TYPE, VERSION, str(root / "mirror")])
+        options = ["--compress", release.compress] if release.compress else []
+        run_checked([publisher] + options + [str(root / "files"), CLIENT_TYPE, VERSION,
+                                             str(root / "mirror")])
         stamp.touch()
     return root
 
@@ -168,7 +176,7 @@ http {{
     keepalive_requests 100000;
     keepalive_timeout 120s;
     server {{
-        listen 127.0.0.1:{port};
+        listen {listen};
         root {root};
     }}
 }}
@@ -207,7 +215,7 @@ class Servers:
         work.mkdir(parents=True, exist_ok=True)
         port = free_port()
         config = work / "nginx.conf"
-        config.write_text(NGINX_CONFIG.format(work=work, port=port, root=root))
+        config.write_text(NGINX_CONFIG.format(work=work, listen="127.0.0.1:%d" % port, root=root))
         process = subprocess.Popen(["/usr/sbin/nginx", "-p", str(work), "-c", str(config),
                                     "-e", "stderr"], stderr=subprocess.DEVNULL)
         self.processes.append(process)
@@ -249,11 +257,12 @@ class Measurement:
     phases: dict = dataclasses.field(default_factory=dict)
 
 
-def measure(command, rnd, cwd=None, env=None, stamps=()):
+def measure(command, rnd, cwd=None, env=None, stamps=(), launcher=()):
     """Runs command under GNU time; returns its wall time, peak RSS and when each line of stamps
     first appeared on its standard error (seconds from the start). Its standard error is kept in
-    the round's directory."""
+    the round's directory. launcher goes before the command (a network namespace to run in)."""
     time_file = rnd.dir / "time.out"
+    command = list(launcher) + command
     wrapped = [GNU_TIME, "-f", "%M", "-o", str(time_file)] + command if has_gnu_time() else command
     seen, lines = {}, []
     sync_disks()
@@ -332,7 +341,9 @@ class Round:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-def run_updater(ctx, workload, rnd):
+def updater_command(ctx, workload, rnd):
+    """Sets up the installation in rnd for the updater; returns its command line and
+    environment."""
     shutil.copy2(ctx.update_bin, rnd.install / "update")
     (rnd.install / "mirrors.ini").write_text(
         "[mirrors]\nsize=1\n1\\mirror=bench\n\n[bench]\nurl=%s\n" % ctx.servers.url(workload.protocol))
@@ -346,11 +357,15 @@ def run_updater(ctx, workload, rnd):
     runtime.mkdir(mode=0o700)
     env = dict(os.environ, QT_QPA_PLATFORM="offscreen", TMPDIR=str(rnd.tmp),
                XDG_RUNTIME_DIR=str(runtime), LC_ALL="C.UTF-8", LANG="C.UTF-8")
-    command = [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION]
+    return [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION], env
+
+
+def run_updater(ctx, workload, rnd):
+    command, env = updater_command(ctx, workload, rnd)
     if ctx.perf_dir and rnd.first:
         command = ["perf", "record", "-q", "-g", "-F", "499", "-o",
                    str(ctx.perf_dir / ("%s.perf.data" % workload.name))] + command
-    result = measure(command, rnd, env=env, stamps=UPDATER_PHASES)
+    result = measure(command, rnd, env=env, stamps=UPDATER_PHASES, launcher=ctx.launcher)
     if any(rnd.tmp.glob("orlivo_temp_*")):
         raise RuntimeError("the updater left its working directory behind")
     return result
@@ -380,7 +395,7 @@ def run_curl(ctx, workload, entries, rnd):
                                                                            CLIENT_TYPE, rnd.dir))
     fetch = ("curl --silent --show-error --fail --parallel --parallel-max 4 --create-dirs "
              "--config %s" % config)
-    return measure(peer_script(entries, rnd, fetch), rnd)
+    return measure(peer_script(entries, rnd, fetch), rnd, launcher=ctx.launcher)
 
 
 def run_aria2(ctx, workload, entries, rnd):
@@ -398,7 +413,7 @@ def run_aria2(ctx, workload, entries, rnd):
     fetch = ("aria2c -q -j4 -x1 -s1 --file-allocation=none --allow-overwrite=true "
              "--auto-file-renaming=false --summary-interval=0 --ftp-reuse-connection=false "
              "--input-file=%s" % inputs)
-    return measure(peer_script(entries, rnd, fetch, check=False), rnd)
+    return measure(peer_script(entries, rnd, fetch, check=False), rnd, launcher=ctx.launcher)
 
 
 def run_md5sum(ctx, workload, entries, rnd):
@@ -458,6 +473,7 @@ class Context:
     servers: Servers = None
     mirror: Path = None
     perf_dir: Path = None
+    launcher: tuple = ()
 
 
 def run_workload(ctx, workload, rounds):
@@ -510,21 +526,28 @@ def summarize(workload, results, payload):
     return rows
 
 
+def phase_span(measurements, begin, end):
+    """Median seconds from the log line begin (None: the start) to end (None: the exit)."""
+    spans = []
+    for m in measurements:
+        t0 = m.phases.get(begin, 0.0) if begin else 0.0
+        t1 = m.phases.get(end, m.seconds) if end else m.seconds
+        spans.append(t1 - t0)
+    return statistics.median(spans)
+
+
+INSTALL_PHASE = ("Copy updated files...", "Updated files copied")
+
+
 def phase_lines(workload, measurements):
     """Where the updater's time went, from the moments its log lines appeared."""
     marks = [("start, list", None, "Download file list retrieved."),
              ("verification", "Download file list retrieved.", "Verification of"),
              ("download", "Verification of", "Download finished."),
-             ("install", "Copy updated files...", "Updated files copied"),
+             ("install",) + INSTALL_PHASE,
              ("clean-up, exit", "Updated files copied", None)]
-    cells = []
-    for label, begin, end in marks:
-        spans = []
-        for m in measurements:
-            t0 = m.phases.get(begin, 0.0) if begin else 0.0
-            t1 = m.phases.get(end, m.seconds) if end else m.seconds
-            spans.append(t1 - t0)
-        cells.append("%s %.2f" % (label, statistics.median(spans)))
+    cells = ["%s %.2f" % (label, phase_span(measurements, begin, end))
+             for label, begin, end in marks]
     return "%s: %s" % (workload.name, ", ".join(cells))
 
 
@@ -558,6 +581,12 @@ def report(all_results):
             line = verification_line(results, payload)
             if line:
                 print("  " + line)
+    installs = {w.name: phase_span(r["updater"], *INSTALL_PHASE)
+                for w, (r, _) in all_results if r.get("updater")}
+    if "big-http" in installs and "big-zstd-http" in installs:
+        print("  install phase, zstd against gzip: %.2f s / %.2f s = %.2f"
+              % (installs["big-zstd-http"], installs["big-http"],
+                 installs["big-zstd-http"] / installs["big-http"]))
 
 
 def machine_line():
@@ -575,6 +604,12 @@ def build(build_dir):
                  "-DCMAKE_BUILD_TYPE=Release"])
     run_checked(["cmake", "--build", str(build_dir), "--target", "update", "update-publish"])
     return build_dir / "app" / "update", build_dir / "tools" / "update-publish"
+
+
+def publisher_offers(publisher, option):
+    result = subprocess.run([publisher, "--help"], stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True)
+    return option in result.stdout
 
 
 def run_checked(command, **kwargs):
@@ -616,7 +651,10 @@ def main():
     if args.perf:
         args.perf.mkdir(parents=True, exist_ok=True)
     names = args.only.split(",") if args.only else None
-    chosen = [w for w in workloads(args.tiny) if not names or w.name in names]
+    zstd = publisher_offers(str(publisher), "--compress")
+    if not zstd and (not names or "big-zstd-http" in names):
+        log("big-zstd-http skipped: update-publish offers no --compress")
+    chosen = [w for w in workloads(args.tiny, zstd) if not names or w.name in names]
     chosen += [w for w in extra_workloads() if names and w.name in names]
     log(machine_line())
     all_results = []

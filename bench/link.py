@@ -1,0 +1,601 @@
+#!/usr/bin/python3
+"""Times updates with real releases over an emulated link: 20 Mbit/s, 40 ms of round trip.
+
+usage: bench/link.py [--rounds N] [--only libreoffice,resume] [--tiny] [--downloads DIR] ...
+
+Everything runs in a network namespace of its own: its loopback is throttled by tbf, and a
+delaying relay (bench/relay.py) stands between every client and nginx, counting the bytes it
+delivers. See bench/README.md, "On a real link".
+"""
+import argparse
+import dataclasses
+import os
+import shlex
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import bench
+from bench import CLIENT_TYPE, MIB, VERSION, log, run_checked
+
+OLD_VERSION = str(int(VERSION) - 1)
+PACKAGE = "libreoffice-core"
+PACKAGE_VERSIONS = ["4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14"]
+RESUME_SIZE = 200 * MIB
+
+
+# --- the link ------------------------------------------------------------------------------------
+
+class Namespace:
+    """A network namespace whose loopback is the link, until remove(). Without one (not root),
+    launcher is empty and the loopback is not throttled."""
+
+    def __init__(self, rate, delay_ms, use):
+        self.name = None
+        self.launcher = ()
+        if not use:
+            return
+        self.name = "orlivo-bench-%d" % os.getpid()
+        run_checked(["ip", "netns", "add", self.name])
+        self.launcher = ("ip", "netns", "exec", self.name)
+        try:
+            run_checked(list(self.launcher) + ["ip", "link", "set", "lo", "mtu", "1500", "up"])
+            # A burst below the MTU would drop every full-sized packet; the latency bounds the
+            # queue.
+            run_checked(list(self.launcher) + ["tc", "qdisc", "add", "dev", "lo", "root", "tbf",
+                                               "rate", rate, "burst", "64kbit", "latency",
+                                               "50ms"])
+        except (OSError, subprocess.CalledProcessError):
+            self.remove()
+            raise
+
+    def remove(self):
+        if self.name:
+            # Whatever an interrupted run left inside was started by this benchmark.
+            pids = subprocess.run(["ip", "netns", "pids", self.name], stdout=subprocess.PIPE,
+                                  text=True).stdout.split()
+            for pid in pids:
+                try:
+                    os.kill(int(pid), signal.SIGKILL)
+                except OSError:
+                    pass
+            subprocess.run(["ip", "netns", "del", self.name], stderr=subprocess.DEVNULL)
+            self.name = None
+
+
+class Link:
+    """nginx on a Unix socket serving the mirrors' root, behind the relay's loopback port. Only
+    the relay's client side crosses the throttled loopback, so every byte is paid for once."""
+
+    def __init__(self, root, work, namespace, delay_ms):
+        self.processes = []
+        self.launcher = list(namespace.launcher)
+        # A short path: Unix socket names are limited to 108 bytes.
+        self.socket_dir = Path(tempfile.mkdtemp(prefix="orlivo-link-"))
+        sock = self.socket_dir / "mirror.sock"
+        work.mkdir(parents=True, exist_ok=True)
+        config = work / "nginx.conf"
+        config.write_text(bench.NGINX_CONFIG.format(work=work, listen="unix:%s" % sock,
+                                                    root=root))
+        nginx = self.start(["/usr/sbin/nginx", "-p", str(work), "-c", str(config), "-e", "stderr"],
+                           stderr=subprocess.DEVNULL)
+        wait_for_socket(sock, nginx)
+        self.relay = self.start(["/usr/bin/python3", str(Path(__file__).parent / "relay.py"),
+                                 str(delay_ms), str(sock)],
+                                stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        words = self.relay.stdout.readline().split()
+        if len(words) != 2 or words[0] != "ready":
+            raise RuntimeError("the relay did not start")
+        self.port = int(words[1])
+
+    def start(self, command, **kwargs):
+        process = subprocess.Popen(self.launcher + command, **kwargs)
+        self.processes.append(process)
+        return process
+
+    def url(self, mirror):
+        return "http://127.0.0.1:%d/%s/" % (self.port, mirror)
+
+    def delivered(self):
+        """Bytes the relay has delivered to clients so far."""
+        self.relay.stdin.write("\n")
+        self.relay.stdin.flush()
+        return int(self.relay.stdout.readline().split()[0])
+
+    def stop(self):
+        for process in reversed(self.processes):
+            if process.poll() is None:
+                process.terminate()
+            try:
+                process.wait(timeout=10)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
+        shutil.rmtree(self.socket_dir, ignore_errors=True)
+
+
+def wait_for_socket(path, process):
+    for _ in range(200):
+        if process.poll() is not None:
+            raise RuntimeError("nginx exited early")
+        try:
+            with socket.socket(socket.AF_UNIX) as probe:
+                probe.connect(str(path))
+            return
+        except OSError:
+            time.sleep(0.05)
+    raise RuntimeError("nginx did not come up on %s" % path)
+
+
+class Mirror:
+    """One mirror tree below the link's root, as bench.py's contenders ask for it."""
+
+    def __init__(self, link, name):
+        self.link, self.name = link, name
+
+    def url(self, protocol):
+        return self.link.url(self.name)
+
+
+# --- releases ------------------------------------------------------------------------------------
+
+def fetch_debs(downloads):
+    """The two versions of the package as .deb files, downloaded once into downloads."""
+    downloads.mkdir(parents=True, exist_ok=True)
+    cached = {deb_version(d): d for d in downloads.glob(PACKAGE + "_*.deb")}
+    wanted = PACKAGE_VERSIONS
+    if not all(v in cached for v in wanted):
+        listed = subprocess.run(["apt-cache", "madison", PACKAGE], stdout=subprocess.PIPE,
+                                text=True, check=True).stdout
+        available = [line.split("|")[1].strip() for line in listed.splitlines()]
+        if not all(v in available for v in wanted):
+            # Superseded versions leave the archive: the two newest tell the same story.
+            newest = sorted(set(available), key=VersionKey, reverse=True)[:2]
+            wanted = list(reversed(newest))
+            log("%s %s are gone; using %s" % (PACKAGE, " ".join(PACKAGE_VERSIONS),
+                                              " ".join(wanted)))
+        for v in wanted:
+            if v not in cached:
+                run_checked(["apt-get", "download", "-q", "%s=%s" % (PACKAGE, v)], cwd=downloads)
+        cached = {deb_version(d): d for d in downloads.glob(PACKAGE + "_*.deb")}
+    return [(v, cached[v]) for v in wanted]
+
+
+def deb_version(path):
+    return subprocess.run(["dpkg-deb", "-f", str(path), "Version"], stdout=subprocess.PIPE,
+                          text=True, check=True).stdout.strip()
+
+
+class VersionKey:
+    def __init__(self, version):
+        self.version = version
+
+    def __lt__(self, other):
+        return subprocess.run(["dpkg", "--compare-versions", self.version, "lt",
+                               other.version]).returncode == 0
+
+
+def unpack(deb, files, dereference):
+    """The package's files as a release. Links that leave the tree (or lead nowhere) point
+    into the system the package is installed on, not into the release: they are dropped. The
+    others are published as what they point to, by the publisher when it can."""
+    run_checked(["dpkg-deb", "-x", str(deb), str(files)])
+    dropped = []
+    for path in sorted(files.rglob("*")):
+        if not path.is_symlink():
+            continue
+        target = path.resolve()
+        if not target.exists() or files.resolve() not in target.parents:
+            dropped.append(str(path.relative_to(files)))
+            path.unlink()
+        elif not dereference:
+            path.unlink()
+            if target.is_dir():
+                shutil.copytree(target, path, symlinks=False)
+            else:
+                shutil.copy2(target, path)
+    return dropped
+
+
+def changed_files(old, new):
+    """Install paths of the new release whose content the old one does not have."""
+    changed = []
+    for path in sorted(new.rglob("*")):
+        if path.is_file():
+            rel = path.relative_to(new)
+            before = old / rel
+            if not before.is_file() or bench.file_md5(before) != bench.file_md5(path):
+                changed.append(str(rel))
+    return changed
+
+
+def bsdiff_reference(old, new, changed, scratch):
+    """Bytes of Debian bsdiff's patches for the changed files (whole files when new)."""
+    total = 0
+    scratch.mkdir(parents=True, exist_ok=True)
+    for rel in changed:
+        if not (old / rel).is_file():
+            total += (new / rel).stat().st_size
+            continue
+        patch = scratch / "patch"
+        run_checked(["bsdiff", str(old / rel), str(new / rel), str(patch)])
+        total += patch.stat().st_size
+        patch.unlink()
+    return total
+
+
+@dataclasses.dataclass
+class Update:
+    """Two consecutive releases published for the link, and what a peer needs to know."""
+    name: str
+    old_files: Path
+    new_files: Path
+    mirrors: Path
+    changed: list
+    reference: int        # bsdiff's patches plus the list; None without bsdiff
+    notes: list
+
+
+def publish(publisher, files, version, mirror, options, previous=None):
+    command = [publisher] + options + [str(files), CLIENT_TYPE, version, str(mirror)]
+    if previous:
+        command += ["--previous", str(previous)]
+    run_checked(command, stdout=subprocess.DEVNULL)
+
+
+def prepare_update(name, root, key, make_trees, publisher, options, reference_cache=None):
+    """Publishes old as OLD_VERSION and new as VERSION twice: with --previous (patches, once the
+    publisher makes them) and without (whole files only), and the new changed files for zsync.
+    A work directory kept from an earlier run with the same key and options is reused."""
+    stamp = root / "stamp"
+    made_as = "%s %s\n" % (key, " ".join(options))
+    notes_file = root / "notes"
+    old, new, mirrors = root / "old", root / "new", root / "mirrors"
+    if not stamp.exists() or stamp.read_text() != made_as:
+        shutil.rmtree(root, ignore_errors=True)
+        root.mkdir(parents=True)
+        notes = make_trees(old, new)
+        publish(publisher, old, OLD_VERSION, mirrors / "patched", options)
+        publish(publisher, new, VERSION, mirrors / "patched", options, previous=old)
+        publish(publisher, new, VERSION, mirrors / "whole", options)
+        notes_file.write_text("".join(n + "\n" for n in notes))
+        stamp.write_text(made_as)
+    changed = changed_files(old, new)
+    zsync = mirrors / "zsync"
+    if not zsync.exists() and shutil.which("zsyncmake"):
+        for rel in changed:
+            target = zsync / rel
+            target.parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy2(new / rel, target)
+            # -Z: the .gz files among them are fetched as they are, not rebuilt from inside.
+            run_checked(["zsyncmake", "-Z", "-u", target.name, "-o", "%s.zsync" % target.name,
+                         target.name], cwd=target.parent, stdout=subprocess.DEVNULL)
+    listing = sum(p.stat().st_size for p in (mirrors / "patched" / VERSION).glob(CLIENT_TYPE + ".*")
+                  if p.is_file())
+    if reference_cache and reference_cache.exists():
+        patches = int(reference_cache.read_text())
+    elif not shutil.which("bsdiff"):
+        log("no bsdiff: no reference")
+        patches = None
+    else:
+        log("%s: bsdiff of %d changed files" % (name, len(changed)))
+        patches = bsdiff_reference(old, new, changed, root / "scratch")
+        if reference_cache:
+            reference_cache.write_text("%d\n" % patches)
+    return Update(name, old, new, mirrors, changed,
+                  patches + listing if patches is not None else None,
+                  notes_file.read_text().splitlines())
+
+
+def debian_trees(debs, dereference):
+    def make(old, new):
+        (old_version, old_deb), (new_version, new_deb) = debs
+        notes = ["%s %s -> %s" % (PACKAGE, old_version, new_version)]
+        dropped = set()
+        for deb, files in ((old_deb, old), (new_deb, new)):
+            dropped.update(unpack(deb, files, dereference))
+        if dropped:
+            notes.append("links leaving the package, dropped: " + ", ".join(sorted(dropped)))
+        notes.append("other links: %s" % ("published with --dereference" if dereference
+                                           else "copied as what they point to"))
+        return notes
+    return make
+
+
+def synthetic_trees(old, new):
+    """A few files, two of them changed slightly: the tiny run."""
+    old.mkdir()
+    bench.make_release(bench.Release("tiny-link", 2, 4, 256 * 1024), old)
+    shutil.copytree(old, new)
+    for rel in ("asset-0000.pak", "lib/00/module-0001.so"):
+        data = bytearray((new / rel).read_bytes())
+        data[1000:1100] = os.urandom(100)
+        (new / rel).write_bytes(bytes(data))
+    return ["synthetic: 6 files of 256 KiB, 2 changed"]
+
+
+# --- contenders ----------------------------------------------------------------------------------
+
+def updater(mirror):
+    def run(ctx, update, entries, rnd):
+        workload = bench.Workload(update.name, None, "http")
+        return bench.run_updater(dataclasses.replace(ctx, servers=Mirror(ctx.link, mirror)),
+                                 workload, rnd)
+    return run
+
+
+def run_curl(ctx, update, entries, rnd):
+    """The changed files whole, as the list names them (packed ones packed), then unpacked."""
+    workload = bench.Workload(update.name, None, "http")
+    return bench.run_curl(dataclasses.replace(ctx, servers=Mirror(ctx.link, "whole")), workload,
+                          entries, rnd)
+
+
+def run_zsync(ctx, update, entries, rnd):
+    """zsync of each changed file with the installed one as seed, then copied into place."""
+    base = ctx.link.url("zsync")
+    steps = ["set -e"]
+    for e in entries:
+        target = rnd.stage / e.install_path
+        target.parent.mkdir(parents=True, exist_ok=True)
+        steps.append("zsync -q -i %s -o %s %s" % (
+            shlex.quote(str(rnd.install / e.install_path)), shlex.quote(str(target)),
+            shlex.quote(base + e.install_path + ".zsync")))
+    steps += ["cd %s" % rnd.stage, "find . -name '*.zs-old' -delete", "cp -r . %s/" % rnd.install]
+    return bench.measure(["/bin/bash", "-c", "\n".join(steps)], rnd, launcher=ctx.launcher)
+
+
+# name, the tool it needs, how it runs
+CONTENDERS = [("updater", None, updater("patched")),
+              ("updater, whole files", None, updater("whole")),
+              ("curl + md5sum + gzip -d + cp", "curl", run_curl),
+              ("zsync + cp", "zsync", run_zsync)]
+
+
+@dataclasses.dataclass
+class LinkContext(bench.Context):
+    link: Link = None
+    publisher: str = None
+
+
+def run_update(ctx, update, rounds):
+    entries = bench.read_product_list(update.mirrors / "whole" / VERSION / (CLIENT_TYPE + ".ini"))
+    changed = set(update.changed)
+    changed_entries = [e for e in entries if e.install_path in changed]
+    runners = [(n, f) for n, tool, f in CONTENDERS if not tool or shutil.which(tool)]
+    results = {name: [] for name, _ in runners}
+    runs = ctx.work / "runs"
+    runs.mkdir(exist_ok=True)
+    bench.spread_directories(runs)
+    for r in range(rounds):
+        order = runners[r % len(runners):] + runners[:r % len(runners)]
+        for name, runner in order:
+            label = "%s-%d-%d" % (update.name, list(results).index(name), r)
+            rnd = bench.Round(ctx.work, label, r == 0)
+            shutil.rmtree(rnd.install)
+            shutil.copytree(update.old_files, rnd.install, symlinks=True)
+            before = ctx.link.delivered()
+            result = runner(ctx, update, changed_entries, rnd)
+            result.received = ctx.link.delivered() - before
+            bench.verify_installation(rnd.install, update.new_files)
+            results[name].append(result)
+            log("%-12s %-30s round %d: %6.2f s, %6.2f MB" % (update.name, name, r + 1,
+                                                           result.seconds, result.received / 1e6))
+            rnd.remove()
+    return results
+
+
+def resume_case(ctx, size):
+    """Kills the updater once half of a large file has arrived; the next run should fetch only
+    the rest."""
+    root = ctx.work / "releases" / "resume"
+    files, mirror = root / "files", ctx.work / "releases" / "mirrors" / "resume"
+    stamp = root / ("stamp-%d" % size)
+    if not stamp.exists():
+        shutil.rmtree(root, ignore_errors=True)
+        shutil.rmtree(mirror, ignore_errors=True)
+        files.mkdir(parents=True)
+        with open(files / "voice-data.pak", "wb") as f:
+            for _ in range(size // MIB):
+                f.write(os.urandom(MIB))
+        publish(ctx.publisher, files, VERSION, mirror, [])
+        stamp.touch()
+    rnd = bench.Round(ctx.work, "resume", True)
+    workload = bench.Workload("resume", None, "http")
+    run_ctx = dataclasses.replace(ctx, servers=Mirror(ctx.link, "resume"))
+    command, env = bench.updater_command(run_ctx, workload, rnd)
+    process = subprocess.Popen(list(ctx.launcher) + command, env=env, cwd=rnd.dir,
+                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        partial = 0
+        while partial < size // 2:
+            if process.poll() is not None:
+                raise RuntimeError("the updater ended (%d) before half of the file arrived"
+                                   % process.returncode)
+            time.sleep(0.02)
+            partial = max((p.stat().st_size for p in rnd.tmp.rglob("*") if p.is_file()),
+                          default=0)
+    finally:
+        if process.poll() is None:
+            process.send_signal(signal.SIGKILL)
+        process.wait()
+    partial = max((p.stat().st_size for p in rnd.tmp.rglob("*") if p.is_file()), default=0)
+    remembered = "[current]" in (rnd.install / "update.ini").read_text()
+    # The killed run's transfer must not be counted for the next one.
+    before = ctx.link.delivered()
+    for _ in range(50):
+        time.sleep(0.2)
+        settled, before = before, ctx.link.delivered()
+        if settled == before:
+            break
+    result = bench.measure(command, rnd, env=env, stamps=bench.UPDATER_PHASES,
+                           launcher=ctx.launcher)
+    result.received = ctx.link.delivered() - before
+    bench.verify_installation(rnd.install, files)
+    rnd.remove()
+    log("resume: killed at %.1f MB of %.1f MB (working directory %s); the next run: %.2f s, "
+        "%.2f MB" % (partial / 1e6, size / 1e6, "remembered" if remembered else "forgotten",
+                     result.seconds, result.received / 1e6))
+    return partial, size, result
+
+
+# --- reporting -----------------------------------------------------------------------------------
+
+def report_update(update, results):
+    print()
+    print("%s: %d changed files; bsdiff's patches plus the list: %s MB" % (
+        update.name, len(update.changed),
+        "%.3f" % (update.reference / 1e6) if update.reference else "n/a"))
+    for note in update.notes:
+        print("  " + note)
+    print()
+    print("| contender | median s | min s | max s | MB received | bytes / bsdiff + list "
+          "| time / updater with whole files |")
+    print("|---|---|---|---|---|---|---|")
+    whole = results.get("updater, whole files")
+    whole_time = statistics.median(m.seconds for m in whole) if whole else None
+    for name, ms in results.items():
+        times = [m.seconds for m in ms]
+        received = statistics.median(m.received for m in ms)
+        median = statistics.median(times)
+        print("| %s | %.2f | %.2f | %.2f | %.3f | %s | %s |" % (
+            name, median, min(times), max(times), received / 1e6,
+            "%.1f" % (received / update.reference) if update.reference else "n/a",
+            "%.2f" % (median / whole_time) if whole_time else ""))
+    print()
+    print("Updater phases (median seconds):")
+    for name, ms in results.items():
+        if name.startswith("updater"):
+            print("  " + bench.phase_lines(bench.Workload(name, None, "http"), ms))
+
+
+def report_resume(resume):
+    partial, size, result = resume
+    missing = size - partial
+    print()
+    print(bench.phase_lines(bench.Workload("resume, the next run", None, "http"), [result]))
+    print()
+    print("| resume | killed at MB | missing MB | next run MB received | next run s "
+          "| received / (missing + 1 MiB) |")
+    print("|---|---|---|---|---|---|")
+    print("| %d MiB file | %.1f | %.1f | %.1f | %.2f | %.2f |" % (
+        size // MIB, partial / 1e6, missing / 1e6, result.received / 1e6, result.seconds,
+        result.received / (missing + MIB)))
+
+
+# --- setup ---------------------------------------------------------------------------------------
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    parser.add_argument("--rounds", type=int, default=3)
+    parser.add_argument("--only", help="comma-separated: libreoffice, resume")
+    parser.add_argument("--tiny", action="store_true",
+                        help="a few synthetic files and a 4 MiB resume, one round")
+    parser.add_argument("--build-dir", type=Path, default=bench.REPO / "build-bench")
+    parser.add_argument("--downloads", type=Path,
+                        help="where the .deb files are kept (default: BUILD-DIR/downloads)")
+    parser.add_argument("--update", type=Path, help="use this update binary, build nothing")
+    parser.add_argument("--publish", type=Path, help="use this update-publish binary")
+    parser.add_argument("--publish-option", action="append", default=[],
+                        help="passed to every publish, e.g. --publish-option=--compress=zstd")
+    parser.add_argument("--rate", default="20mbit")
+    parser.add_argument("--delay-ms", type=int, default=20, help="held in each direction")
+    parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
+    parser.add_argument("--keep", action="store_true",
+                        help="keep the published releases in --work for the next run")
+    return parser.parse_args()
+
+
+def make_namespace(args):
+    if os.geteuid() != 0 or not shutil.which("ip") or not shutil.which("tc"):
+        log("not root, or no ip and tc: no namespace, the loopback is not throttled")
+        return Namespace(None, None, False)
+    try:
+        return Namespace(args.rate, args.delay_ms, True)
+    except (OSError, subprocess.CalledProcessError):
+        if not args.tiny:
+            raise
+        # The smoke run checks the harness, not the link.
+        log("no namespace could be made: the loopback is not throttled")
+        return Namespace(None, None, False)
+
+
+def stop_on_sigterm():
+    def stop(signum, frame):
+        raise KeyboardInterrupt
+    signal.signal(signal.SIGTERM, stop)
+
+
+def main():
+    args = parse_arguments()
+    stop_on_sigterm()
+    if args.tiny:
+        args.rounds = 1
+    if args.update and args.publish:
+        update_bin, publisher = args.update, args.publish
+    else:
+        update_bin, publisher = bench.build(args.build_dir)
+    publisher = str(publisher.resolve())
+    work = (args.work or Path(os.environ.get("TMPDIR", "/tmp")) / ("orlivo-link-%d" % os.getpid()))
+    work = work.resolve()
+    work.mkdir(parents=True, exist_ok=True)
+    names = args.only.split(",") if args.only else ["libreoffice", "resume"]
+    dereference = bench.publisher_offers(publisher, "--dereference")
+    options = list(args.publish_option) + (["--dereference"] if dereference else [])
+    bench.log(bench.machine_line())
+    namespace = link = None
+    update = results = resume = None
+    try:
+        if "libreoffice" in names:
+            if args.tiny:
+                update = prepare_update("tiny", work / "releases" / "tiny", "tiny",
+                                        synthetic_trees, publisher, options)
+            else:
+                downloads = (args.downloads or args.build_dir / "downloads").resolve()
+                debs = fetch_debs(downloads)
+                key = "-".join(v.replace(":", "_") for v, _ in debs)
+                update = prepare_update("libreoffice", work / "releases" / "libreoffice", key,
+                                        debian_trees(debs, dereference), publisher, options,
+                                        reference_cache=downloads / ("bsdiff-%s.size" % key))
+            mirrors = work / "releases" / "mirrors"
+            mirrors.mkdir(parents=True, exist_ok=True)
+            for name in ("patched", "whole", "zsync"):
+                (mirrors / name).unlink(missing_ok=True)
+                (mirrors / name).symlink_to(update.mirrors / name)
+        (work / "releases" / "mirrors").mkdir(parents=True, exist_ok=True)
+        namespace = make_namespace(args)
+        use_namespace = namespace.name is not None
+        link = Link(work / "releases" / "mirrors", work / "nginx", namespace, args.delay_ms)
+        ctx = LinkContext(Path(update_bin).resolve(), work, launcher=namespace.launcher,
+                          link=link, publisher=publisher)
+        if update:
+            results = run_update(ctx, update, args.rounds)
+        if "resume" in names:
+            if use_namespace:
+                resume = resume_case(ctx, 4 * MIB if args.tiny else RESUME_SIZE)
+            else:
+                log("resume skipped: without the throttled link nothing can be caught halfway")
+    finally:
+        if link:
+            link.stop()
+        if namespace:
+            namespace.remove()
+        shutil.rmtree(work / "runs", ignore_errors=True)
+        if not args.keep:
+            shutil.rmtree(work, ignore_errors=True)
+    if update:
+        report_update(update, results)
+    if resume:
+        report_resume(resume)
+    print("\nlink: %s, %d ms each way; machine: %s" % (args.rate, args.delay_ms,
+                                                        bench.machine_line()))
+
+
+if __name__ == "__main__":
+    main()

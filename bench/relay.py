@@ -1,0 +1,95 @@
+#!/usr/bin/python3
+"""A TCP relay that adds a round trip: each chunk is held DELAY_MS in each direction.
+
+usage: relay.py DELAY_MS TARGET
+TARGET is a Unix socket path (the mirror), so that only the relay's client side crosses the
+throttled loopback. Listens on an ephemeral port of 127.0.0.1 and prints "ready <port>". Every
+line read on standard input is answered with the bytes sent so far to clients and to the target:
+"<down> <up>".
+"""
+import asyncio
+import sys
+import threading
+
+# Bounds what the relay holds: about twice what a 20 Mbit/s link carries in 40 ms, so that a
+# client killed mid-transfer has not been counted for much more than it received.
+QUEUE_CHUNKS = 16
+CHUNK = 16 * 1024
+
+sent = {"down": 0, "up": 0}
+
+
+async def forward(reader, writer, delay, direction):
+    loop = asyncio.get_running_loop()
+    queue = asyncio.Queue(QUEUE_CHUNKS)
+
+    async def take():
+        while True:
+            try:
+                data = await reader.read(CHUNK)
+            except OSError:
+                data = b""
+            await queue.put((loop.time() + delay, data))
+            if not data:
+                return
+
+    async def give():
+        while True:
+            due, data = await queue.get()
+            wait = due - loop.time()
+            if wait > 0:
+                await asyncio.sleep(wait)
+            if not data:
+                break
+            # A side that went away (a killed client) ends this direction: asyncio would take
+            # the writes and drop them, and they would be counted for the next client.
+            if writer.is_closing():
+                return
+            try:
+                writer.write(data)
+                await writer.drain()
+            except OSError:
+                return
+            sent[direction] += len(data)
+        if writer.can_write_eof() and not writer.is_closing():
+            writer.write_eof()
+
+    taker = asyncio.ensure_future(take())
+    try:
+        await give()
+    finally:
+        taker.cancel()
+
+
+async def serve_client(delay, target, client_reader, client_writer):
+    try:
+        server_reader, server_writer = await asyncio.open_unix_connection(target)
+    except OSError:
+        client_writer.close()
+        return
+    try:
+        await asyncio.gather(forward(client_reader, server_writer, delay, "up"),
+                             forward(server_reader, client_writer, delay, "down"))
+    finally:
+        for writer in (client_writer, server_writer):
+            writer.close()
+
+
+def answer_counts():
+    for _ in sys.stdin:
+        print(sent["down"], sent["up"], flush=True)
+
+
+async def main():
+    delay = int(sys.argv[1]) / 1000.0
+    target = sys.argv[2]
+    server = await asyncio.start_server(
+        lambda r, w: serve_client(delay, target, r, w), "127.0.0.1", 0)
+    print("ready", server.sockets[0].getsockname()[1], flush=True)
+    threading.Thread(target=answer_counts, daemon=True).start()
+    async with server:
+        await server.serve_forever()
+
+
+if __name__ == "__main__":
+    asyncio.run(main())
