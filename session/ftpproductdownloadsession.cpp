@@ -227,6 +227,11 @@ bool FTPProductDownloadSession::assignNextFile(int s)
         return false;
     }
     record->fileIndex = i;
+    if (const PatchRecord *patch = patches.patchFor(i)) {
+        // No MD5 is known of a patch: its SHA-256 from the manifest holds it.
+        record->stream->getFile(patch->path, QString(), qint64(patch->size), patch->sha256);
+        return true;
+    }
     record->stream->getFile(directory + "/" + name, md5, qint64(size),
                             haveManifest ? manifest.sha256(directory + "/" + name) : QString());
     return true;
@@ -335,6 +340,9 @@ void FTPProductDownloadSession::onFileFinished(int s)
         // A stream that has given its file back has nothing to report finished.
         if (record->fileIndex < 0)
             return;
+        if (const PatchRecord *patch = patches.patchFor(record->fileIndex);
+            patch && !makeFromPatch(s, *patch))
+            return;
         task.markReady(record->fileIndex);
         // Downloaded, not ready: files an earlier run left complete are never fetched again.
         if (task.downloadedCount < task.getSize()) {
@@ -386,6 +394,11 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
             return;
         }
         emit message(QString("Signature of %1 is not valid.").arg(listFileUrl(s, ".manifest")));
+    }
+    if (state == SessionDownloading && error != DownloadStream_LocalFileError
+        && patches.patchFor(streams[s]->fileIndex)) {
+        fetchWhole(s, text);
+        return;
     }
     if (state == SessionRetrievingList)
         state = SessionStarting;
@@ -509,16 +522,19 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     }
     emit progressCount(0, task.totalSize);
     task.resetMarks();
+    patches.offer(haveManifest ? manifest.patches() : QList<PatchRecord>());
     quint64 done = 0;
     for (int i = 0; i < task.getSize(); ++i) {
         FileSpecification file;
         task.get(i, &file);
-        if (isInstalled(file)) {
+        const QString installedMd5 = installedFileMd5(file);
+        if (!installedMd5.isEmpty() && installedMd5 == file.installedMd5()) {
             task.markReady(i);
             emit message(QString("File %1 up to date").arg(getInstalledFilePath(file)));
-        } else if (isDownloaded(file)) {
+        } else if (isDownloaded(file) || PatchPlan::isMade(file, parameters.tempDirectory)) {
             task.markDownloaded(i);
         } else {
+            patches.choose(i, file, installedMd5);
             task.markNoFile(i, false);
             // A file shorter than required is what a broken transfer left: its stream goes on
             // from its end.
@@ -538,13 +554,10 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     return true;
 }
 
-bool FTPProductDownloadSession::isInstalled(const FileSpecification &file) const
+QString FTPProductDownloadSession::installedFileMd5(const FileSpecification &file) const
 {
     const QString path = getInstalledFilePath(file);
-    if (!QFile::exists(path))
-        return false;
-    const QString md5 = getFileMD5Ex(path);
-    return !md5.isEmpty() && md5 == file.installedMd5();
+    return QFile::exists(path) ? getFileMD5Ex(path) : QString();
 }
 
 // Every file is looked for right in the installation root, whatever directory lists it.
@@ -599,6 +612,29 @@ void FTPProductDownloadSession::startDownloadBySessionState()
         if (stream && stream->getState() == DownloadStream_Connected)
             assignNextFile(k);
     }
+}
+
+bool FTPProductDownloadSession::makeFromPatch(int s, const PatchRecord &patch)
+{
+    FileSpecification file;
+    task.get(streams[s]->fileIndex, &file);
+    if (PatchPlan::make(patch, file, getInstalledFilePath(file), parameters.tempDirectory)) {
+        emit message(QString("Stream %1, %2 made from a patch").arg(s).arg(file.installPath()));
+        return true;
+    }
+    fetchWhole(s, QString("%1 does not make %2").arg(patch.path, file.installPath()));
+    return false;
+}
+
+// A patch that cannot be had or used costs its file nothing but the detour: it is fetched whole.
+void FTPProductDownloadSession::fetchWhole(int s, const QString &why)
+{
+    DownloadStream *record = streams[s].get();
+    emit message(QString("Stream %1: no patch (%2), fetching the whole file").arg(s).arg(why));
+    patches.drop(record->fileIndex);
+    task.resetPendingMark(record->fileIndex);
+    record->fileIndex = -1;
+    assignNextFile(s);
 }
 
 bool FTPProductDownloadSession::createInitialFileList(const QString &path)

@@ -3,6 +3,7 @@
 #include "session/ftpproductdownloadsessionstate.h"
 #include "session/initialparameters.h"
 #include "session/markedsitedata.h"
+#include "session/patchplan.h"
 #include "streams/downloadstreamtypes.h"
 #include "tasks/releasemanifest.h"
 #include "tasks/taskstate.h"
@@ -90,12 +91,17 @@ private:
     void refuseSignature(int s);
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
-    bool isInstalled(const FileSpecification &file) const;
+    // The MD5 of the installed copy of file; empty when there is none.
+    QString installedFileMd5(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;
     QString getFileSha256(const FileSpecification &file) const;
     QString getInstalledFilePath(const FileSpecification &file) const;
     QString getTempFilePath(const FileSpecification &file) const;
     void startDownloadBySessionState();
+    // Makes the file the stream fetched a patch for; false, with the file handed back to be
+    // fetched whole, when the patch does not make it.
+    bool makeFromPatch(int s, const PatchRecord &patch);
+    void fetchWhole(int s, const QString &why);
 
     InitialParameters parameters;
     FTPProductDownloadSession_State state = SessionStarting;
@@ -111,6 +117,7 @@ private:
     QByteArray manifestText;
     ReleaseManifest manifest;
     bool haveManifest = false;
+    PatchPlan patches;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
 

@@ -157,7 +157,7 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
     file->close();
     file.reset();
 
-    if (md5.isEmpty() && length > maxUncheckedLength) {
+    if (!isChecked() && length > maxUncheckedLength) {
         QFile::remove(localPath);
         if (enterState(DownloadStream_Connected)) {
             emit fileError(DownloadStream_LengthError,
@@ -166,7 +166,7 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
         }
         return false;
     }
-    if (!md5.isEmpty()) {
+    if (isChecked()) {
         if (length != size) {
             rejectFile(DownloadStream_LengthError,
                        QStringLiteral("ERROR: Wrong length of %1 (%2 while required %3)")
@@ -176,9 +176,10 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
         // A file that cannot be read back keeps empty digests, which match nothing.
         if (written.isEmpty())
             getFileDigests(localPath, &written, &writtenSha256);
+        const bool md5Differs = !md5.isEmpty() && written.compare(md5, Qt::CaseInsensitive) != 0;
         const bool sha256Differs =
                 !sha256.isEmpty() && writtenSha256.compare(sha256, Qt::CaseInsensitive) != 0;
-        if (written.compare(md5, Qt::CaseInsensitive) != 0 || sha256Differs) {
+        if (written.isEmpty() || md5Differs || sha256Differs) {
             rejectFile(DownloadStream_ChecksumError,
                        QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
             return false;
@@ -262,8 +263,8 @@ void SingleFileDownloadStream::releaseTransport()
 
 int SingleFileDownloadStream::requestFile(const QString &path, QFile *file)
 {
-    return md5.isEmpty() ? transport->get(path, file, -1, 0, maxUncheckedLength)
-                         : transport->get(path, file, size, file->pos());
+    return isChecked() ? transport->get(path, file, size, file->pos())
+                       : transport->get(path, file, -1, 0, maxUncheckedLength);
 }
 
 void SingleFileDownloadStream::handleFileRequestFinished(bool error)
@@ -338,7 +339,7 @@ bool SingleFileDownloadStream::openFile()
 {
     file = std::make_unique<HashingFile>(localPath, !sha256.isEmpty());
     // The list has no checksum that could prove bytes already there, so it always starts anew.
-    const qint64 existing = md5.isEmpty() ? 0 : QFileInfo(localPath).size();
+    const qint64 existing = isChecked() ? QFileInfo(localPath).size() : 0;
     if (existing > 0 && existing < size && file->openToContinue()) {
         continued = true;
         done = existing;
@@ -358,7 +359,7 @@ void SingleFileDownloadStream::discardFile()
 {
     if (!file)
         return;
-    const bool keep = !md5.isEmpty() && file->size() > 0;
+    const bool keep = isChecked() && file->size() > 0;
     file->close();
     file.reset();
     if (!keep)

@@ -103,6 +103,10 @@ protected:
     CurlTransport *transport = nullptr;
 
 private:
+    // A file with a checksum has a length to hold the server to and bytes worth continuing; the
+    // product list has none.
+    bool isChecked() const { return !md5.isEmpty() || !sha256.isEmpty(); }
+
     // Stops whatever was under way for the current file and deletes its local file, so that a
     // new connection starts clean.
     void dropCurrentFile();

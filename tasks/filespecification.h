@@ -22,6 +22,13 @@ struct FileSpecification
     bool isPacked() const { return !unpackedName.isEmpty(); }
     // Where the file lies in the installation, below its root.
     QString installPath() const { return isPacked() ? unpackedName : name; }
-    // The checksum of the file as installed.
+    // The checksum and the length of the file as installed.
     QString installedMd5() const { return isPacked() ? unpackedMd5 : md5; }
+    quint64 installedSize() const { return isPacked() ? unpackedSize : size; }
+    // Where a run keeps the file it made from a patch instead of downloading it: below its
+    // working directory, by install path, apart from the downloads.
+    QString patchedPath(const QString &workingDirectory) const
+    {
+        return workingDirectory + QStringLiteral("/.patched/") + installPath();
+    }
 };

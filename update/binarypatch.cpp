@@ -203,7 +203,8 @@ private:
     qint64 basePosition = 0;
 };
 
-bool patch(QFile &output, const QString &basePath, const QString &patchPath, QString *md5)
+bool patch(QFile &output, const QString &basePath, const QString &patchPath, QString *md5,
+           qint64 expectedSize)
 {
     QFile base(basePath);
     QFile patch(patchPath);
@@ -211,7 +212,8 @@ bool patch(QFile &output, const QString &basePath, const QString &patchPath, QSt
         return false;
     unsigned char header[headerSize];
     if (patch.read(reinterpret_cast<char *>(header), headerSize) != headerSize
-        || memcmp(header, "BSDIFF40", 8) != 0)
+        || memcmp(header, "BSDIFF40", 8) != 0
+        || (expectedSize >= 0 && decodeNumber(header + 24) != expectedSize))
         return false;
     const qint64 baseSize = base.size();
     const uchar *mapped = baseSize > 0 ? base.map(0, baseSize) : nullptr;
@@ -227,13 +229,13 @@ bool patch(QFile &output, const QString &basePath, const QString &patchPath, QSt
 } // namespace
 
 bool applyBinaryPatch(const QString &destination, const QString &base, const QString &patchPath,
-                      QString *md5)
+                      QString *md5, qint64 expectedSize)
 {
     QFile output(destination);
     if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
         return false;
     QString result;
-    if (!patch(output, base, patchPath, &result)) {
+    if (!patch(output, base, patchPath, &result, expectedSize)) {
         output.close();
         output.remove();
         return false;

@@ -67,9 +67,19 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     for (int i = 0; i < task.getSize();) {
         FileSpecification entry;
         task.get(i, &entry);
-        const QString sourcePath = source.absoluteFilePath(entry.directory + QLatin1Char('/')
-                                                           + entry.name);
+        QString sourcePath = source.absoluteFilePath(entry.directory + QLatin1Char('/')
+                                                     + entry.name);
         const QString relative = entry.installPath();
+        // A file made from a patch is there as it is installed, neither packed nor downloaded.
+        FileSpecification form = entry;
+        if (const QString patched = entry.patchedPath(sourceDir);
+            !QFileInfo::exists(sourcePath) && QFileInfo::exists(patched)) {
+            sourcePath = patched;
+            form.md5 = entry.installedMd5();
+            form.size = entry.installedSize();
+            form.unpackedName.clear();
+            form.name = relative;
+        }
         const QString staged = journal->stagedPath(relative);
         const QString target = journal->installedPath(relative);
 
@@ -79,7 +89,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         if (QFileInfo::exists(sourcePath)) {
             QString problem;
             if (replaceProblem(target, *journal, &problem).isEmpty())
-                problem = stageFile(entry, sourcePath, staged, target);
+                problem = stageFile(form, sourcePath, staged, target);
             stagedWell = problem.isEmpty();
             if (!stagedWell)
                 answer = ask(silent, problem);
