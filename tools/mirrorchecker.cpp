@@ -9,6 +9,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QTemporaryFile>
@@ -78,6 +79,7 @@ bool MirrorChecker::check()
         ++checked;
     }
     checkManifestCovers(task.files);
+    checkPatches(task.files);
     return found.isEmpty();
 }
 
@@ -137,6 +139,30 @@ void MirrorChecker::checkManifestCovers(const QList<FileSpecification> &entries)
         unlisted.removeAll(entry.directory + QLatin1Char('/') + entry.name);
     for (const QString &path : std::as_const(unlisted))
         report(QStringLiteral("the manifest names %1, which the list does not").arg(path));
+}
+
+void MirrorChecker::checkPatches(const QList<FileSpecification> &entries)
+{
+    if (!haveManifest)
+        return;
+    const QStringList keys = manifest.keys(ReleaseManifest::patchesGroup);
+    if (manifest.patches().size() != keys.size())
+        report(QStringLiteral("the manifest holds malformed patch records"));
+    QSet<QString> installPaths;
+    for (const FileSpecification &entry : entries)
+        installPaths.insert(entry.installPath());
+    for (const PatchRecord &patch : manifest.patches()) {
+        const QString path = QFileInfo(listPath).dir().filePath(patch.path);
+        QString md5;
+        QString sha256;
+        if (!installPaths.contains(patch.installPath))
+            report(QStringLiteral("patch %1 is for %2, which the list does not install")
+                           .arg(patch.path, patch.installPath));
+        else if (quint64(QFileInfo(path).size()) != patch.size
+                 || !getFileDigests(path, &md5, &sha256) || sha256 != patch.sha256)
+            report(QStringLiteral("patch %1 is missing or not as the manifest lists it")
+                           .arg(patch.path));
+    }
 }
 
 // The list's parser refuses the whole list; say which names made it, where that is the cause.

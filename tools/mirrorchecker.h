@@ -13,7 +13,7 @@ class QSettings;
 // would find it: every listed file present with its listed length and checksum, every packed
 // file unpacking to its listed length and checksum, every path safe and every install path
 // named once; the release manifest naming the list's type and version, the list's SHA-256 and
-// every file's, and, with trusted keys, its signature. Problems are collected one line each,
+// every file's and every patch's, and, with trusted keys, its signature. Problems are collected one line each,
 // naming the list and the file.
 class MirrorChecker
 {
@@ -33,6 +33,8 @@ private:
     void checkManifest();
     void checkSignature(const QByteArray &text, const QString &path);
     void checkManifestCovers(const QList<FileSpecification> &entries);
+    // Every patch the manifest offers is there, with its size and SHA-256, for a listed file.
+    void checkPatches(const QList<FileSpecification> &entries);
     bool checkNames(const FileSpecification &entry);
     void checkFile(const FileSpecification &entry);
     void checkUnpacked(const FileSpecification &entry, const QString &path);

@@ -230,6 +230,11 @@ void tst_UpdatePublish::roundTrip()
     QVERIFY(applyBinaryPatch(dir.filePath("patched"), dir.filePath("old/lib/libbig.so"), patch,
                              &md5));
     QCOMPARE(readTestFile(dir.filePath("patched")), newLibrary);
+    QVERIFY(writeTestFile(patch, "damaged"));
+    MirrorChecker damaged(publisher.listPath());
+    QVERIFY(!damaged.check());
+    QCOMPARE(damaged.problems().size(), 1);
+    QVERIFY(damaged.problems().at(0).contains("patch " + patches[0].path + " is missing"));
 
     installAndCompare(publisher.listPath(), dir.filePath("install"), expected);
 }
