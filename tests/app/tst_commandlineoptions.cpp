@@ -93,7 +93,8 @@ void TestCommandLineOptions::parse()
     QCOMPARE(versionServer->logLines(), QStringList(queries, "3200"));
     QCOMPARE(descriptors(), descriptorsBefore);
     QCOMPARE(texts,
-             QStringList(boxes, "Error: Failed to query latest client\nversion from update server."));
+             QStringList(boxes,
+                         "Error: Failed to query latest client\nversion from update server."));
 }
 
 QTEST_MAIN(TestCommandLineOptions)

@@ -1,15 +1,16 @@
 #include "app/apppaths.h"
 #include "app/messageboxes.h"
 #include "app/randomgenerator.h"
+#include "app/runningfiles.h"
 #include "app/startup.h"
 #include "tests/support/testfiles.h"
 #include "ui/mainwindow.h"
 
 #include <QtTest>
 
-// Program entry up to the event loop: seed, translations, refusal and the window. Run under a
-// German locale as well, where the texts come from the catalogues. Clean-up and the unattended
-// run are left to the end-to-end runs of the real program.
+// Program entry up to the event loop: seed, translations, refusal, the renamed copies of files in
+// use cleared away, and the window. Run under a German locale as well, where the texts come from
+// the catalogues. The unattended run is left to the end-to-end runs of the real program.
 class TestStartup : public QObject
 {
     Q_OBJECT
@@ -42,7 +43,7 @@ void TestStartup::initTestCase()
 
 void TestStartup::randomSequence()
 {
-    // The seed is fixed: every run picks its mirrors in the same sequence.
+    // The seed is fixed: every run picks its mirrors in the same sequence, never by a negative.
     seedRandomGenerator();
     const QList<int> first{randomNumber(), randomNumber()};
     seedRandomGenerator();
@@ -65,13 +66,23 @@ void TestStartup::start()
     QFETCH(QStringList, arguments);
     QFETCH(int, autoStarts);
     boxes.clear();
-    const QString oldCopy = getAppRootPath() + "/_old_update";
-    QVERIFY(writeTestFile(oldCopy, "x"));
+    const QDir root(getAppRootPath());
+    const QStringList lookalikes{"_old_UPDATE", "_old_readme.txt", "old_update", "update"};
+    QStringList oldCopies;
+    for (const QString &name : getSpecialFileNames())
+        oldCopies << "_old_" + name;
+    const QStringList all = oldCopies + lookalikes;
+    for (const QString &name : all)
+        QVERIFY(writeTestFile(root.filePath(name), "x"));
 
     const auto window = startMainWindow(arguments);
 
-    // Nothing is cleaned up before the parameters are known.
-    QCOMPARE(QFile::remove(oldCopy), autoStarts < 0);
+    // Only the renamed copies go, and nothing before the parameters are known.
+    QStringList left = lookalikes + (autoStarts < 0 ? oldCopies : QStringList());
+    left.sort();
+    QCOMPARE(root.entryList(all, QDir::Files | QDir::CaseSensitive, QDir::Name), left);
+    for (const QString &name : all)
+        QFile::remove(root.filePath(name));
     if (autoStarts < 0) {
         QVERIFY(!window && QApplication::topLevelWidgets().isEmpty());
         QCOMPARE(boxes, QStringList{german ? "Fehler: Ungültige Versionsnummer"
