@@ -32,8 +32,6 @@ void TestCommandLineOptions::parse_data()
     // Bounded by the receive timeout; an unbounded wait would hang here.
     QTest::newRow("--nouser, server silent: tried twice")
             << QStringList{"--nouser"} << "" << QByteArray() << failed << none << 2 << 2;
-    QTest::newRow("--nouser: defaults, unattended") << QStringList{"--nouser"} << "" << answer << ""
-                                                    << "2 client_linux_amd64 12" << 1 << 0;
     QTest::newRow("type and version: no query")
             << QStringList{"client_linux_x86", "7"} << "" << answer << ""
             << "1 client_linux_x86 7" << 0 << 0;

@@ -1,6 +1,5 @@
 #include "app/apppaths.h"
 #include "app/messageboxes.h"
-#include "app/randomgenerator.h"
 #include "app/runningfiles.h"
 #include "app/startup.h"
 #include "tests/support/testfiles.h"
@@ -8,7 +7,7 @@
 
 #include <QtTest>
 
-// Program entry up to the event loop: seed, translations, refusal, the renamed copies of files in
+// Program entry up to the event loop: translations, refusal, the renamed copies of files in
 // use cleared away, and the window. Run under a German locale as well, where the texts come from
 // the catalogues. The unattended run is left to the end-to-end runs of the real program.
 class TestStartup : public QObject
@@ -17,7 +16,6 @@ class TestStartup : public QObject
 
 private slots:
     void initTestCase();
-    void randomSequence();
     void start_data();
     void start();
 
@@ -39,16 +37,6 @@ void TestStartup::initTestCase()
         boxes << box.title + ": " + box.text;
         return QMessageBox::Ok;
     });
-}
-
-void TestStartup::randomSequence()
-{
-    // The seed is fixed: every run picks its mirrors in the same sequence, never by a negative.
-    seedRandomGenerator();
-    const QList<int> first{randomNumber(), randomNumber()};
-    seedRandomGenerator();
-    QCOMPARE((QList<int>{randomNumber(), randomNumber()}), first);
-    QVERIFY(first[0] >= 0 && first[1] >= 0 && first[0] != first[1]);
 }
 
 void TestStartup::start_data()

@@ -48,7 +48,6 @@ class tst_TaskList : public QObject
     Q_OBJECT
 
 private slots:
-    void readsProductList();
     void entries_data();
     void entries();
     void marks_data();
@@ -63,23 +62,6 @@ private:
     QTemporaryDir dir;
     int fileCount = 0;
 };
-
-// Sections in the order of their names, keys holding "/" found below them; neither keys outside
-// a section nor the delete group are entries.
-void tst_TaskList::readsProductList()
-{
-    TaskState list;
-    QVERIFY(list.initializeByProductIni(writeIni("top=aa::1\n"
-                                                 "[zeta]\nb.gz=bb::20::cc::25::b\na=dd::10\n"
-                                                 "[delete]\nold1=\nold2=\n"
-                                                 "[alpha]\nlib/x.so=ee::300\n")));
-    QCOMPARE(list.getSize(), 3);
-    QCOMPARE(fields(list.files.at(0)), "0 | alpha | lib/x.so | ee | 300 |  | 0 | ");
-    QCOMPARE(fields(list.files.at(1)), "0 | zeta | a | dd | 10 |  | 0 | ");
-    QCOMPARE(fields(list.files.at(2)), "0 | zeta | b.gz | bb | 20 | cc | 25 | b");
-    QCOMPARE(list.totalSize, 330u);
-    QVERIFY(!list.get(3, nullptr, nullptr, nullptr, nullptr));
-}
 
 void tst_TaskList::entries_data()
 {
@@ -104,12 +86,13 @@ void tst_TaskList::entries()
     QFETCH(QByteArray, ini);
     QFETCH(QString, entry);
 
+    // Sections are read in the order of their names; neither a key outside a section nor the
+    // delete group is an entry. A bad entry stops the read there; what came before it stays.
     TaskSpecification list;
     const bool ok = !entry.isEmpty();
-    QCOMPARE(
-            list.initializeByProductIni(writeIni("[a]\nfirst=x::5\n" + ini + "\n[z]\nlast=x::7\n")),
-            ok);
-    // A bad entry stops the read there; what came before it stays.
+    QCOMPARE(list.initializeByProductIni(writeIni("top=x::9\n[z]\nlast=x::7\n[delete]\nold=\n" + ini
+                                                  + "\n[a]\nfirst=x::5\n")),
+             ok);
     QCOMPARE(list.getSize(), ok ? 3 : 1);
     QCOMPARE(list.files.at(0).name, "first");
     if (ok)
