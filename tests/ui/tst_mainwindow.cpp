@@ -14,10 +14,8 @@
 
 #include <sys/stat.h>
 
-// The window and the runs it controls, in this process against real servers on loopback: one
-// window's life from the start button's refusal through a cancelled run and its resumption to
-// starting the client. Installing through the window is left to the end-to-end test. Message
-// boxes are answered through the seam.
+// The window and its runs, in this process against servers on loopback; installing through the
+// window is left to the end-to-end test. Message boxes are answered through the seam.
 class TestMainWindow : public QObject
 {
     Q_OBJECT
@@ -208,9 +206,8 @@ void TestMainWindow::earlierSession_data()
     QTest::newRow("a directory that is gone is no session") << "gone" << QStringList();
 }
 
-// The start sequence of a run against a record left behind. A same-version session in a
-// directory of the updater's own is resumed in wholeRun(); one of another version cleaned away,
-// and a record naming the installation or a foreign directory, in the end-to-end test.
+// A run's start against a record left behind; a resumption is in wholeRun(), a clean removal and
+// a record naming the installation or a foreign directory are in the end-to-end test.
 void TestMainWindow::earlierSession()
 {
     QFETCH(QString, kind);
@@ -327,8 +324,7 @@ void TestMainWindow::wholeRun()
     QVERIFY(logLines().contains("Previous update session for v. 7 found"));
     QCOMPARE(boxes.size(), 5);
 
-    // Once an update has finished, the button starts the client from the program's directory and
-    // closes the window.
+    // After an update the button starts the client from the program's directory and closes.
     window->onUpdateFinished(true);
     QCOMPARE(start->text(), "Start Orlivo");
     start->click();
