@@ -5,45 +5,15 @@
 
 #include <sys/stat.h>
 
-// Files in use: their names, the renamed copies, permissions and the detached relaunch.
+// Which installed files are made executable, and how.
 class TestRunningFiles : public QObject
 {
     Q_OBJECT
 
 private slots:
-    void specialFiles();
     void makeExecutable_data();
     void makeExecutable();
-    void separateProcess();
-
-private:
-    QTemporaryDir dir{QDir::tempPath() + QStringLiteral("/running files-XXXXXX")};
 };
-
-namespace {
-
-bool writeFile(const QString &path, const QByteArray &content, int mode)
-{
-    return writeTestFile(path, content) && chmod(QFile::encodeName(path).constData(), mode) == 0;
-}
-
-} // namespace
-
-void TestRunningFiles::specialFiles()
-{
-    QVERIFY(isSpecialFileName("libQtCore.so.4") && isSpecialFileName("libQt6Widgets.so.6"));
-    QVERIFY(!isSpecialFileName("LIBQTCORE.SO.4") && !isSpecialFileName("lib/libQtCore.so.4"));
-
-    const QStringList kept{"_old_UPDATE", "_old_readme.txt", "old_update", "update"};
-    QTemporaryDir dir;
-    for (const QString &name : getSpecialFileNames())
-        QVERIFY(writeTestFile(dir.filePath("_old_" + name), "x"));
-    for (const QString &name : kept)
-        QVERIFY(writeTestFile(dir.filePath(name), "x"));
-
-    removeOldFiles(dir.path());
-    QCOMPARE(QDir(dir.path()).entryList(QDir::Files, QDir::Name), kept);
-}
 
 void TestRunningFiles::makeExecutable_data()
 {
@@ -51,45 +21,23 @@ void TestRunningFiles::makeExecutable_data()
     QTest::addColumn<int>("before");
     QTest::addColumn<int>("after");
 
-    QTest::newRow("32-bit client") << QStringLiteral("orvclient_linux_x86") << 0600 << 0755;
-    QTest::newRow("world-writable library narrowed")
-            << QStringLiteral("libQtCore.so.4") << 0666 << 0755;
-    QTest::newRow("64-bit client untouched")
-            << QStringLiteral("orvclient_linux_amd64") << 0644 << 0644;
-    QTest::newRow("longer library suffix untouched")
-            << QStringLiteral("libvoice.so.4.5") << 0640 << 0640;
+    QTest::newRow("world-writable library narrowed") << "libQtCore.so.4" << 0666 << 0755;
+    QTest::newRow("longer library suffix untouched") << "libvoice.so.4.5" << 0640 << 0640;
 }
 
 void TestRunningFiles::makeExecutable()
 {
     QFETCH(QString, name);
     QFETCH(int, before);
+    QTemporaryDir dir;
     const QString path = dir.filePath(name);
-    QVERIFY(writeFile(path, "content", before));
+    QVERIFY(writeTestFile(path, "content") && chmod(QFile::encodeName(path), before) == 0);
 
     makeSingleFileExecutable(path);
 
     struct stat status = {};
-    QCOMPARE(stat(QFile::encodeName(path).constData(), &status), 0);
+    QCOMPARE(stat(QFile::encodeName(path), &status), 0);
     QTEST(int(status.st_mode & 07777), "after");
-}
-
-void TestRunningFiles::separateProcess()
-{
-    QVERIFY(!createSeparateUpdateProcess(dir.path(), {}));
-
-    // A stand-in for the updater under the running program's own name, in a path with a space.
-    const QString name = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
-    QVERIFY(writeFile(dir.filePath(name),
-                      "#!/bin/sh\n{ pwd; printf '%s\\n' \"$@\"; } > started.tmp\n"
-                      "mv started.tmp started.txt\n",
-                      0755));
-    QVERIFY(createSeparateUpdateProcess(dir.path(), {"--nouser", "two words"}));
-
-    const QString started = dir.filePath(QStringLiteral("started.txt"));
-    QTRY_VERIFY(QFile::exists(started));
-    QCOMPARE(QString::fromLocal8Bit(readTestFile(started)),
-             dir.path() + QStringLiteral("\n--nouser\ntwo words\n"));
 }
 
 QTEST_GUILESS_MAIN(TestRunningFiles)

@@ -1,22 +1,21 @@
 #include "app/apppaths.h"
 #include "app/messageboxes.h"
-#include "app/randomgenerator.h"
+#include "app/runningfiles.h"
 #include "app/startup.h"
+#include "tests/support/testfiles.h"
 #include "ui/mainwindow.h"
 
 #include <QtTest>
 
-// Program entry up to the event loop: seed, translations, refusal and the window. Run under a
-// German locale as well, where the texts come from the catalogues. Clean-up and the unattended
-// run are left to the end-to-end runs of the real program.
+// Program entry up to the event loop: translations, refusal, the renamed copies of files in
+// use cleared away, and the window. Run under a German locale as well, where the texts come from
+// the catalogues. The unattended run is left to the end-to-end runs of the real program.
 class TestStartup : public QObject
 {
     Q_OBJECT
 
 private slots:
     void initTestCase();
-    void randomSequence();
-    void refusesBadArguments();
     void start_data();
     void start();
 
@@ -24,55 +23,28 @@ private:
     bool german = false;
     QTranslator programTranslator;
     QTranslator toolkitTranslator;
-    QList<MessageBoxRequest> boxes;
+    QStringList boxes;
 };
 
 void TestStartup::initTestCase()
 {
-    german = QLocale::system().name().startsWith(QStringLiteral("de"));
+    german = QLocale::system().name().startsWith("de");
     installTranslators(&programTranslator, &toolkitTranslator);
     // The toolkit's catalogue lies below the working directory, not beside the program.
     QCOMPARE(QCoreApplication::translate("QPlatformTheme", "Cancel"),
-             german ? QStringLiteral("Abbrechen") : QStringLiteral("Cancel"));
-    setMessageBoxHandler([this](const MessageBoxRequest &request) {
-        boxes.append(request);
+             german ? "Abbrechen" : "Cancel");
+    setMessageBoxHandler([this](const MessageBoxRequest &box) {
+        boxes << box.title + ": " + box.text;
         return QMessageBox::Ok;
     });
-}
-
-void TestStartup::randomSequence()
-{
-    // The seed is fixed: every run picks its mirrors in the same sequence.
-    seedRandomGenerator();
-    const QList<int> first{randomNumber(), randomNumber(), randomNumber()};
-    seedRandomGenerator();
-    QCOMPARE((QList<int>{randomNumber(), randomNumber(), randomNumber()}), first);
-    QVERIFY(first[0] >= 0 && first[1] >= 0 && first[0] != first[1]);
-}
-
-void TestStartup::refusesBadArguments()
-{
-    QFile oldCopy(getAppRootPath() + QStringLiteral("/_old_update"));
-    QVERIFY(oldCopy.open(QIODevice::WriteOnly));
-    oldCopy.close();
-
-    QVERIFY(!startMainWindow({"update", "client_linux_amd64", "x7"}));
-
-    QVERIFY(QApplication::topLevelWidgets().isEmpty());
-    QCOMPARE(boxes.size(), 1);
-    QCOMPARE(boxes.first().icon, QMessageBox::Critical);
-    QCOMPARE(boxes.first().title, german ? QStringLiteral("Fehler") : QStringLiteral("Error"));
-    QCOMPARE(boxes.first().text, german ? QStringLiteral("Ungültige Versionsnummer")
-                                        : QStringLiteral("Wrong version code"));
-    // Nothing is cleaned up before the parameters are known.
-    QVERIFY(oldCopy.remove());
 }
 
 void TestStartup::start_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<int>("autoStarts");
+    QTest::addColumn<int>("autoStarts"); // -1: refused
 
+    QTest::newRow("bad version") << QStringList{"update", "client_linux_amd64", "x7"} << -1;
     QTest::newRow("interactive") << QStringList{"update", "client_linux_x86", "7"} << 0;
     QTest::newRow("unattended") << QStringList{"update", "--nouser", "client_linux_x86", "7"} << 1;
 }
@@ -80,13 +52,34 @@ void TestStartup::start_data()
 void TestStartup::start()
 {
     QFETCH(QStringList, arguments);
+    QFETCH(int, autoStarts);
     boxes.clear();
+    const QDir root(getAppRootPath());
+    const QStringList lookalikes{"_old_UPDATE", "_old_readme.txt", "old_update", "update"};
+    QStringList oldCopies;
+    for (const QString &name : getSpecialFileNames())
+        oldCopies << "_old_" + name;
+    const QStringList all = oldCopies + lookalikes;
+    for (const QString &name : all)
+        QVERIFY(writeTestFile(root.filePath(name), "x"));
 
     const auto window = startMainWindow(arguments);
 
+    // Only the renamed copies go, and nothing before the parameters are known.
+    QStringList left = lookalikes + (autoStarts < 0 ? oldCopies : QStringList());
+    left.sort();
+    QCOMPARE(root.entryList(all, QDir::Files | QDir::CaseSensitive, QDir::Name), left);
+    for (const QString &name : all)
+        QFile::remove(root.filePath(name));
+    if (autoStarts < 0) {
+        QVERIFY(!window && QApplication::topLevelWidgets().isEmpty());
+        QCOMPARE(boxes, QStringList{german ? "Fehler: Ungültige Versionsnummer"
+                                           : "Error: Wrong version code"});
+        return;
+    }
     QVERIFY(window && window->isVisible());
-    QCOMPARE(window->windowTitle(), german ? QStringLiteral("Orlivo Client-Aktualisierung")
-                                           : QStringLiteral("Orlivo Client Update"));
+    QCOMPARE(window->windowTitle(),
+             german ? "Orlivo Client-Aktualisierung" : "Orlivo Client Update");
     QVERIFY(boxes.isEmpty());
     // An interactive window waits for the user; only the unattended one has a timer to start it.
     QTEST(int(window->findChildren<QTimer *>(Qt::FindDirectChildrenOnly).size()), "autoStarts");
