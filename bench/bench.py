@@ -136,9 +136,14 @@ class Entry:
         return "%s/%s/%s" % (VERSION, self.section, self.name)
 
     @property
+    def zstd(self):
+        return self.packed and self.name.endswith(".zst")
+
+    @property
     def staged_path(self):
-        """Where the peers keep the download: the installed path, with .gz while packed."""
-        return self.install_path + (".gz" if self.packed else "")
+        """Where the peers keep the download: the installed path, with the packing's suffix
+        while packed."""
+        return self.install_path + ((".zst" if self.zstd else ".gz") if self.packed else "")
 
 
 def read_product_list(path):
@@ -375,13 +380,16 @@ def peer_script(entries, rnd, fetch, check=True):
     """One shell pipeline: fetch, check (unless the fetch did), unpack in place, copy into the
     installation."""
     packed = rnd.dir / "packed.list"
-    packed.write_text("".join(e.staged_path + "\n" for e in entries if e.packed))
+    packed.write_text("".join(e.staged_path + "\n" for e in entries if e.packed and not e.zstd))
+    zstd_packed = rnd.dir / "zstd-packed.list"
+    zstd_packed.write_text("".join(e.staged_path + "\n" for e in entries if e.zstd))
     steps = ["set -e", fetch, "cd %s" % rnd.stage]
     if check:
         sums = rnd.dir / "sums.md5"
         sums.write_text("".join("%s  %s\n" % (e.md5, e.staged_path) for e in entries))
         steps.append("md5sum --quiet --strict -c %s" % sums)
-    steps += ["xargs -d '\\n' -r gzip -d < %s" % packed, "cp -r . %s/" % rnd.install]
+    steps += ["xargs -d '\\n' -r gzip -d < %s" % packed,
+              "xargs -d '\\n' -r zstd -d -q --rm < %s" % zstd_packed, "cp -r . %s/" % rnd.install]
     return ["/bin/bash", "-c", "\n".join(steps)]
 
 
