@@ -95,26 +95,27 @@ void tst_FTPProductDownloadSession::initialize_data()
 {
     QTest::addColumn<QString>("mirrorList");
     QTest::addColumn<QString>("updateData");  // no update data file when null
-    QTest::addColumn<QStringList>("mirrors"); // "name|url|retries|timeout"
+    QTest::addColumn<QStringList>("mirrors"); // the first ones read, "name|url|retries|timeout"
+    QTest::addColumn<int>("count");
     QTest::addColumn<int>("streams");
     QTest::addColumn<QString>("proxy");
 
-    const QString one = "[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=ftp://h/pub\n";
-    const QString none;
-    QTest::newRow("zero and text: retries corrected, timeout kept")
-            << one + "retries=0\ntimeout=soon\n"
-            << "[update]\nproxy=http://p:8080\nstreams=0\n"
-            << QStringList{"m|ftp://h/pub/3.0.1|5|0"} << 1 << "http://p:8080";
-    QTest::newRow("negative and wrapped round to negative fall back; other groups ignored")
-            << one + "retries=-3\ntimeout=4294967295\n"
-            << "[current]\nproxy=x\n[update]\nstreams=-2\n"
-            << QStringList{"m|ftp://h/pub/3.0.1|5|15"} << 1 << none;
+    QTest::newRow("zero, text, negative and wrapped round to negative fall back")
+            << "[mirrors]\nsize=2\n1\\mirror=m\n2\\mirror=n\n[m]\nurl=ftp://h/pub\nretries=0\n"
+               "timeout=soon\n[n]\nurl=ftp://h\nretries=-3\ntimeout=4294967295\n"
+            << "[current]\nproxy=x\n[update]\nproxy=http://p:8080\nstreams=0\n"
+            << QStringList{"m|ftp://h/pub/3.0.1|5|0", "n|ftp://h/3.0.1|5|15"} << 2 << 1
+            << "http://p:8080";
+    QTest::newRow("too many and too large are bounded")
+            << "[mirrors]\nsize=101\n1\\mirror=m\n[m]\nurl=ftp://h\nretries=101\ntimeout=3601\n"
+            << "[update]\nstreams=17\n"
+            << QStringList{"m|ftp://h/3.0.1|100|3600"} << 100 << 16 << QString();
     QTest::newRow("defaults; array order; no mirror key reads the top level; no url kept")
             << "[General]\nurl=ftp://top\nretries=3\n[a]\nurl=http://a\n[mirrors]\nsize=3\n"
                "1\\mirror=b\n3\\mirror=a\n"
-            << none
-            << QStringList{"b|/3.0.1|5|15", "|ftp://top/3.0.1|3|15", "a|http://a/3.0.1|5|15"} << 4
-            << none;
+            << QString()
+            << QStringList{"b|/3.0.1|5|15", "|ftp://top/3.0.1|3|15", "a|http://a/3.0.1|5|15"} << 3
+            << 4 << QString();
 }
 
 void tst_FTPProductDownloadSession::initialize()
@@ -122,8 +123,6 @@ void tst_FTPProductDownloadSession::initialize()
     QFETCH(QString, mirrorList);
     QFETCH(QString, updateData);
     QFETCH(QStringList, mirrors);
-    QFETCH(int, streams);
-    QFETCH(QString, proxy);
 
     QTemporaryDir config;
     InitialParameters parameters;
@@ -141,9 +140,10 @@ void tst_FTPProductDownloadSession::initialize()
     QStringList read;
     for (const MarkedSiteData &m : session.getMirrors())
         read << QString("%1|%2|%3|%4").arg(m.name, m.url).arg(m.retries).arg(m.timeout);
-    QCOMPARE(read, mirrors);
-    QCOMPARE(session.getStreamCount(), streams);
-    QCOMPARE(session.getProxy(), proxy);
+    QTEST(int(read.size()), "count");
+    QCOMPARE(read.mid(0, mirrors.size()), mirrors);
+    QTEST(session.getStreamCount(), "streams");
+    QTEST(session.getProxy(), "proxy");
 }
 
 void tst_FTPProductDownloadSession::initTestCase()
@@ -179,8 +179,8 @@ QString tst_FTPProductDownloadSession::mirrorPath(const QString &installPath) co
 }
 
 // "http", "ftp", "unsupported" (a scheme no stream speaks), "closed" (nobody listens), or
-// "fault:WHAT=B1+B2..." (the fault server scripting the next requests of the file installed as
-// WHAT, of the list for "list", of every file for "*").
+// "fault:WHAT=B1+B2...;WHAT=..." (the fault server scripting the next requests of the file
+// installed as WHAT, of the list for "list", its manifest for "manifest", every file for "*").
 std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const QString &kind,
                                                                            QStringList *urls)
 {
@@ -196,11 +196,17 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         *urls << server->url("ftp", "/");
     } else if (kind.startsWith("fault:")) {
         server = LoopbackServer::faultHttp(root);
-        const QString what = kind.section(':', 1).section('=', 0, 0);
-        const QStringList behaviours = kind.section('=', 1).split('+');
-        const QStringList targets = what == "*" ? QStringList(entries.keys()) : QStringList{what};
-        for (const QString &target : targets)
-            server->setFaults(target == "list" ? listPath : mirrorPath(target), behaviours);
+        for (const QString &script : kind.mid(6).split(';')) {
+            const QString what = script.section('=', 0, 0);
+            const QStringList behaviours = script.section('=', 1).split('+');
+            for (const QString &target : what == "*" ? entries.keys() : QStringList{what}) {
+                server->setFaults(target == "list" ? listPath
+                                  : target == "manifest"
+                                          ? QString(listPath).replace(".ini", ".manifest")
+                                          : mirrorPath(target),
+                                  behaviours);
+            }
+        }
         *urls << server->url("http", "/");
     } else {
         server = LoopbackServer::nginx(root);
@@ -230,8 +236,6 @@ void tst_FTPProductDownloadSession::download_data()
     const QStringList fresh{"Verification of 8 file(s) complete. Ready: 0, Downloaded: 0."};
     const QString corrupt = "fault:*=" + QStringList(8, "corrupt").join('+');
 
-    QTest::newRow("http, 4 streams") << "http" << 4 << "" << true << fresh << all;
-
     QTest::newRow("mirror 0 unreachable, HTTP streams replaced for FTP")
             << "closed ftp" << 2 << "" << true
             << QStringList{"Stream 0 change mirror to 1", "Stream 1 change mirror to 1"}
@@ -246,10 +250,14 @@ void tst_FTPProductDownloadSession::download_data()
             << QStringList{"Stream 0: Download error. Timeout 0 seconds to repeat.",
                            "Stream 0: Download attempt 2", "Stream 0 change mirror to 1"}
             << all;
-    QTest::newRow("list missing on mirror 0") << "fault:list=status:404 http" << 2 << "" << true
-                                              << QStringList{"Stream 0 change mirror to 1"} << all;
-    QTest::newRow("unusable list on mirror 0, nothing of it acted on")
+    QTest::newRow("list missing on mirror 0, 4 streams")
+            << "fault:list=status:404 http" << 4 << "" << true
+            << QStringList{"Stream 0 change mirror to 1"} + fresh << all;
+    QTest::newRow("list unlike its manifest on mirror 0, nothing of it acted on")
             << "fault:list=corrupt http" << 2 << "" << true
+            << QStringList{"Stream 0 change mirror to 1"} << all;
+    QTest::newRow("no manifest and an unreadable list on mirror 0")
+            << "fault:manifest=status:404;list=corrupt http" << 2 << "" << true
             << QStringList{"Stream 0 change mirror to 1"} << all;
 
     QTest::newRow("every file corrupt everywhere")
@@ -364,8 +372,6 @@ void tst_FTPProductDownloadSession::download()
                 || lastMessage.startsWith("No mirror is listed in"));
         return;
     }
-    if (lines.contains("Can't continue."))
-        return;
     QCOMPARE(lastMessage, QString("Download finished."));
     QCOMPARE(sorted(log.filter(" up to date")), sorted(upToDate));
     quint64 total = 0;
