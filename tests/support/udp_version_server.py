@@ -7,20 +7,13 @@ Prints "ready <port>" once bound to an ephemeral port on 127.0.0.1.
 import socket
 import sys
 
-
-def main():
-    log_path, reply_hex = sys.argv[1], sys.argv[2]
-    reply = None if reply_hex == "-" else bytes.fromhex(reply_hex)
-    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    sock.bind(("127.0.0.1", 0))
-    print("ready", sock.getsockname()[1], flush=True)
-    while True:
-        data, peer = sock.recvfrom(4096)
-        with open(log_path, "a") as log:
-            log.write(data.hex() + "\n")
-        if reply is not None:
-            sock.sendto(reply, peer)
-
-
-if __name__ == "__main__":
-    main()
+log_path, reply = sys.argv[1], None if sys.argv[2] == "-" else bytes.fromhex(sys.argv[2])
+sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+sock.bind(("127.0.0.1", 0))
+print("ready", sock.getsockname()[1], flush=True)
+while True:
+    data, peer = sock.recvfrom(4096)
+    with open(log_path, "a") as log:
+        log.write(data.hex() + "\n")
+    if reply is not None:
+        sock.sendto(reply, peer)
