@@ -1,10 +1,6 @@
-"""Scriptable HTTP/1.1 server for fault tests, with keep-alive.
+"""usage: fault_http_server.py LOG ROOT SCRIPT; see LoopbackServer::setFaults().
 
-usage: fault_http_server.py LOG ROOT SCRIPT
-Serves the files below ROOT, percent-decoded. SCRIPT is JSON {path: [behaviour, ...]}, read on
-every request: each request of a path takes its next behaviour, then the path is served normally.
-The behaviours are those of LoopbackServer::setFaults(). Logs "<client port> <method> <path>
-<behaviour>[ <range asked for>]" per request; prints "ready <port>" once listening.
+SCRIPT is JSON {path: [behaviour, ...]}, read on every request. Prints "ready <port>".
 """
 import json
 import os
@@ -39,12 +35,6 @@ class Handler(BaseHTTPRequestHandler):
     def log_message(self, *args):
         pass
 
-    def do_HEAD(self):
-        self.reply(head=True)
-
-    def do_GET(self):
-        self.reply(head=False)
-
     def send_head(self, status, length=None):
         self.send_response(status)
         if status == 206:
@@ -58,7 +48,7 @@ class Handler(BaseHTTPRequestHandler):
             self.send_header("Content-Length", str(length))
         self.end_headers()
 
-    def reply(self, head):
+    def do_GET(self):
         path = unquote(self.path)
         behaviour = next_behaviour(path)
         asked = self.headers.get("Range", "")
@@ -67,21 +57,17 @@ class Handler(BaseHTTPRequestHandler):
                     + (f" {asked}\n" if asked else "\n"))
         kind, _, arg = behaviour.partition(":")
         local = os.path.normpath(os.path.join(ROOT, path.lstrip("/")))
-        body = None
-        if local.startswith(os.path.normpath(ROOT)) and os.path.isfile(local):
+        status, body = 404, b"not found\n"
+        if kind == "status":
+            status, body, kind = int(arg), b"scripted status\n", "ok"
+        elif local.startswith(os.path.normpath(ROOT)) and os.path.isfile(local):
             with open(local, "rb") as f:
-                body = f.read()
-        if kind == "status" or body is None:
-            text = b"scripted status\n" if kind == "status" else b"not found\n"
-            self.send_head(int(arg) if kind == "status" else 404, len(text))
-            if not head:
-                self.wfile.write(text)
-            return
-        if head:
-            return self.send_head(200, len(body))
-        status = 200
-        if kind != "full" and asked.startswith("bytes=") and asked.endswith("-") and asked[6:-1]:
-            start = int(asked[6:-1])
+                status, body = 200, f.read()
+        if self.command == "HEAD":
+            return self.send_head(status, len(body))
+        start = asked[6:-1] if asked.startswith("bytes=") and asked.endswith("-") else ""
+        if status == 200 and kind != "full" and start:
+            start = int(start)
             if start >= len(body):
                 return self.send_head(416, 0)
             status, body = 206, body[start:]
@@ -89,9 +75,6 @@ class Handler(BaseHTTPRequestHandler):
         n, length = int(arg or 0), len(body)
         if kind == "corrupt":
             body = body.translate(INVERTED)
-        elif kind == "long":
-            body += b"x" * n
-            length = len(body)
         elif kind in ("cut", "short", "stall"):
             body, length = body[:n], (None if kind == "short" else length)
         elif kind == "endless":
@@ -114,6 +97,8 @@ class Handler(BaseHTTPRequestHandler):
             except OSError:
                 pass
             self.close_connection = True
+
+    do_HEAD = do_GET
 
 
 server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)

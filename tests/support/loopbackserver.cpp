@@ -17,39 +17,24 @@ const QString supportDir = QStringLiteral(ORLIVO_TEST_SUPPORT_DIR "/");
 // Debian's interpreter: the one that sees python3-pyftpdlib.
 const QString python = QStringLiteral("/usr/bin/python3");
 
-bool openssl(const QString &arguments, const QString &dir)
-{
-    QProcess tool;
-    tool.setWorkingDirectory(dir);
-    tool.setProcessChannelMode(QProcess::MergedChannels);
-    tool.start(QStringLiteral("openssl"),
-               QStringLiteral("%1 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 3")
-                       .arg(arguments)
-                       .split(QLatin1Char(' ')));
-    const bool made = tool.waitForFinished(60000) && tool.exitStatus() == QProcess::NormalExit
-                      && tool.exitCode() == 0;
-    if (!made)
-        qWarning("openssl failed: %s", tool.readAll().constData());
-    return made;
-}
-
 } // namespace
 
 bool makeTestCertificates(const QString &dir, TestCertificates *out)
 {
-    out->caFile = dir + QStringLiteral("/ca.pem");
-    out->certFile = dir + QStringLiteral("/server.pem");
+    out->caFile = out->certFile = dir + QStringLiteral("/server.pem");
     out->keyFile = dir + QStringLiteral("/server.key");
-    return openssl(QStringLiteral("req -x509 -keyout ca.key -out ca.pem -subj /CN=Orlivo-Test-CA "
-                                  "-addext basicConstraints=critical,CA:TRUE "
-                                  "-addext keyUsage=critical,keyCertSign,cRLSign"),
-                   dir)
-           && openssl(QStringLiteral("req -x509 -CA ca.pem -CAkey ca.key -keyout server.key "
-                                     "-out server.pem -subj /CN=127.0.0.1 "
-                                     "-addext subjectAltName=IP:127.0.0.1,DNS:localhost "
-                                     "-addext basicConstraints=CA:FALSE "
-                                     "-addext extendedKeyUsage=serverAuth"),
-                      dir);
+    QProcess openssl;
+    openssl.setProcessChannelMode(QProcess::MergedChannels);
+    openssl.start(QStringLiteral("openssl"),
+                  {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                   "-nodes", "-days", "3", "-subj", "/CN=127.0.0.1", "-addext",
+                   "subjectAltName=IP:127.0.0.1,DNS:localhost", "-keyout", out->keyFile, "-out",
+                   out->certFile});
+    if (openssl.waitForFinished(60000) && openssl.exitStatus() == QProcess::NormalExit
+        && openssl.exitCode() == 0)
+        return true;
+    qWarning("openssl failed: %s", openssl.readAll().constData());
+    return false;
 }
 
 LoopbackServer::~LoopbackServer()
@@ -67,60 +52,53 @@ std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
                             : QString();
     // The temporary paths would otherwise be the system's.
     const QString config =
-            QStringLiteral(
-                    "daemon off; master_process off; worker_processes 1; pid @work@/nginx.pid;\n"
-                    "error_log @work@/error.log warn; events { worker_connections 512; }\n"
-                    "http {\n"
-                    "  default_type application/octet-stream; sendfile on;\n"
-                    "  keepalive_requests 100000; keepalive_timeout 120s;\n"
-                    "  log_format serial '$connection $request_method $uri $status "
-                    "$body_bytes_sent';\n"
-                    "  access_log @work@/access.log serial;\n"
-                    "  client_body_temp_path @work@/body; proxy_temp_path @work@/proxy;\n"
-                    "  fastcgi_temp_path @work@/fcgi; uwsgi_temp_path @work@/uwsgi;\n"
-                    "  scgi_temp_path @work@/scgi;\n"
-                    "  server { listen 127.0.0.1:@port@%1; root %2; }\n"
-                    "}\n")
+            QStringLiteral("daemon off; master_process off; pid @work@/nginx.pid; events {}\n"
+                           "error_log @work@/error.log warn;\n"
+                           "http {\n"
+                           "  log_format serial '$connection $request_method $uri $status "
+                           "$body_bytes_sent';\n"
+                           "  access_log @work@/server.log serial; default_type "
+                           "application/octet-stream;\n"
+                           "  client_body_temp_path @work@/body; proxy_temp_path @work@/proxy;\n"
+                           "  fastcgi_temp_path @work@/fcgi; uwsgi_temp_path @work@/uwsgi;\n"
+                           "  scgi_temp_path @work@/scgi;\n"
+                           "  server { listen 127.0.0.1:@port@%1; root %2; }\n"
+                           "}\n")
                     .arg(ssl, QDir(root).absolutePath());
     return start(QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
-                 QStringLiteral("@work@/access.log"), config);
+                 config);
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,
                                                     const QString &password, bool resumes)
 {
-    QStringList arguments = {supportDir + "ftp_server.py", "@work@/ftp.log",
+    QStringList arguments = {supportDir + "ftp_server.py", "@work@/server.log",
                              QDir(root).absolutePath()};
     if (!user.isEmpty())
         arguments << user << password;
     if (!resumes)
         arguments << QStringLiteral("--no-rest");
-    return start(python, arguments, QStringLiteral("@work@/ftp.log"));
+    return start(python, arguments);
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::proxy()
 {
     return start(QStringLiteral("/usr/bin/tinyproxy"), {"-d", "-c", "@work@/server.conf"},
-                 QStringLiteral("@work@/proxy.log"),
                  QStringLiteral("Port @port@\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 120\n"
-                                "LogFile \"@work@/proxy.log\"\nLogLevel Connect\n"
+                                "LogFile \"@work@/server.log\"\nLogLevel Connect\n"
                                 "MaxClients 64\nDisableViaHeader Yes\n"));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::faultHttp(const QString &root)
 {
-    return start(python,
-                 {supportDir + "fault_http_server.py", "@work@/fault.log",
-                  QDir(root).absolutePath(), "@work@/script.json"},
-                 QStringLiteral("@work@/fault.log"));
+    return start(python, {supportDir + "fault_http_server.py", "@work@/server.log",
+                          QDir(root).absolutePath(), "@work@/script.json"});
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::versionServer(const QByteArray &reply, bool answer)
 {
-    return start(python,
-                 {supportDir + "udp_version_server.py", "@work@/version.log",
-                  answer ? QString::fromLatin1(reply.toHex()) : QStringLiteral("-")},
-                 QStringLiteral("@work@/version.log"));
+    return start(python, {supportDir + "udp_version_server.py", "@work@/server.log",
+                          answer ? QString::fromLatin1(reply.toHex()) : QStringLiteral("-")});
 }
 
 QString LoopbackServer::url(const QString &scheme, const QString &path) const
@@ -143,8 +121,8 @@ void LoopbackServer::setFaults(const QString &path, const QStringList &behaviour
         qFatal("cannot write the fault script");
 }
 
-std::unique_ptr<LoopbackServer> LoopbackServer::start(const QString &program, QStringList arguments,
-                                                      const QString &log, const QString &config)
+std::unique_ptr<LoopbackServer>
+LoopbackServer::start(const QString &program, const QStringList &arguments, const QString &config)
 {
     // A program given a port takes one that was free a moment ago, and another on a clash.
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -154,19 +132,12 @@ std::unique_ptr<LoopbackServer> LoopbackServer::start(const QString &program, QS
             probe.listen(QHostAddress::LocalHost, 0);
             server->listenPort = probe.serverPort();
         }
-        const auto fill = [&](QString text) {
-            return text.replace(QStringLiteral("@work@"), server->dir.path())
-                    .replace(QStringLiteral("@port@"), QString::number(server->listenPort));
-        };
-        server->requestLog = fill(log);
-        if (!config.isEmpty()
-            && !writeTestFile(server->dir.filePath(QStringLiteral("server.conf")),
-                              fill(config).toUtf8()))
+        const QString work = server->dir.path(), port = QString::number(server->listenPort);
+        const QString filled = QString(config).replace("@work@", work).replace("@port@", port);
+        server->requestLog = server->dir.filePath(QStringLiteral("server.log"));
+        if (!config.isEmpty() && !writeTestFile(work + "/server.conf", filled.toUtf8()))
             return nullptr;
-        QStringList filled;
-        for (const QString &argument : arguments)
-            filled << fill(argument);
-        if (server->launch(program, filled))
+        if (server->launch(program, QStringList(arguments).replaceInStrings("@work@", work)))
             return server;
     }
     return nullptr;

@@ -1,15 +1,12 @@
 #pragma once
 
-#include <QByteArray>
 #include <QJsonObject>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
 
-// A test CA's certificate and a server certificate it signed for 127.0.0.1 and localhost.
+// A self-signed server certificate for 127.0.0.1 and localhost, its own CA.
 struct TestCertificates
 {
     QString caFile;
@@ -17,7 +14,7 @@ struct TestCertificates
     QString keyFile;
 };
 
-// Makes them in dir with openssl; false when that fails.
+// Makes one in dir with openssl; false when that fails.
 bool makeTestCertificates(const QString &dir, TestCertificates *out);
 
 // One server process on 127.0.0.1, listening once a factory returns it, stopped when destroyed.
@@ -54,16 +51,17 @@ public:
     // Fault server only: the next requests of path (decoded) take these behaviours in turn, then
     // it is served normally. "ok"; "status:N"; "cut:N" (full length announced, N bytes sent,
     // closed); "short:N" (no length, N bytes, closed); "stall:N" (N bytes, then silence);
-    // "endless"; "corrupt" (every byte inverted); "long:N" (N bytes more than the file);
-    // "full" (200 and the whole file, whatever range was asked). Other ranges "bytes=N-" get 206.
+    // "endless"; "corrupt" (every byte inverted); "full" (200 and the whole file whatever range
+    // was asked). Otherwise a range "bytes=N-" gets 206 and the behaviour applies to the rest.
     void setFaults(const QString &path, const QStringList &behaviours);
 
 private:
     LoopbackServer() = default;
-    // "@work@" in arguments, log and config stands for the server's directory, "@port@" for its
-    // port; without a config the program binds port 0 itself and prints "ready <port>".
-    static std::unique_ptr<LoopbackServer> start(const QString &program, QStringList arguments,
-                                                 const QString &log, const QString &config = {});
+    // "@work@" stands for the server's directory, "@port@" in config for its port; the request
+    // log is @work@/server.log. Without a config the program binds port 0 itself and prints
+    // "ready <port>".
+    static std::unique_ptr<LoopbackServer>
+    start(const QString &program, const QStringList &arguments, const QString &config = {});
     bool launch(const QString &program, const QStringList &arguments);
 
     QTemporaryDir dir;
