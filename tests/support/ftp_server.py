@@ -1,8 +1,7 @@
-"""FTP server for tests: serves ROOT read-only to anonymous and, when given, to USER.
+"""usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest]
 
-usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest]
-With --no-rest it refuses REST, as servers that cannot resume a transfer do.
-Prints "ready <port>" once listening on an ephemeral port of 127.0.0.1.
+Serves ROOT read-only to anonymous and USER; --no-rest refuses REST, as servers that cannot
+resume do. Prints "ready <port>".
 """
 import logging
 import sys

@@ -6,7 +6,7 @@
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
+#include <QJsonObject>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
@@ -16,6 +16,18 @@ namespace {
 const QString supportDir = QStringLiteral(ORLIVO_TEST_SUPPORT_DIR "/");
 // Debian's interpreter: the one that sees python3-pyftpdlib.
 const QString python = QStringLiteral("/usr/bin/python3");
+// The temporary paths would otherwise be the system's.
+const char nginxConfig[] =
+        "daemon off; master_process off; pid @work@/nginx.pid; error_log @work@/error.log;\n"
+        "events {}\n"
+        "http {\n"
+        "  log_format serial '$connection $request_method $uri $status $body_bytes_sent';\n"
+        "  access_log @work@/server.log serial;\n"
+        "  client_body_temp_path @work@/body; proxy_temp_path @work@/proxy;\n"
+        "  fastcgi_temp_path @work@/fcgi; uwsgi_temp_path @work@/uwsgi;\n"
+        "  scgi_temp_path @work@/scgi;\n"
+        "  server { listen 127.0.0.1:@port@%1; root %2; }\n"
+        "}\n";
 
 } // namespace
 
@@ -50,23 +62,8 @@ std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
     const QString ssl = tls ? QStringLiteral(" ssl; ssl_certificate %1; ssl_certificate_key %2")
                                         .arg(tls->certFile, tls->keyFile)
                             : QString();
-    // The temporary paths would otherwise be the system's.
-    const QString config =
-            QStringLiteral("daemon off; master_process off; pid @work@/nginx.pid; events {}\n"
-                           "error_log @work@/error.log warn;\n"
-                           "http {\n"
-                           "  log_format serial '$connection $request_method $uri $status "
-                           "$body_bytes_sent';\n"
-                           "  access_log @work@/server.log serial; default_type "
-                           "application/octet-stream;\n"
-                           "  client_body_temp_path @work@/body; proxy_temp_path @work@/proxy;\n"
-                           "  fastcgi_temp_path @work@/fcgi; uwsgi_temp_path @work@/uwsgi;\n"
-                           "  scgi_temp_path @work@/scgi;\n"
-                           "  server { listen 127.0.0.1:@port@%1; root %2; }\n"
-                           "}\n")
-                    .arg(ssl, QDir(root).absolutePath());
     return start(QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
-                 config);
+                 QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath()));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,
@@ -84,15 +81,14 @@ std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const Q
 std::unique_ptr<LoopbackServer> LoopbackServer::proxy()
 {
     return start(QStringLiteral("/usr/bin/tinyproxy"), {"-d", "-c", "@work@/server.conf"},
-                 QStringLiteral("Port @port@\nListen 127.0.0.1\nAllow 127.0.0.1\nTimeout 120\n"
-                                "LogFile \"@work@/server.log\"\nLogLevel Connect\n"
-                                "MaxClients 64\nDisableViaHeader Yes\n"));
+                 QStringLiteral("Port @port@\nListen 127.0.0.1\nAllow 127.0.0.1\n"
+                                "LogFile \"@work@/server.log\"\nLogLevel Connect\n"));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::faultHttp(const QString &root)
 {
     return start(python, {supportDir + "fault_http_server.py", "@work@/server.log",
-                          QDir(root).absolutePath(), "@work@/script.json"});
+                          QDir(root).absolutePath()});
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::versionServer(const QByteArray &reply, bool answer)
@@ -108,66 +104,62 @@ QString LoopbackServer::url(const QString &scheme, const QString &path) const
 
 QStringList LoopbackServer::logLines() const
 {
-    return QString::fromUtf8(readTestFile(requestLog)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return QString::fromUtf8(readTestFile(dir.filePath(QStringLiteral("server.log"))))
+            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 void LoopbackServer::setFaults(const QString &path, const QStringList &behaviours)
 {
-    faults.insert(path, QJsonArray::fromStringList(behaviours));
-    // Replaced whole by a rename, so the server never reads half a script.
-    QSaveFile script(dir.filePath(QStringLiteral("script.json")));
-    if (!script.open(QIODevice::WriteOnly) || script.write(QJsonDocument(faults).toJson()) < 0
-        || !script.commit())
-        qFatal("cannot write the fault script");
+    const QJsonObject script{{path, QJsonArray::fromStringList(behaviours)}};
+    process.write(QJsonDocument(script).toJson(QJsonDocument::Compact) + '\n');
+    // In force once answered.
+    while (!process.canReadLine() && process.waitForReadyRead(15000)) {
+    }
+    if (process.readLine() != "ok\n")
+        qFatal("the fault server did not take its script");
 }
 
 std::unique_ptr<LoopbackServer>
 LoopbackServer::start(const QString &program, const QStringList &arguments, const QString &config)
 {
-    // A program given a port takes one that was free a moment ago, and another on a clash.
+    // A port that was free a moment ago may be taken when the program binds it: then another.
     for (int attempt = 0; attempt < 5; ++attempt) {
         std::unique_ptr<LoopbackServer> server(new LoopbackServer);
+        QProcess &process = server->process;
+        const QString work = server->dir.path();
         if (!config.isEmpty()) {
             QTcpServer probe;
             probe.listen(QHostAddress::LocalHost, 0);
             server->listenPort = probe.serverPort();
+            QString filled = config;
+            filled.replace("@work@", work).replace("@port@", QString::number(server->listenPort));
+            if (!writeTestFile(work + "/server.conf", filled.toUtf8()))
+                return nullptr;
+            process.setStandardOutputFile(work + "/server.out");
         }
-        const QString work = server->dir.path(), port = QString::number(server->listenPort);
-        const QString filled = QString(config).replace("@work@", work).replace("@port@", port);
-        server->requestLog = server->dir.filePath(QStringLiteral("server.log"));
-        if (!config.isEmpty() && !writeTestFile(work + "/server.conf", filled.toUtf8()))
-            return nullptr;
-        if (server->launch(program, QStringList(arguments).replaceInStrings("@work@", work)))
-            return server;
+        process.setWorkingDirectory(work);
+        process.setStandardErrorFile(work + "/server.err");
+        process.start(program, QStringList(arguments).replaceInStrings("@work@", work));
+        const QDeadlineTimer deadline(15000);
+        if (!server->listenPort) {
+            while (!process.canReadLine()
+                   && process.waitForReadyRead(int(deadline.remainingTime()))) {
+            }
+            const QByteArray line = process.readLine();
+            server->listenPort = line.startsWith("ready ") ? line.mid(6).trimmed().toUShort() : 0;
+            if (server->listenPort)
+                return server;
+        }
+        while (server->listenPort && !deadline.hasExpired()
+               && process.state() != QProcess::NotRunning) {
+            QTcpSocket probe;
+            probe.connectToHost(QHostAddress::LocalHost, server->listenPort);
+            if (probe.waitForConnected(500))
+                return server;
+            QTest::qWait(50);
+        }
+        qWarning("%s did not start: %s", qPrintable(program),
+                 readTestFile(work + "/server.err").constData());
     }
     return nullptr;
-}
-
-bool LoopbackServer::launch(const QString &program, const QStringList &arguments)
-{
-    process.setWorkingDirectory(dir.path());
-    if (listenPort)
-        process.setStandardOutputFile(dir.filePath(QStringLiteral("server.out")));
-    process.setStandardErrorFile(dir.filePath(QStringLiteral("server.err")));
-    process.start(program, arguments);
-    QDeadlineTimer deadline(15000);
-    if (!listenPort) {
-        while (!process.canReadLine() && process.waitForReadyRead(int(deadline.remainingTime()))) {
-        }
-        const QList<QByteArray> words = process.readLine().trimmed().split(' ');
-        if (words.size() == 2 && words.first() == "ready")
-            listenPort = quint16(words.last().toUInt());
-        if (listenPort)
-            return true;
-    }
-    while (listenPort && !deadline.hasExpired() && process.state() != QProcess::NotRunning) {
-        QTcpSocket probe;
-        probe.connectToHost(QHostAddress::LocalHost, listenPort);
-        if (probe.waitForConnected(500))
-            return true;
-        QTest::qWait(50);
-    }
-    qWarning("%s did not start: %s", qPrintable(program),
-             readTestFile(dir.filePath(QStringLiteral("server.err"))).constData());
-    return false;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -58,15 +57,11 @@ public:
 private:
     LoopbackServer() = default;
     // "@work@" stands for the server's directory, "@port@" in config for its port; the request
-    // log is @work@/server.log. Without a config the program binds port 0 itself and prints
-    // "ready <port>".
+    // log is @work@/server.log. Without a config the program binds port 0 and prints it.
     static std::unique_ptr<LoopbackServer>
     start(const QString &program, const QStringList &arguments, const QString &config = {});
-    bool launch(const QString &program, const QStringList &arguments);
 
     QTemporaryDir dir;
     QProcess process;
     quint16 listenPort = 0;
-    QString requestLog;
-    QJsonObject faults;
 };

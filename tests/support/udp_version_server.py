@@ -1,8 +1,6 @@
-"""UDP stand-in for the update server: answers every datagram with a fixed reply.
+"""usage: udp_version_server.py LOG REPLY_HEX|-
 
-usage: udp_version_server.py LOG REPLY_HEX|-
-Logs each datagram received as hex, one per line. With "-" it never answers.
-Prints "ready <port>" once bound to an ephemeral port on 127.0.0.1.
+Answers every datagram with the reply, or never with "-", and logs it as hex. Prints "ready <port>".
 """
 import socket
 import sys

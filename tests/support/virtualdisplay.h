@@ -4,8 +4,7 @@
 #include <QProcessEnvironment>
 #include <QStandardPaths>
 
-// An X server of a test's own (Xvfb), driven with xdotool. The server picks its display number
-// itself, so tests running side by side never collide. Stopped when destroyed.
+// An X server of a test's own (Xvfb), driven with xdotool; stopped when destroyed.
 class VirtualDisplay
 {
 public:
@@ -15,7 +14,6 @@ public:
         server.waitForFinished(5000);
     }
 
-    // Both Xvfb and xdotool are installed.
     static bool isAvailable()
     {
         return !program("Xvfb").isEmpty() && !program("xdotool").isEmpty();
@@ -23,7 +21,7 @@ public:
 
     bool start()
     {
-        // -displayfd: the server takes the first free number and writes it to us.
+        // It takes the first free display number and tells it, so tests side by side never clash.
         server.start(program("Xvfb"),
                      {"-displayfd", "1", "-screen", "0", "800x600x24", "-nolisten", "tcp"});
         if (!server.waitForStarted() || !server.waitForReadyRead(30000))
@@ -41,8 +39,7 @@ public:
         return environment;
     }
 
-    // Runs xdotool on this display; true when it exits with 0. Its standard output goes to
-    // output when given.
+    // True when xdotool exits with 0 on this display; its standard output goes to output.
     bool xdotool(const QStringList &arguments, QByteArray *output = nullptr) const
     {
         QProcess tool;
