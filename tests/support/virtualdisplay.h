@@ -16,13 +16,14 @@ public:
 
     static bool isAvailable()
     {
-        return !program("Xvfb").isEmpty() && !program("xdotool").isEmpty();
+        return !QStandardPaths::findExecutable(QStringLiteral("Xvfb")).isEmpty()
+               && !QStandardPaths::findExecutable(QStringLiteral("xdotool")).isEmpty();
     }
 
     bool start()
     {
         // It takes the first free display number and tells it, so tests side by side never clash.
-        server.start(program("Xvfb"),
+        server.start(QStringLiteral("Xvfb"),
                      {"-displayfd", "1", "-screen", "0", "800x600x24", "-nolisten", "tcp"});
         if (!server.waitForStarted() || !server.waitForReadyRead(30000))
             return false;
@@ -44,7 +45,7 @@ public:
     {
         QProcess tool;
         tool.setProcessEnvironment(environment());
-        tool.start(program("xdotool"), arguments);
+        tool.start(QStringLiteral("xdotool"), arguments);
         const bool succeeded = tool.waitForFinished(60000)
                                && tool.exitStatus() == QProcess::NormalExit && tool.exitCode() == 0;
         if (output)
@@ -53,11 +54,6 @@ public:
     }
 
 private:
-    static QString program(const char *name)
-    {
-        return QStandardPaths::findExecutable(QString::fromLatin1(name));
-    }
-
     QProcess server;
     QString name;
 };
