@@ -11,7 +11,6 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import unquote
 
 LOG, ROOT = sys.argv[1:3]
-INVERTED = bytes(range(255, -1, -1))
 script = {}
 lock = threading.Lock()
 
@@ -69,7 +68,7 @@ class Handler(BaseHTTPRequestHandler):
             status, body = 206, body[start:]
         n, length = int(arg or 0), len(body)
         if kind == "corrupt":
-            body = body.translate(INVERTED)
+            body = body.translate(bytes(range(255, -1, -1)))
         elif kind in ("cut", "short", "stall"):
             body, length = body[:n], (None if kind == "short" else length)
         elif kind == "endless":

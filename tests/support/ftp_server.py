@@ -1,8 +1,6 @@
-"""usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest]
+"""usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest]; prints "ready <port>".
 
-Serves ROOT read-only to anonymous and USER; --no-rest refuses REST, as servers that cannot
-resume do. Prints "ready <port>".
-"""
+--no-rest refuses REST, as servers that cannot resume do."""
 import logging
 import sys
 

@@ -127,7 +127,6 @@ LoopbackServer::start(const QString &program, const QStringList &arguments, cons
             filled.replace("@work@", work).replace("@port@", QString::number(server->listenPort));
             if (!writeTestFile(work + "/server.conf", filled.toUtf8()))
                 return nullptr;
-            process.setStandardOutputFile(work + "/server.out");
         }
         process.setWorkingDirectory(work);
         process.setStandardErrorFile(work + "/server.err");

@@ -5,7 +5,6 @@
 
 #include <memory>
 
-// A self-signed server certificate for 127.0.0.1 and localhost, its own CA.
 struct TestCertificates
 {
     QString caFile;
@@ -13,7 +12,7 @@ struct TestCertificates
     QString keyFile;
 };
 
-// Makes one in dir with openssl; false when that fails.
+// Makes a self-signed certificate for 127.0.0.1 and localhost in dir, its own CA.
 bool makeTestCertificates(const QString &dir, TestCertificates *out);
 
 // One server process on 127.0.0.1, listening once a factory returns it, stopped when destroyed.
@@ -30,8 +29,7 @@ public:
     // nginx serving root over HTTP, or HTTPS when certificates are given.
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
                                                  const TestCertificates *tls = nullptr);
-    // pyftpdlib serving root read-only to anonymous and, when given, to user; without resumes
-    // it refuses REST.
+    // pyftpdlib, root read-only to anonymous and user; without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
                                                const QString &password = {}, bool resumes = true);
     // tinyproxy, which also tunnels (CONNECT) to loopback ports.
@@ -43,7 +41,6 @@ public:
                                                          bool answer = true);
 
     quint16 port() const { return listenPort; }
-    // "scheme://127.0.0.1:port" + path.
     QString url(const QString &scheme, const QString &path = {}) const;
     QStringList logLines() const;
 

@@ -1,7 +1,6 @@
-"""usage: udp_version_server.py LOG REPLY_HEX|-
+"""usage: udp_version_server.py LOG REPLY_HEX|-; prints "ready <port>".
 
-Answers every datagram with the reply, or never with "-", and logs it as hex. Prints "ready <port>".
-"""
+Answers every datagram with the reply, or never with "-", and logs it as hex."""
 import socket
 import sys
 
