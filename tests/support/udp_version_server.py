@@ -1,26 +1,16 @@
-"""UDP stand-in for the update server: answers every datagram with a fixed reply.
+"""usage: udp_version_server.py LOG REPLY_HEX|-; prints "ready <port>".
 
-usage: udp_version_server.py LOG REPLY_HEX|-
-Logs each datagram received as hex, one per line. With "-" it never answers.
-Prints "ready <port>" once bound to an ephemeral port on 127.0.0.1.
-"""
+Answers every datagram with the reply, or never with "-", and logs it as hex."""
 import socket
 import sys
 
-
-def main():
-    log_path, reply_hex = sys.argv[1], sys.argv[2]
-    reply = None if reply_hex == "-" else bytes.fromhex(reply_hex)
-    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    sock.bind(("127.0.0.1", 0))
-    print("ready", sock.getsockname()[1], flush=True)
-    while True:
-        data, peer = sock.recvfrom(4096)
-        with open(log_path, "a") as log:
-            log.write(data.hex() + "\n")
-        if reply is not None:
-            sock.sendto(reply, peer)
-
-
-if __name__ == "__main__":
-    main()
+log_path, reply = sys.argv[1], None if sys.argv[2] == "-" else bytes.fromhex(sys.argv[2])
+sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+sock.bind(("127.0.0.1", 0))
+print("ready", sock.getsockname()[1], flush=True)
+while True:
+    data, peer = sock.recvfrom(4096)
+    with open(log_path, "a") as log:
+        log.write(data.hex() + "\n")
+    if reply is not None:
+        sock.sendto(reply, peer)
