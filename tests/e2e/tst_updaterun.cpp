@@ -8,8 +8,6 @@
 #include <QTcpServer>
 #include <QtTest>
 
-#include <sys/stat.h>
-
 namespace {
 
 const QString clientType = QStringLiteral("client_linux_amd64");
@@ -24,13 +22,6 @@ QByteArray noiseBytes(int size, quint32 seed)
     return bytes;
 }
 
-int modeBits(const QString &file)
-{
-    struct stat status = {};
-    return ::stat(QFile::encodeName(file).constData(), &status) == 0 ? int(status.st_mode & 07777)
-                                                                     : -1;
-}
-
 // Relative paths of the files below dir, sorted.
 QStringList filesBelow(const QString &dir)
 {
@@ -42,54 +33,54 @@ QStringList filesBelow(const QString &dir)
     return files;
 }
 
+bool execute(const QString &program, const QStringList &arguments)
+{
+    return QProcess::execute(program, arguments) == 0;
+}
+
 bool publish(const QString &releaseDir, const QString &version, const QString &root,
              const QString &secretKey)
 {
-    return QProcess::execute(QStringLiteral(UPDATE_PUBLISH),
-                             {"--sign", secretKey, releaseDir, clientType, version, root})
-           == 0;
+    return execute(UPDATE_PUBLISH, {"--sign", secretKey, releaseDir, clientType, version, root});
 }
 
 // Signs a manifest of version 12 with minisign itself, as a publisher without our tool would.
 bool minisign(const QString &secretKey, const QString &manifest)
 {
-    return QProcess::execute(
-                   QStringLiteral("minisign"),
-                   {"-S", "-s", secretKey, "-t", "orlivo " + clientType + " 12", "-m", manifest})
-           == 0;
+    return execute("minisign",
+                   {"-S", "-s", secretKey, "-t", "orlivo " + clientType + " 12", "-m", manifest});
+}
+
+bool mountTmpfs(const QString &dir, const QString &options)
+{
+    return execute("mount", {"-t", "tmpfs", "-o", options, "tmpfs", dir});
 }
 
 } // namespace
 
 // The real updater, copied into an installation of the previous release, updates it from mirrors
 // that update-publish made and real servers on loopback serve. Unattended runs go offscreen; the
-// run without arguments is worked with the keyboard on a virtual X display. The updater's log is
-// read from its standard error.
+// run without arguments is worked with the keyboard on a virtual X display.
 class TestUpdateRun : public QObject
 {
     Q_OBJECT
 
     QTemporaryDir work;
-    QString previousRelease;
-    QString release;
-    QString mirrorRoot;
+    QString previousRelease, release, mirrorRoot, deadPort;
     QStringList mirrorFiles; // "/12/<section>/<name>" of every file of the release
     std::unique_ptr<LoopbackServer> http, ftp, versionServer, garbageServer, fault, hostile;
-    QString deadPort;
     QString publisherKeys; // the trusted key pair, made by minisign
     QString unknownKeys;   // one no installation trusts, made by update-publish
-    std::unique_ptr<QTemporaryDir> installation;
-    std::unique_ptr<QTemporaryDir> tempDir;
+    std::unique_ptr<QTemporaryDir> installation, tempDir;
     QString workingParent; // TMPDIR of the runs
     std::unique_ptr<VirtualDisplay> display;
 
-    // Version 11 as installed.
+    QString at(const QString &name) const { return installation->filePath(name); }
+
+    // Version 11 installed, the update server named.
     void installPreviousRelease()
     {
-        for (const QString &name : filesBelow(previousRelease)) {
-            QDir().mkpath(QFileInfo(installation->filePath(name)).path());
-            QVERIFY(QFile::copy(previousRelease + '/' + name, installation->filePath(name)));
-        }
+        QVERIFY(execute("cp", {"-a", previousRelease + "/.", installation->path()}));
         writeSettings({});
     }
 
@@ -97,7 +88,7 @@ class TestUpdateRun : public QObject
     void writeSettings(const QByteArray &extra)
     {
         const QByteArray server = "server=127.0.0.1:" + QByteArray::number(versionServer->port());
-        QVERIFY(writeTestFile(installation->filePath(QStringLiteral("update.ini")),
+        QVERIFY(writeTestFile(at("update.ini"),
                               "[update]\n" + (extra.contains("server=") ? "" : server + '\n')
                                       + extra));
     }
@@ -109,17 +100,16 @@ class TestUpdateRun : public QObject
         QByteArray sections;
         for (int i = 0; i < kinds.size(); ++i) {
             const QString &kind = kinds.at(i);
-            QString url = kind.section(' ', 1) + QStringLiteral("://127.0.0.1:") + deadPort + '/';
-            if (kind == QLatin1String("http") || kind == QLatin1String("ftp"))
-                url = (kind == QLatin1String("http") ? http : ftp)->url(kind, QStringLiteral("/"));
-            else if (kind == QLatin1String("fault") || kind == QLatin1String("hostile"))
-                url = (kind == QLatin1String("fault") ? fault : hostile)->url("http", "/");
+            QString url = kind.section(' ', 1) + "://127.0.0.1:" + deadPort + '/';
+            if (kind == "http" || kind == "ftp")
+                url = (kind == "http" ? http : ftp)->url(kind, "/");
+            else if (kind == "fault" || kind == "hostile")
+                url = (kind == "fault" ? fault : hostile)->url("http", "/");
             const QByteArray n = QByteArray::number(i);
             list += QByteArray::number(i + 1) + "\\mirror=m" + n + "\n";
             sections += "[m" + n + "]\nurl=" + url.toUtf8() + "\nretries=2\ntimeout=0\n";
         }
-        QVERIFY(writeTestFile(installation->filePath(QStringLiteral("mirrors.ini")),
-                              list + sections));
+        QVERIFY(writeTestFile(at("mirrors.ini"), list + sections));
     }
 
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false)
@@ -131,11 +121,11 @@ class TestUpdateRun : public QObject
             for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
                 environment.remove(QString::fromLatin1(name));
         }
-        environment.insert(QStringLiteral("TMPDIR"), workingParent);
+        environment.insert("TMPDIR", workingParent);
         process->setProcessEnvironment(environment);
         process->setWorkingDirectory(installation->path());
         process->setProcessChannelMode(QProcess::MergedChannels);
-        process->start(installation->filePath(QStringLiteral("update")), arguments);
+        process->start(at("update"), arguments);
     }
 
     // An unattended run ended with exitCode and logged logLine, without crashing, hanging or
@@ -144,7 +134,7 @@ class TestUpdateRun : public QObject
               QByteArray *log = nullptr)
     {
         QProcess process;
-        startUpdater(&process, QStringList{QStringLiteral("--nouser")} + arguments);
+        startUpdater(&process, QStringList{"--nouser"} + arguments);
         const bool finished = process.waitForFinished(runTimeoutMs);
         const QByteArray text = process.readAll();
         if (log)
@@ -159,82 +149,40 @@ class TestUpdateRun : public QObject
         return ok;
     }
 
-    // The previous release as it was: nothing installed, nothing deleted, nothing added but the
-    // updater's own settings.
-    void verifyUntouched()
+    // The installation is releaseDir byte for byte, with no other files but those of own that
+    // are there.
+    void verifyHolds(const QString &releaseDir, const QStringList &own)
     {
-        QStringList expected = filesBelow(previousRelease);
-        for (const char *name :
-             {"mirrors.ini", "update.ini", "session_12.ini", "update-keys.pub"}) {
-            if (QFile::exists(installation->filePath(QString::fromLatin1(name))))
-                expected << QString::fromLatin1(name);
-        }
+        QStringList expected = filesBelow(releaseDir);
+        for (const QString &name : own)
+            expected << (QFile::exists(at(name)) ? QStringList{name} : QStringList());
         expected.sort();
         QCOMPARE(filesBelow(installation->path()), expected);
-        for (const QString &name : filesBelow(previousRelease))
-            QVERIFY2(readTestFile(installation->filePath(name))
-                             == readTestFile(previousRelease + '/' + name),
+        for (const QString &name : filesBelow(releaseDir))
+            QVERIFY2(readTestFile(at(name)) == readTestFile(releaseDir + '/' + name),
                      qPrintable(name));
     }
 
-    // The installation is the release byte for byte, executables 0755, the deleted file gone, and
-    // the run has left no trace but the renamed old updater.
+    // The previous release as it was: nothing installed, nothing deleted.
+    void verifyUntouched()
+    {
+        verifyHolds(previousRelease,
+                    {"mirrors.ini", "update.ini", "session_12.ini", "update-keys.pub"});
+    }
+
+    // The release byte for byte, executables 0755, the deleted file gone, and no trace of the run
+    // but the renamed old updater.
     void verifyInstalled(bool oldUpdaterAside)
     {
-        const QDir root(installation->path());
-        QStringList expected = filesBelow(release) << "mirrors.ini"
-                                                   << "update.ini";
-        if (root.exists(QStringLiteral("update-keys.pub")))
-            expected << QStringLiteral("update-keys.pub");
-        if (oldUpdaterAside)
-            expected << QStringLiteral("_old_update");
-        expected.sort();
-        QCOMPARE(filesBelow(root.path()), expected);
-        for (const QString &name : filesBelow(release))
-            QVERIFY2(readTestFile(root.filePath(name)) == readTestFile(release + '/' + name),
-                     qPrintable(name));
-        QCOMPARE(modeBits(root.filePath(QStringLiteral("update"))), 0755);
-        QCOMPARE(modeBits(root.filePath(QStringLiteral("lib/libvoice.so"))), 0755);
-        if (oldUpdaterAside)
-            QCOMPARE(readTestFile(root.filePath(QStringLiteral("_old_update"))),
-                     readTestFile(previousRelease + QStringLiteral("/update")));
-        const QByteArray settings = readTestFile(root.filePath(QStringLiteral("update.ini")));
+        verifyHolds(release, {"mirrors.ini", "update.ini", "update-keys.pub", "_old_update"});
+        QCOMPARE(readTestFile(at("_old_update")),
+                 oldUpdaterAside ? readTestFile(previousRelease + "/update") : QByteArray());
+        for (const char *executable : {"update", "lib/libvoice.so"}) // 0755, the user's bits aside
+            QCOMPARE(int(QFile::permissions(at(executable))) & 0xf0ff, 0x7055);
+        const QByteArray settings = readTestFile(at("update.ini"));
         QVERIFY(!settings.contains("[current]") && settings.contains("[installed]\nversion=12\n"));
         QCOMPARE(QDir(tempDir->path()).entryList({"orlivo_temp_*"}, QDir::AllEntries),
                  QStringList());
-    }
-
-    // On a virtual display: a start with a bad version only shows the error box and ends with
-    // status 1 once it is answered; then a start without arguments is worked with the keyboard.
-    void runInWindow(QByteArray *log, int *exitCode)
-    {
-        display = std::make_unique<VirtualDisplay>();
-        QVERIFY(display->start());
-        QProcess refused;
-        startUpdater(&refused, {clientType, QStringLiteral("x7")}, true);
-        QByteArray box;
-        QVERIFY(display->xdotool({"search", "--sync", "--onlyvisible", "--name", "^Error$"}, &box));
-        QVERIFY(!display->xdotool({"search", "--onlyvisible", "--name", "Orlivo"}));
-        QVERIFY(display->xdotool(
-                {"windowfocus", "--sync", QString::fromLatin1(box.trimmed()), "key", "Return"}));
-        QVERIFY(refused.waitForFinished(runTimeoutMs));
-        QCOMPARE(refused.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(refused.exitCode(), 1);
-
-        QProcess updater;
-        startUpdater(&updater, {}, true);
-        // Nothing happens until the user presses "Start Update", which has the focus.
-        QVERIFY(display->xdotool({"search", "--sync", "--onlyvisible", "--name",
-                                  "^Orlivo Client Update$", "windowfocus", "--sync", "key",
-                                  "space"}));
-        QTRY_VERIFY_WITH_TIMEOUT(
-                (*log += updater.readAll()).contains("Update finished, version: 12"), runTimeoutMs);
-        // The finished window's button starts the client and closes the window. It lost the
-        // focus to "Details" while it was disabled; Shift+Tab gives it back.
-        QVERIFY(display->xdotool({"key", "shift+Tab", "space"}));
-        QVERIFY(updater.waitForFinished(runTimeoutMs));
-        *log += updater.readAll();
-        *exitCode = updater.exitCode();
     }
 
 private slots:
@@ -244,9 +192,9 @@ private slots:
         // Version 11 as installed, and version 12 with a changed, a new and a packed file, one
         // file fewer, and a new updater, which differs from the running one and so is renamed
         // aside.
-        previousRelease = work.filePath(QStringLiteral("release-11"));
-        release = work.filePath(QStringLiteral("release-12"));
-        const QByteArray updater = readTestFile(QStringLiteral(UPDATE_BINARY));
+        previousRelease = work.filePath("release-11");
+        release = work.filePath("release-12");
+        const QByteArray updater = readTestFile(UPDATE_BINARY);
         QVERIFY(!updater.isEmpty());
         const QList<QPair<QString, QByteArray>> files = {
                 {previousRelease + "/update", updater},
@@ -264,26 +212,21 @@ private slots:
                                       QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
 
         // nginx and pyftpdlib report canonical paths.
-        mirrorRoot = QFileInfo(work.path()).canonicalFilePath() + QStringLiteral("/mirror");
-        QCOMPARE(QProcess::execute(
-                         QStringLiteral(UPDATE_PUBLISH),
-                         {release, clientType, "12", mirrorRoot, "--previous", previousRelease}),
-                 0);
+        mirrorRoot = QFileInfo(work.path()).canonicalFilePath() + "/mirror";
+        QVERIFY(execute(UPDATE_PUBLISH,
+                        {release, clientType, "12", mirrorRoot, "--previous", previousRelease}));
         // The files of the release lie in sections; the list and its manifest beside them.
-        for (const QString &file : filesBelow(mirrorRoot + QStringLiteral("/12")))
-            if (file.contains(QLatin1Char('/')))
-                mirrorFiles << QStringLiteral("/12/") + file;
+        for (const QString &file : filesBelow(mirrorRoot + "/12"))
+            mirrorFiles << (file.contains('/') ? QStringList{"/12/" + file} : QStringList());
 
-        // The release is signed with minisign; an installation trusts it only when the test
-        // puts the key into update-keys.pub.
-        publisherKeys = work.filePath(QStringLiteral("keys"));
-        unknownKeys = work.filePath(QStringLiteral("unknown"));
+        // The release is signed with minisign; an installation trusts it only when a test puts
+        // the key into update-keys.pub.
+        publisherKeys = work.filePath("keys");
+        unknownKeys = work.filePath("unknown");
         QVERIFY(QDir().mkpath(publisherKeys));
-        QCOMPARE(QProcess::execute(QStringLiteral("minisign"),
-                                   {"-G", "-W", "-p", publisherKeys + "/update-keys.pub", "-s",
-                                    publisherKeys + "/update-secret.key"}),
-                 0);
-        QCOMPARE(QProcess::execute(QStringLiteral(UPDATE_PUBLISH), {"--keygen", unknownKeys}), 0);
+        QVERIFY(execute("minisign", {"-G", "-W", "-p", publisherKeys + "/update-keys.pub", "-s",
+                                     publisherKeys + "/update-secret.key"}));
+        QVERIFY(execute(UPDATE_PUBLISH, {"--keygen", unknownKeys}));
         QVERIFY(minisign(publisherKeys + "/update-secret.key",
                          mirrorRoot + "/12/" + clientType + ".manifest"));
 
@@ -334,30 +277,52 @@ private slots:
         if (onDisplay && !VirtualDisplay::isAvailable())
             QSKIP("needs Xvfb and xdotool");
         writeMirrors(mirrors);
-        const QString staleDir = tempDir->filePath(QStringLiteral("orlivo_temp_0"));
+        const QString staleDir = tempDir->filePath("orlivo_temp_0");
         if (staleRun) {
-            QVERIFY(writeTestFile(staleDir + QStringLiteral("/client_linux_amd64/update"), "old"));
-            QVERIFY(writeTestFile(installation->filePath("session_11.ini"), "[s]\n"));
+            QVERIFY(writeTestFile(staleDir + "/client_linux_amd64/update", "old"));
+            QVERIFY(writeTestFile(at("session_11.ini"), "[s]\n"));
             writeSettings("[current]\nversion=11\ntype=" + clientType.toUtf8()
                           + "\ndir=" + staleDir.toUtf8() + "\n");
         }
 
         QByteArray log;
-        int exitCode = -1;
         if (onDisplay) {
-            runInWindow(&log, &exitCode);
-            if (QTest::currentTestFailed())
-                return;
-            QVERIFY2(exitCode == 0 && log.contains("Update finished, version: 12"),
-                     log.constData());
+            // A start with a bad version only shows the error box and ends with status 1 once
+            // it is answered.
+            display = std::make_unique<VirtualDisplay>();
+            QVERIFY(display->start());
+            QProcess refused;
+            startUpdater(&refused, {clientType, "x7"}, true);
+            QByteArray box;
+            QVERIFY(display->xdotool({"search", "--sync", "--onlyvisible", "--name", "^Error$"},
+                                     &box));
+            QVERIFY(!display->xdotool({"search", "--onlyvisible", "--name", "Orlivo"}));
+            QVERIFY(display->xdotool({"windowfocus", "--sync", box.trimmed(), "key", "Return"}));
+            QVERIFY(refused.waitForFinished(runTimeoutMs));
+            QCOMPARE(refused.exitStatus(), QProcess::NormalExit);
+            QCOMPARE(refused.exitCode(), 1);
+
+            // Nothing happens until the user presses "Start Update", which has the focus.
+            QProcess updater;
+            startUpdater(&updater, {}, true);
+            QVERIFY(display->xdotool({"search", "--sync", "--onlyvisible", "--name",
+                                      "^Orlivo Client Update$", "windowfocus", "--sync", "key",
+                                      "space"}));
+            QTRY_VERIFY_WITH_TIMEOUT(
+                    (log += updater.readAll()).contains("Update finished, version: 12"),
+                    runTimeoutMs);
+            // The finished window's button starts the client and closes the window. It lost the
+            // focus to "Details" while it was disabled; Shift+Tab gives it back.
+            QVERIFY(display->xdotool({"key", "shift+Tab", "space"}));
+            QVERIFY(updater.waitForFinished(runTimeoutMs));
+            QCOMPARE(updater.exitCode(), 0);
         } else {
             QVERIFY(runs({}, 0, "Update finished, version: 12", &log));
         }
         if (staleRun) {
-            QVERIFY2(log.contains("Cleanup previous session (v. 11, " + staleDir.toUtf8()
-                                  + ") files...\nOk\n"),
-                     log.constData());
-            QVERIFY(!QFile::exists(installation->filePath(QStringLiteral("session_11.ini"))));
+            QVERIFY(log.contains("Cleanup previous session (v. 11, " + staleDir.toUtf8()
+                                 + ") files...\nOk\n"));
+            QVERIFY(!QFile::exists(at("session_11.ini")));
         }
         verifyInstalled(true);
 
@@ -370,16 +335,16 @@ private slots:
     {
         fault = LoopbackServer::faultHttp(mirrorRoot);
         QVERIFY(fault);
-        const QString stalled = mirrorFiles.filter(QStringLiteral("libvoice.so")).value(0);
-        fault->setFaults(stalled, {QStringLiteral("stall:1000")});
-        writeMirrors({QStringLiteral("fault")});
+        const QString stalled = mirrorFiles.filter("libvoice.so").value(0);
+        fault->setFaults(stalled, {"stall:1000"});
+        writeMirrors({"fault"});
 
-        QProcess first;
-        startUpdater(&first, {QStringLiteral("--nouser")});
-        QByteArray log;
         // Every other file arrives while the one stalls; the updater is killed once the stalled
         // file's first bytes are on disk.
-        static const QRegularExpression fileOk(QStringLiteral("^Stream \\d+, .* OK$"),
+        QProcess first;
+        startUpdater(&first, {"--nouser"});
+        QByteArray log;
+        static const QRegularExpression fileOk("^Stream \\d+, .* OK$",
                                                QRegularExpression::MultilineOption);
         QTRY_COMPARE_WITH_TIMEOUT(QString::fromLocal8Bit(log += first.readAll()).count(fileOk),
                                   mirrorFiles.size() - 1, runTimeoutMs);
@@ -390,22 +355,21 @@ private slots:
 
         // With every mirror dead the next start gives up with status 2, installs nothing and
         // keeps the run recorded.
-        writeMirrors({QStringLiteral("dead http"), QStringLiteral("dead ftp")});
+        writeMirrors({"dead http", "dead ftp"});
         QVERIFY(runs({}, 2, "can't continue - all mirrors reported error\nDownload cancelled\n"));
         verifyUntouched();
-        QVERIFY(readTestFile(installation->filePath("update.ini")).contains("\nversion=12\n"));
+        QVERIFY(readTestFile(at("update.ini")).contains("\nversion=12\n"));
 
         // A mirror is back: the run resumes in the same directory and fetches only the rest of
         // the file that never arrived.
-        writeMirrors({QStringLiteral("fault")});
+        writeMirrors({"fault"});
         QVERIFY(runs({}, 0, "Previous update session for v. 12 found\n", &log));
-        QVERIFY2(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 3."),
-                 log.constData());
-        QVERIFY(!QFileInfo::exists(tempDir->filePath(QStringLiteral("orlivo_temp_1"))));
+        QVERIFY(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 3."));
+        QVERIFY(!QFileInfo::exists(tempDir->filePath("orlivo_temp_1")));
         const QStringList requests = fault->logLines().mid(requestsBefore);
         for (const QString &file : mirrorFiles)
             QCOMPARE(requests.filter(' ' + file + ' ').size(), file == stalled ? 1 : 0);
-        QCOMPARE(requests.filter(stalled + QStringLiteral(" ok bytes=1000-")).size(), 1);
+        QCOMPARE(requests.filter(stalled + " ok bytes=1000-").size(), 1);
         verifyInstalled(true);
     }
 
@@ -422,40 +386,34 @@ private slots:
     {
         QFETCH(bool, fullDisk);
         const QString root = installation->path();
-        const QString blocker = installation->filePath(QStringLiteral("sounds"));
+        const QString blocker = at("sounds");
         qint64 room = 64; // KiB: the settings and some slack
         for (const QString &name : filesBelow(previousRelease))
             room += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
-        const auto mount = [&](const QString &options, qint64 kib) {
-            return QProcess::execute("mount", {"-t", "tmpfs", "-o",
-                                               options + QString::number(kib) + 'k', "tmpfs", root})
-                   == 0;
-        };
-        if (fullDisk && !mount("size=", room))
+        if (fullDisk && !mountTmpfs(root, "size=" + QString::number(room) + 'k'))
             QSKIP("mounting a small tmpfs is not permitted here");
         const auto unmount = qScopeGuard([&] {
             if (fullDisk)
-                QProcess::execute(QStringLiteral("umount"), {root});
+                execute("umount", {root});
         });
         if (fullDisk)
             installPreviousRelease();
-        else
-            QVERIFY(writeTestFile(blocker, "in the way"));
-        writeMirrors({QStringLiteral("http")});
+        QVERIFY(fullDisk || writeTestFile(blocker, "in the way"));
+        writeMirrors({"http"});
 
         QVERIFY(runs({}, 3,
                      fullDisk ? QByteArray("No space left on device")
                               : "FAILED creating subdirectory: " + blocker.toUtf8()));
-        QVERIFY(fullDisk ? mount("remount,size=", room * 4) : QFile::remove(blocker));
+        QVERIFY(fullDisk ? mountTmpfs(root, "remount,size=" + QString::number(room * 4) + 'k')
+                         : QFile::remove(blocker));
         verifyUntouched();
         QVERIFY(runs({}, 0, "Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."));
         verifyInstalled(true);
     }
 
-    // Broken settings, hostile mirrors and bad command lines, each through the real binary
-    // without a display: the right status, a line saying what was wrong, nothing touched outside
-    // the installation and the working directory, and the old version kept unless the run
-    // finished.
+    // Broken settings, hostile mirrors and bad command lines, without a display: the right
+    // status, a line saying what was wrong, nothing touched outside the installation and the
+    // working directory, and the old version kept unless the run finished.
     void hostileInput_data()
     {
         QTest::addColumn<QStringList>("mirrors"); // writeMirrors() kinds, "garbage" or "endless"
@@ -519,41 +477,40 @@ private slots:
         QFETCH(QByteArray, logLine);
 
         QTemporaryDir outside;
-        const QString elsewhere = outside.filePath(QStringLiteral("home"));
-        QVERIFY(writeTestFile(elsewhere + QStringLiteral("/notes.txt"), "mine"));
-        const QString own = tempDir->filePath(QStringLiteral("orlivo_temp_3"));
+        const QString elsewhere = outside.filePath("home");
+        QVERIFY(writeTestFile(elsewhere + "/notes.txt", "mine"));
+        const QString own = tempDir->filePath("orlivo_temp_3");
         QVERIFY(!ini.contains("@OWN@") || QDir().mkdir(own));
         writeSettings(ini.replace("@ELSEWHERE@", elsewhere.toUtf8())
                               .replace("@OWN@", own.toUtf8())
                               .replace("@GARBAGE@", QByteArray::number(garbageServer->port())));
-        const QString mirrorsFile = installation->filePath(QStringLiteral("mirrors.ini"));
-        if (mirrors == QStringList{"garbage"}) {
-            QVERIFY(writeTestFile(mirrorsFile, noiseBytes(400, 9)));
-        } else if (mirrors == QStringList{"endless"}) {
-            QVERIFY(writeTestFile(mirrorsFile, "[mirrors]\nsize=100000000\n"));
+        if (mirrors == QStringList{"garbage"} || mirrors == QStringList{"endless"}) {
+            QVERIFY(writeTestFile(at("mirrors.ini"), mirrors[0] == "garbage"
+                                                             ? noiseBytes(400, 9)
+                                                             : "[mirrors]\nsize=100000000\n"));
         } else if (!mirrors.isEmpty()) {
             if (!list.isEmpty()) {
-                QVERIFY(writeTestFile(outside.filePath(QStringLiteral("mirror") + listPath), list));
-                hostile = LoopbackServer::nginx(outside.filePath(QStringLiteral("mirror")));
+                QVERIFY(writeTestFile(outside.filePath("mirror") + listPath, list));
+                hostile = LoopbackServer::nginx(outside.filePath("mirror"));
                 QVERIFY(hostile);
             }
             writeMirrors(mirrors);
         }
 
-        const QString fullDisk = tempDir->filePath(QStringLiteral("full"));
-        if (workingParent == QLatin1String("under a file")) {
-            this->workingParent = installation->filePath(QStringLiteral("readme.txt/tmp"));
-        } else if (workingParent == QLatin1String("full disk")) {
+        const QString fullDisk = tempDir->filePath("full");
+        if (workingParent == "under a file") {
+            this->workingParent = at("readme.txt/tmp");
+        } else if (workingParent == "full disk") {
             // Room for the list and a little more, not for the release.
             QVERIFY(QDir().mkdir(fullDisk));
-            if (QProcess::execute("mount", {"-t", "tmpfs", "-o", "size=24k", "tmpfs", fullDisk}))
+            if (!mountTmpfs(fullDisk, "size=24k"))
                 QSKIP("mounting a small tmpfs is not permitted here");
             this->workingParent = fullDisk;
         }
         const qsizetype requestsBefore = http->logLines().size();
         const bool ran = runs(arguments, exitCode, logLine);
-        if (workingParent == QLatin1String("full disk"))
-            QProcess::execute(QStringLiteral("umount"), {fullDisk});
+        if (workingParent == "full disk")
+            execute("umount", {fullDisk});
         QVERIFY(ran);
         QCOMPARE(filesBelow(elsewhere), QStringList{"notes.txt"});
         if (exitCode == 0)
@@ -620,41 +577,39 @@ private slots:
         QFETCH(QByteArray, logLine);
 
         QTemporaryDir outside;
-        const QString root = outside.filePath(QStringLiteral("mirror"));
-        const QString version = root + QStringLiteral("/12/");
-        const QString manifest = version + clientType + QStringLiteral(".manifest");
-        const QString secretKey = publisherKeys + QStringLiteral("/update-secret.key");
-        QCOMPARE(QProcess::execute(QStringLiteral("cp"), {"-a", mirrorRoot, root}), 0);
-        if (tampering == QLatin1String("list")) {
+        const QString root = outside.filePath("mirror");
+        const QString version = root + "/12/";
+        const QString manifest = version + clientType + ".manifest";
+        const QString secretKey = publisherKeys + "/update-secret.key";
+        QVERIFY(execute("cp", {"-a", mirrorRoot, root}));
+        if (tampering == "list") {
             QVERIFY(writeTestFile(root + listPath, readTestFile(root + listPath) + "\n"));
-        } else if (tampering == QLatin1String("unknown key") || tampering == "replay") {
-            // The list, manifest and signature of a release published apart take the place of
-            // version 12's.
-            const bool replay = tampering == QLatin1String("replay");
-            const QString side = outside.filePath(replay ? "side/11/" : "side/12/");
-            QVERIFY(publish(replay ? previousRelease : release, replay ? "11" : "12",
-                            outside.filePath("side"),
-                            replay ? secretKey : unknownKeys + "/update-secret.key"));
-            for (const QString &name : QDir(side).entryList(QDir::Files)) {
+        } else if (tampering == "replay") {
+            // The list, manifest and signature of version 11 replace those of 12.
+            QVERIFY(publish(previousRelease, "11", root, secretKey));
+            for (const QString &name : QDir(root + "/11").entryList(QDir::Files)) {
                 QFile::remove(version + name);
-                QVERIFY(QFile::rename(side + name, version + name));
+                QVERIFY(QFile::rename(root + "/11/" + name, version + name));
             }
-        } else if (tampering == QLatin1String("no signature")) {
+        } else if (!tampering.isEmpty()) {
+            if (tampering == "sha256") {
+                // As if the mirror held another file of the same MD5: the signed SHA-256 differs.
+                const QString entry = mirrorFiles.first().mid(4);
+                QByteArray text = readTestFile(manifest);
+                const qsizetype at = text.indexOf(entry.toUtf8() + '=') + entry.size() + 1;
+                text[at] = text.at(at) == '0' ? '1' : '0';
+                QVERIFY(writeTestFile(manifest, text));
+            }
             QVERIFY(QFile::remove(manifest + ".minisig"));
-        } else if (tampering == QLatin1String("sha256")) {
-            // As if the mirror held another file of the same MD5: the signed SHA-256 differs.
-            const QString entry = mirrorFiles.first().mid(4);
-            QByteArray text = readTestFile(manifest);
-            const qsizetype at = text.indexOf(entry.toUtf8() + '=') + entry.size() + 1;
-            text[at] = text.at(at) == '0' ? '1' : '0';
-            QVERIFY(writeTestFile(manifest, text) && QFile::remove(manifest + ".minisig"));
-            QVERIFY(minisign(secretKey, manifest));
+            if (tampering != "no signature")
+                QVERIFY(minisign(tampering == "sha256" ? secretKey
+                                                       : unknownKeys + "/update-secret.key",
+                                 manifest));
         }
         hostile = LoopbackServer::nginx(root);
         QVERIFY(hostile);
         writeMirrors(mirrors);
-        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub",
-                            installation->filePath(QStringLiteral("update-keys.pub"))));
+        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
 
         QByteArray log;
         QVERIFY(runs({}, exitCode, logLine, &log));
@@ -669,25 +624,24 @@ private slots:
     // signed with the new key, and the old key no longer counts.
     void keysRotate()
     {
-        const QString root = work.filePath(QStringLiteral("rotation"));
-        const QString newKeys = work.filePath(QStringLiteral("new-keys"));
-        const QString next = work.filePath(QStringLiteral("release-13"));
+        const QString root = work.filePath("rotation");
+        const QString newKeys = work.filePath("new-keys");
+        const QString next = work.filePath("release-13");
         const QString oldKey = publisherKeys + "/update-secret.key";
-        QCOMPARE(QProcess::execute(QStringLiteral("cp"), {"-a", release, next}), 0);
-        QCOMPARE(QProcess::execute(QStringLiteral(UPDATE_PUBLISH), {"--keygen", newKeys}), 0);
+        QVERIFY(execute("cp", {"-a", release, next}));
+        QVERIFY(execute(UPDATE_PUBLISH, {"--keygen", newKeys}));
         QVERIFY(QFile::copy(newKeys + "/update-keys.pub", next + "/update-keys.pub"));
         QVERIFY(publish(next, "13", root, oldKey)
                 && publish(next, "14", root, newKeys + "/update-secret.key")
                 && publish(next, "15", root, oldKey));
         hostile = LoopbackServer::nginx(root);
         QVERIFY(hostile);
-        writeMirrors({QStringLiteral("hostile")});
-        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub",
-                            installation->filePath(QStringLiteral("update-keys.pub"))));
+        writeMirrors({"hostile"});
+        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
 
         for (const auto &[version, exitCode] : {std::pair{"13", 0}, {"14", 0}, {"15", 2}}) {
-            QVERIFY(runs({clientType, QString::fromLatin1(version)}, exitCode, {}));
-            QCOMPARE(readTestFile(installation->filePath(QStringLiteral("update-keys.pub"))),
+            QVERIFY(runs({clientType, version}, exitCode, {}));
+            QCOMPARE(readTestFile(at("update-keys.pub")),
                      readTestFile(newKeys + "/update-keys.pub"));
         }
     }
