@@ -56,7 +56,23 @@ bool mountTmpfs(const QString &dir, const QString &options)
     return execute("mount", {"-t", "tmpfs", "-o", options, "tmpfs", dir});
 }
 
+// A run of the updater against broken settings, hostile mirrors, a bad command line or a
+// broken machine.
+struct BadRun
+{
+    QStringList mirrors; // writeMirrors() kinds, "garbage" or "endless"
+    QByteArray ini;      // update.ini after [update]; @ELSEWHERE@, @OWN@, @GARBAGE@ replaced
+    int exitCode = 0;
+    QByteArray logLine;
+    QByteArray list = {}; // the hostile mirror's product list
+    QStringList arguments = {"--nouser"};
+    QString trouble = {}; // "working directory under a file", "working directory full",
+                          // "file in the way", "installation full"
+};
+
 } // namespace
+
+Q_DECLARE_METATYPE(BadRun)
 
 // The real updater, copied into an installation of the previous release, updates it from mirrors
 // that update-publish made and real servers on loopback serve. Unattended runs go offscreen; the
@@ -73,6 +89,7 @@ class TestUpdateRun : public QObject
     QString unknownKeys;   // one no installation trusts, made by update-publish
     std::unique_ptr<QTemporaryDir> installation, tempDir;
     QString workingParent; // TMPDIR of the runs
+    QByteArray log;        // of the last run
     std::unique_ptr<VirtualDisplay> display;
 
     QString at(const QString &name) const { return installation->filePath(name); }
@@ -128,17 +145,14 @@ class TestUpdateRun : public QObject
         process->start(at("update"), arguments);
     }
 
-    // An unattended run ended with exitCode and logged logLine, without crashing, hanging or
-    // letting the platform's chatter into its log.
-    bool runs(const QStringList &arguments, int exitCode, const QByteArray &logLine,
-              QByteArray *log = nullptr)
+    // A run ended with exitCode and logged logLine, without crashing, hanging or letting the
+    // platform's chatter into its log.
+    bool runs(const QStringList &arguments, int exitCode, const QByteArray &logLine)
     {
         QProcess process;
-        startUpdater(&process, QStringList{"--nouser"} + arguments);
+        startUpdater(&process, arguments);
         const bool finished = process.waitForFinished(runTimeoutMs);
-        const QByteArray text = process.readAll();
-        if (log)
-            *log = text;
+        const QByteArray text = log = process.readAll();
         static const QRegularExpression chatter("propagateSizeHints|XDG_RUNTIME|qt\\.");
         const bool ok = finished && process.exitStatus() == QProcess::NormalExit
                         && process.exitCode() == exitCode && text.contains(logLine)
@@ -247,10 +261,7 @@ private slots:
         QVERIFY(installation->isValid() && tempDir->isValid());
         workingParent = tempDir->path();
         installPreviousRelease();
-    }
-
-    void cleanup()
-    {
+        log.clear();
         fault.reset();
         hostile.reset();
         display.reset();
@@ -285,7 +296,6 @@ private slots:
                           + "\ndir=" + staleDir.toUtf8() + "\n");
         }
 
-        QByteArray log;
         if (onDisplay) {
             // A start with a bad version only shows the error box and ends with status 1 once
             // it is answered.
@@ -317,7 +327,7 @@ private slots:
             QVERIFY(updater.waitForFinished(runTimeoutMs));
             QCOMPARE(updater.exitCode(), 0);
         } else {
-            QVERIFY(runs({}, 0, "Update finished, version: 12", &log));
+            QVERIFY(runs({"--nouser"}, 0, "Update finished, version: 12"));
         }
         if (staleRun) {
             QVERIFY(log.contains("Cleanup previous session (v. 11, " + staleDir.toUtf8()
@@ -327,7 +337,8 @@ private slots:
         verifyInstalled(true);
 
         // The next start clears the old updater away and finds everything up to date.
-        QVERIFY(runs({}, 0, "Verification of 4 file(s) complete. Ready: 4, Downloaded: 0."));
+        QVERIFY(runs({"--nouser"}, 0,
+                     "Verification of 4 file(s) complete. Ready: 4, Downloaded: 0."));
         verifyInstalled(false);
     }
 
@@ -343,7 +354,6 @@ private slots:
         // file's first bytes are on disk.
         QProcess first;
         startUpdater(&first, {"--nouser"});
-        QByteArray log;
         static const QRegularExpression fileOk("^Stream \\d+, .* OK$",
                                                QRegularExpression::MultilineOption);
         QTRY_COMPARE_WITH_TIMEOUT(QString::fromLocal8Bit(log += first.readAll()).count(fileOk),
@@ -356,14 +366,15 @@ private slots:
         // With every mirror dead the next start gives up with status 2, installs nothing and
         // keeps the run recorded.
         writeMirrors({"dead http", "dead ftp"});
-        QVERIFY(runs({}, 2, "can't continue - all mirrors reported error\nDownload cancelled\n"));
+        QVERIFY(runs({"--nouser"}, 2,
+                     "can't continue - all mirrors reported error\nDownload cancelled\n"));
         verifyUntouched();
         QVERIFY(readTestFile(at("update.ini")).contains("\nversion=12\n"));
 
         // A mirror is back: the run resumes in the same directory and fetches only the rest of
         // the file that never arrived.
         writeMirrors({"fault"});
-        QVERIFY(runs({}, 0, "Previous update session for v. 12 found\n", &log));
+        QVERIFY(runs({"--nouser"}, 0, "Previous update session for v. 12 found\n"));
         QVERIFY(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 3."));
         QVERIFY(!QFileInfo::exists(tempDir->filePath("orlivo_temp_1")));
         const QStringList requests = fault->logLines().mid(requestsBefore);
@@ -373,179 +384,145 @@ private slots:
         verifyInstalled(true);
     }
 
-    // The installation cannot be completed: status 3, the old version byte for byte, the
-    // downloads kept; once the cause is gone the next run installs them.
-    void installationFails_data()
+    // Broken settings, hostile mirrors, bad command lines and a broken machine, without a
+    // display: the right status, a line saying what was wrong, nothing touched outside the
+    // installation and the working directory, and the old version kept unless the run finished.
+    void badRun_data()
     {
-        QTest::addColumn<bool>("fullDisk");
-        QTest::newRow("a file where a new directory goes") << false;
-        QTest::newRow("the file system full while staging") << true;
-    }
-
-    void installationFails()
-    {
-        QFETCH(bool, fullDisk);
-        const QString root = installation->path();
-        const QString blocker = at("sounds");
-        qint64 room = 64; // KiB: the settings and some slack
-        for (const QString &name : filesBelow(previousRelease))
-            room += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
-        if (fullDisk && !mountTmpfs(root, "size=" + QString::number(room) + 'k'))
-            QSKIP("mounting a small tmpfs is not permitted here");
-        const auto unmount = qScopeGuard([&] {
-            if (fullDisk)
-                execute("umount", {root});
-        });
-        if (fullDisk)
-            installPreviousRelease();
-        QVERIFY(fullDisk || writeTestFile(blocker, "in the way"));
-        writeMirrors({"http"});
-
-        QVERIFY(runs({}, 3,
-                     fullDisk ? QByteArray("No space left on device")
-                              : "FAILED creating subdirectory: " + blocker.toUtf8()));
-        QVERIFY(fullDisk ? mountTmpfs(root, "remount,size=" + QString::number(room * 4) + 'k')
-                         : QFile::remove(blocker));
-        verifyUntouched();
-        QVERIFY(runs({}, 0, "Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."));
-        verifyInstalled(true);
-    }
-
-    // Broken settings, hostile mirrors and bad command lines, without a display: the right
-    // status, a line saying what was wrong, nothing touched outside the installation and the
-    // working directory, and the old version kept unless the run finished.
-    void hostileInput_data()
-    {
-        QTest::addColumn<QStringList>("mirrors"); // writeMirrors() kinds, "garbage" or "endless"
-        QTest::addColumn<QByteArray>("list");     // the hostile mirror's product list
-        QTest::addColumn<QByteArray>("ini");      // after [update]; @ELSEWHERE@, @OWN@, @GARBAGE@
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QString>("workingParent"); // "" the usual, "under a file", "full disk"
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QByteArray>("logLine");
-        const auto row = [](const char *name, const QStringList &mirrors, const QByteArray &ini,
-                            int exitCode, const QByteArray &logLine, const QByteArray &list = {},
-                            const QStringList &arguments = {}, const QString &workingParent = {}) {
-            QTest::newRow(name) << mirrors << list << ini << arguments << workingParent << exitCode
-                                << logLine;
-        };
-
+        QTest::addColumn<BadRun>("run");
         const QStringList hostile{"hostile"}, http{"http"};
         const QByteArray refused = "Stream 0 reported error: Unable to initialize session";
-        row("list of garbage, an honest mirror next", {"hostile", "http"}, {}, 0,
-            "Stream 0 change mirror to 1", noiseBytes(4000, 7));
-        row("list unpacking to an absolute path", hostile, {}, 2, refused,
-            "[client_linux_amd64]\nreadme.txt=60b725f10c9c85c70d97880dfe8191b3::2::"
-            "60b725f10c9c85c70d97880dfe8191b3::2::/tmp/evil\n");
-        row("list of empty sections deleting files", hostile, {}, 2, refused,
-            "[client_linux_amd64]\n[client_linux_amd64.lib]\n"
-            "[delete]\nreadme.txt=1\nlib/libvoice.so=1\n");
-        row("mirrors.ini missing", {}, {}, 1, "mirrors.ini is missing, cannot proceed.");
-        row("mirrors.ini of garbage", {"garbage"}, {}, 2, "No mirror is listed");
-        row("mirrors.ini claiming endless mirrors", {"endless"}, {}, 2, "the first 100 are used");
-        row("remembered directory not made by the updater", http,
-            "[current]\nversion=11\ndir=@ELSEWHERE@\ntype=client_linux_amd64\n", 0,
-            "was not made by the updater, record dropped");
-        row("remembered client type climbing out", http,
-            "[current]\nversion=12\ndir=@OWN@\ntype=../../client_linux_amd64\n", 1,
-            "Wrong client type");
-        row("client type climbing out", http, {}, 1, "Wrong client type", {},
-            {"../client_linux_amd64", "12"});
-        row("update server answering garbage", http, "server=127.0.0.1:@GARBAGE@\n", 1,
-            "Can't detect default parameters");
-        row("working directory cannot be made", http, {}, 1, "Unable to get temp directory.", {},
-            {}, "under a file");
-        row("working directory on a full disk", http, {}, 2, "No space left on device", {}, {},
-            "full disk");
-        row("update server announcing a downgrade", http, "[installed]\nversion=13\n", 1,
-            "lower than the installed version 13: not installed");
-        row("downgrade named on the command line, streams=100000", http,
-            "streams=100000\n[installed]\nversion=13\n", 0,
-            "streams=100000 is too many, 16 are used", {}, {clientType, "12"});
-        row("proxy with a typo", http, "proxy=htp//127.0.0.1:3128\n", 2,
-            "Invalid proxy htp//127.0.0.1:3128");
+        QTest::newRow("list of garbage, an honest mirror next")
+                << BadRun{{"hostile", "http"}, {}, 0, "change mirror to 1", noiseBytes(4000, 7)};
+        QTest::newRow("list unpacking to an absolute path")
+                << BadRun{hostile,
+                          {},
+                          2,
+                          refused,
+                          "[client_linux_amd64]\nreadme.txt=60b725f10c9c85c70d97880dfe8191b3::2::"
+                          "60b725f10c9c85c70d97880dfe8191b3::2::/tmp/evil\n"};
+        QTest::newRow("list of empty sections deleting files")
+                << BadRun{hostile,
+                          {},
+                          2,
+                          refused,
+                          "[client_linux_amd64]\n[client_linux_amd64.lib]\n"
+                          "[delete]\nreadme.txt=1\nlib/libvoice.so=1\n"};
+        QTest::newRow("mirrors.ini missing") << BadRun{{}, {}, 1, "mirrors.ini is missing"};
+        QTest::newRow("mirrors.ini of garbage")
+                << BadRun{{"garbage"}, {}, 2, "No mirror is listed"};
+        QTest::newRow("mirrors.ini claiming endless mirrors")
+                << BadRun{{"endless"}, {}, 2, "the first 100 are used"};
+        QTest::newRow("remembered directory not made by the updater")
+                << BadRun{http, "[current]\nversion=11\ndir=@ELSEWHERE@\ntype=client_linux_amd64\n",
+                          0, "was not made by the updater, record dropped"};
+        QTest::newRow("remembered client type climbing out")
+                << BadRun{http, "[current]\nversion=12\ndir=@OWN@\ntype=../../client_linux_amd64\n",
+                          1, "Wrong client type"};
+        QTest::newRow("client type climbing out") << BadRun{
+                http, {}, 1, "Wrong client type", {}, {"--nouser", "../client_linux_amd64", "12"}};
+        QTest::newRow("update server answering garbage")
+                << BadRun{http, "server=127.0.0.1:@GARBAGE@\n", 1, "Can't detect default"};
+        QTest::newRow("working directory cannot be made")
+                << BadRun{http,
+                          {},
+                          1,
+                          "Unable to get temp directory.",
+                          {},
+                          {"--nouser"},
+                          "working directory under a file"};
+        QTest::newRow("working directory on a full disk") << BadRun{
+                http, {}, 2, "No space left on device", {}, {"--nouser"}, "working directory full"};
+        QTest::newRow("update server announcing a downgrade")
+                << BadRun{http, "[installed]\nversion=13\n", 1,
+                          "lower than the installed version 13: not installed"};
+        QTest::newRow("downgrade named on the command line, streams=100000")
+                << BadRun{http, "streams=100000\n[installed]\nversion=13\n",
+                          0,    "streams=100000 is too many, 16 are used",
+                          {},   {"--nouser", clientType, "12"}};
+        QTest::newRow("proxy with a typo") << BadRun{http, "proxy=htp//127.0.0.1:3128\n", 2,
+                                                     "Invalid proxy htp//127.0.0.1:3128"};
+        QTest::newRow("installation failing on a file where a new directory goes") << BadRun{
+                http, {}, 3, "FAILED creating subdirectory:", {}, {"--nouser"}, "file in the way"};
+        QTest::newRow("installation's file system full while staging") << BadRun{
+                http, {}, 3, "No space left on device", {}, {"--nouser"}, "installation full"};
+        // Answered, or refused for want of a display, before any query.
+        QTest::newRow("--help") << BadRun{{}, {}, 0, "Exit status", {}, {"--help"}};
+        QTest::newRow("-h") << BadRun{{}, {}, 0, "--nouser", {}, {"-h"}};
+        QTest::newRow("--version") << BadRun{{}, {}, 0, "update 1.0", {}, {"--version"}};
+        QTest::newRow("a window without a display")
+                << BadRun{{}, {}, 1, "runs with --nouser", {}, {}};
     }
 
-    void hostileInput()
+    void badRun()
     {
-        QFETCH(QStringList, mirrors);
-        QFETCH(QByteArray, list);
-        QFETCH(QByteArray, ini);
-        QFETCH(QStringList, arguments);
-        QFETCH(QString, workingParent);
-        QFETCH(int, exitCode);
-        QFETCH(QByteArray, logLine);
+        QFETCH(BadRun, run);
+        const bool installationFull = run.trouble == "installation full";
+        const QString full = installationFull ? installation->path() : tempDir->filePath("full");
+        // KiB: the installation's files, its settings and some slack; or the list and a little
+        // more, not the release.
+        qint64 room = installationFull ? 64 : 24;
+        for (const QString &name : installationFull ? filesBelow(previousRelease) : QStringList())
+            room += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
+        if (run.trouble.endsWith("full")) {
+            if (!QDir().mkpath(full) || !mountTmpfs(full, "size=" + QString::number(room) + 'k'))
+                QSKIP("mounting a small tmpfs is not permitted here");
+            if (installationFull)
+                installPreviousRelease();
+            else
+                workingParent = full;
+        }
+        const auto unmount = qScopeGuard([&] {
+            if (run.trouble.endsWith("full"))
+                execute("umount", {full});
+        });
+        if (run.trouble == "working directory under a file")
+            workingParent = at("readme.txt/tmp");
+        QVERIFY(run.trouble != "file in the way" || writeTestFile(at("sounds"), "in the way"));
 
         QTemporaryDir outside;
         const QString elsewhere = outside.filePath("home");
         QVERIFY(writeTestFile(elsewhere + "/notes.txt", "mine"));
         const QString own = tempDir->filePath("orlivo_temp_3");
-        QVERIFY(!ini.contains("@OWN@") || QDir().mkdir(own));
-        writeSettings(ini.replace("@ELSEWHERE@", elsewhere.toUtf8())
+        QVERIFY(!run.ini.contains("@OWN@") || QDir().mkdir(own));
+        writeSettings(run.ini.replace("@ELSEWHERE@", elsewhere.toUtf8())
                               .replace("@OWN@", own.toUtf8())
                               .replace("@GARBAGE@", QByteArray::number(garbageServer->port())));
-        if (mirrors == QStringList{"garbage"} || mirrors == QStringList{"endless"}) {
-            QVERIFY(writeTestFile(at("mirrors.ini"), mirrors[0] == "garbage"
+        if (run.mirrors == QStringList{"garbage"} || run.mirrors == QStringList{"endless"}) {
+            QVERIFY(writeTestFile(at("mirrors.ini"), run.mirrors[0] == "garbage"
                                                              ? noiseBytes(400, 9)
                                                              : "[mirrors]\nsize=100000000\n"));
-        } else if (!mirrors.isEmpty()) {
-            if (!list.isEmpty()) {
-                QVERIFY(writeTestFile(outside.filePath("mirror") + listPath, list));
+        } else if (!run.mirrors.isEmpty()) {
+            if (!run.list.isEmpty()) {
+                QVERIFY(writeTestFile(outside.filePath("mirror") + listPath, run.list));
                 hostile = LoopbackServer::nginx(outside.filePath("mirror"));
                 QVERIFY(hostile);
             }
-            writeMirrors(mirrors);
+            writeMirrors(run.mirrors);
         }
 
-        const QString fullDisk = tempDir->filePath("full");
-        if (workingParent == "under a file") {
-            this->workingParent = at("readme.txt/tmp");
-        } else if (workingParent == "full disk") {
-            // Room for the list and a little more, not for the release.
-            QVERIFY(QDir().mkdir(fullDisk));
-            if (!mountTmpfs(fullDisk, "size=24k"))
-                QSKIP("mounting a small tmpfs is not permitted here");
-            this->workingParent = fullDisk;
-        }
-        const qsizetype requestsBefore = http->logLines().size();
-        const bool ran = runs(arguments, exitCode, logLine);
-        if (workingParent == "full disk")
-            execute("umount", {fullDisk});
-        QVERIFY(ran);
+        const qsizetype requests = http->logLines().size();
+        const qsizetype queries = versionServer->logLines().size();
+        QVERIFY(runs(run.arguments, run.exitCode, run.logLine));
         QCOMPARE(filesBelow(elsewhere), QStringList{"notes.txt"});
-        if (exitCode == 0)
+        const bool unattended = run.arguments.contains("--nouser");
+        if (run.exitCode == 0 && unattended)
             return verifyInstalled(true);
+        QVERIFY(run.trouble != "file in the way" || QFile::remove(at("sounds")));
         verifyUntouched();
         // A proxy that cannot be used is never bypassed.
-        if (ini.startsWith("proxy="))
-            QCOMPARE(http->logLines().size(), requestsBefore);
-    }
-
-    // Questions answered and a window refused on a machine without a display, before any query.
-    void answersWithoutWindow_data()
-    {
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QByteArray>("output");
-        QTest::newRow("--help") << QStringList{"--help"} << 0 << QByteArray("Exit status");
-        QTest::newRow("-h") << QStringList{"-h"} << 0 << QByteArray("--nouser");
-        QTest::newRow("--version") << QStringList{"--version"} << 0 << QByteArray("update 1.0");
-        QTest::newRow("a window without a display")
-                << QStringList() << 1 << QByteArray("runs with --nouser");
-    }
-
-    void answersWithoutWindow()
-    {
-        QFETCH(QStringList, arguments);
-        QFETCH(int, exitCode);
-        QFETCH(QByteArray, output);
-        const qsizetype queriesBefore = versionServer->logLines().size();
-        QProcess process;
-        startUpdater(&process, arguments);
-        QVERIFY(process.waitForFinished(runTimeoutMs));
-        QCOMPARE(process.exitCode(), exitCode);
-        QVERIFY(process.readAll().contains(output));
-        QCOMPARE(versionServer->logLines().size(), queriesBefore);
+        if (run.ini.startsWith("proxy="))
+            QCOMPARE(http->logLines().size(), requests);
+        if (!unattended)
+            QCOMPARE(versionServer->logLines().size(), queries);
+        if (run.exitCode == 3) {
+            // Once the cause is gone, the next run installs what the failed one downloaded.
+            QVERIFY(!installationFull
+                    || mountTmpfs(full, "remount,size=" + QString::number(room * 4) + 'k'));
+            QVERIFY(runs({"--nouser"}, 0,
+                         "Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."));
+            verifyInstalled(true);
+        }
     }
 
     // An installation that trusts the publisher's key meets one honest and one dishonest mirror,
@@ -611,8 +588,7 @@ private slots:
         writeMirrors(mirrors);
         QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
 
-        QByteArray log;
-        QVERIFY(runs({}, exitCode, logLine, &log));
+        QVERIFY(runs({"--nouser"}, exitCode, logLine));
         QVERIFY(!log.contains("signatures of releases are not checked"));
         if (exitCode == 0)
             verifyInstalled(true);
@@ -640,7 +616,7 @@ private slots:
         QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
 
         for (const auto &[version, exitCode] : {std::pair{"13", 0}, {"14", 0}, {"15", 2}}) {
-            QVERIFY(runs({clientType, version}, exitCode, {}));
+            QVERIFY(runs({"--nouser", clientType, version}, exitCode, {}));
             QCOMPARE(readTestFile(at("update-keys.pub")),
                      readTestFile(newKeys + "/update-keys.pub"));
         }
