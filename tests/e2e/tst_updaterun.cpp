@@ -64,10 +64,9 @@ struct BadRun
     QByteArray ini;      // update.ini after [update]; @ELSEWHERE@, @OWN@, @GARBAGE@ replaced
     int exitCode = 0;
     QByteArray logLine;
+    QString trouble = {}; // with the machine, or with a signed release on the hostile mirror
     QByteArray list = {}; // the hostile mirror's product list
     QStringList arguments = {"--nouser"};
-    QString trouble = {}; // "working directory under a file", "working directory full",
-                          // "file in the way", "installation full"
 };
 
 } // namespace
@@ -387,18 +386,22 @@ private slots:
     // Broken settings, hostile mirrors, bad command lines and a broken machine, without a
     // display: the right status, a line saying what was wrong, nothing touched outside the
     // installation and the working directory, and the old version kept unless the run finished.
+    // An installation that trusts the publisher's key uses nothing of a list before the key
+    // verified its manifest.
     void badRun_data()
     {
         QTest::addColumn<BadRun>("run");
-        const QStringList hostile{"hostile"}, http{"http"};
+        const QStringList hostile{"hostile"}, http{"http"}, both{"hostile", "http"};
         const QByteArray refused = "Stream 0 reported error: Unable to initialize session";
+        const QByteArray invalid = "/12/client_linux_amd64.manifest is not valid.";
         QTest::newRow("list of garbage, an honest mirror next")
-                << BadRun{{"hostile", "http"}, {}, 0, "change mirror to 1", noiseBytes(4000, 7)};
+                << BadRun{both, {}, 0, "change mirror to 1", {}, noiseBytes(4000, 7)};
         QTest::newRow("list unpacking to an absolute path")
                 << BadRun{hostile,
                           {},
                           2,
                           refused,
+                          {},
                           "[client_linux_amd64]\nreadme.txt=60b725f10c9c85c70d97880dfe8191b3::2::"
                           "60b725f10c9c85c70d97880dfe8191b3::2::/tmp/evil\n"};
         QTest::newRow("list of empty sections deleting files")
@@ -406,6 +409,7 @@ private slots:
                           {},
                           2,
                           refused,
+                          {},
                           "[client_linux_amd64]\n[client_linux_amd64.lib]\n"
                           "[delete]\nreadme.txt=1\nlib/libvoice.so=1\n"};
         QTest::newRow("mirrors.ini missing") << BadRun{{}, {}, 1, "mirrors.ini is missing"};
@@ -419,39 +423,55 @@ private slots:
         QTest::newRow("remembered client type climbing out")
                 << BadRun{http, "[current]\nversion=12\ndir=@OWN@\ntype=../../client_linux_amd64\n",
                           1, "Wrong client type"};
-        QTest::newRow("client type climbing out") << BadRun{
-                http, {}, 1, "Wrong client type", {}, {"--nouser", "../client_linux_amd64", "12"}};
-        QTest::newRow("update server answering garbage")
-                << BadRun{http, "server=127.0.0.1:@GARBAGE@\n", 1, "Can't detect default"};
-        QTest::newRow("working directory cannot be made")
+        QTest::newRow("client type climbing out")
                 << BadRun{http,
                           {},
                           1,
-                          "Unable to get temp directory.",
+                          "Wrong client type",
                           {},
-                          {"--nouser"},
-                          "working directory under a file"};
-        QTest::newRow("working directory on a full disk") << BadRun{
-                http, {}, 2, "No space left on device", {}, {"--nouser"}, "working directory full"};
+                          {},
+                          {"--nouser", "../client_linux_amd64", "12"}};
+        QTest::newRow("update server answering garbage")
+                << BadRun{http, "server=127.0.0.1:@GARBAGE@\n", 1, "Can't detect default"};
+        QTest::newRow("working directory cannot be made")
+                << BadRun{http, {}, 1, "Unable to get temp", "working directory under a file"};
+        QTest::newRow("working directory on a full disk")
+                << BadRun{http, {}, 2, "No space left on device", "working directory full"};
         QTest::newRow("update server announcing a downgrade")
                 << BadRun{http, "[installed]\nversion=13\n", 1,
                           "lower than the installed version 13: not installed"};
         QTest::newRow("downgrade named on the command line, streams=100000")
-                << BadRun{http, "streams=100000\n[installed]\nversion=13\n",
-                          0,    "streams=100000 is too many, 16 are used",
-                          {},   {"--nouser", clientType, "12"}};
+                << BadRun{http,
+                          "streams=100000\n[installed]\nversion=13\n",
+                          0,
+                          "streams=100000 is too many, 16 are used",
+                          {},
+                          {},
+                          {"--nouser", clientType, "12"}};
         QTest::newRow("proxy with a typo") << BadRun{http, "proxy=htp//127.0.0.1:3128\n", 2,
                                                      "Invalid proxy htp//127.0.0.1:3128"};
-        QTest::newRow("installation failing on a file where a new directory goes") << BadRun{
-                http, {}, 3, "FAILED creating subdirectory:", {}, {"--nouser"}, "file in the way"};
-        QTest::newRow("installation's file system full while staging") << BadRun{
-                http, {}, 3, "No space left on device", {}, {"--nouser"}, "installation full"};
+        QTest::newRow("installation failing on a file where a new directory goes")
+                << BadRun{http, {}, 3, "FAILED creating subdirectory:", "file in the way"};
+        QTest::newRow("installation's file system full while staging")
+                << BadRun{http, {}, 3, "No space left on device", "installation full"};
         // Answered, or refused for want of a display, before any query.
-        QTest::newRow("--help") << BadRun{{}, {}, 0, "Exit status", {}, {"--help"}};
-        QTest::newRow("-h") << BadRun{{}, {}, 0, "--nouser", {}, {"-h"}};
-        QTest::newRow("--version") << BadRun{{}, {}, 0, "update 1.0", {}, {"--version"}};
+        QTest::newRow("--help") << BadRun{{}, {}, 0, "Exit status", {}, {}, {"--help"}};
+        QTest::newRow("-h") << BadRun{{}, {}, 0, "--nouser", {}, {}, {"-h"}};
+        QTest::newRow("--version") << BadRun{{}, {}, 0, "update 1.0", {}, {}, {"--version"}};
         QTest::newRow("a window without a display")
-                << BadRun{{}, {}, 1, "runs with --nouser", {}, {}};
+                << BadRun{{}, {}, 1, "runs with --nouser", {}, {}, {}};
+        QTest::newRow("signed by minisign") << BadRun{hostile, {}, 0, "Update finished", "signed"};
+        QTest::newRow("signed list changed")
+                << BadRun{both, {}, 0, invalid, "signed, list changed"};
+        QTest::newRow("signed by an unknown key")
+                << BadRun{both, {}, 0, invalid, "signed by an unknown key"};
+        QTest::newRow("signed 11 replayed as 12")
+                << BadRun{both, {}, 0, invalid, "signed, 11 replayed"};
+        QTest::newRow("signature missing") << BadRun{both, {}, 0, invalid, "signed, none"};
+        QTest::newRow("signed list changed, only a dishonest mirror")
+                << BadRun{hostile, {}, 2, "all mirrors reported error", "signed, list changed"};
+        QTest::newRow("signed, a file matching its MD5, not its SHA-256")
+                << BadRun{hostile, {}, 2, "ERROR: Wrong checksum for", "signed, SHA-256 changed"};
     }
 
     void badRun()
@@ -488,22 +508,57 @@ private slots:
         writeSettings(run.ini.replace("@ELSEWHERE@", elsewhere.toUtf8())
                               .replace("@OWN@", own.toUtf8())
                               .replace("@GARBAGE@", QByteArray::number(garbageServer->port())));
+
+        // The hostile mirror serves a copy of the release, tampered with, or a list alone.
+        const QString root = outside.filePath("mirror");
+        const QString manifest = root + "/12/" + clientType + ".manifest";
+        const QString secretKey = publisherKeys + "/update-secret.key";
+        const bool signedRelease = run.trouble.startsWith("signed");
+        QVERIFY(!signedRelease || execute("cp", {"-a", mirrorRoot, root}));
+        QVERIFY(!signedRelease
+                || QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
+        if (run.trouble == "signed, list changed") {
+            QVERIFY(writeTestFile(root + listPath, readTestFile(root + listPath) + "\n"));
+        } else if (run.trouble == "signed, 11 replayed") {
+            // The list, manifest and signature of version 11 replace those of 12.
+            QVERIFY(publish(previousRelease, "11", root, secretKey));
+            for (const QString &name : QDir(root + "/11").entryList(QDir::Files)) {
+                QFile::remove(root + "/12/" + name);
+                QVERIFY(QFile::rename(root + "/11/" + name, root + "/12/" + name));
+            }
+        } else if (signedRelease && run.trouble != "signed") {
+            if (run.trouble == "signed, SHA-256 changed") {
+                // As if the mirror held another file of the same MD5: the signed SHA-256 differs.
+                const QString entry = mirrorFiles.first().mid(4);
+                QByteArray text = readTestFile(manifest);
+                const qsizetype at = text.indexOf(entry.toUtf8() + '=') + entry.size() + 1;
+                text[at] = text.at(at) == '0' ? '1' : '0';
+                QVERIFY(writeTestFile(manifest, text));
+            }
+            QVERIFY(QFile::remove(manifest + ".minisig"));
+            if (run.trouble != "signed, none")
+                QVERIFY(minisign(run.trouble == "signed by an unknown key"
+                                         ? unknownKeys + "/update-secret.key"
+                                         : secretKey,
+                                 manifest));
+        }
+        QVERIFY(run.list.isEmpty() || writeTestFile(root + listPath, run.list));
+        if (run.mirrors.contains("hostile")) {
+            hostile = LoopbackServer::nginx(root);
+            QVERIFY(hostile);
+        }
         if (run.mirrors == QStringList{"garbage"} || run.mirrors == QStringList{"endless"}) {
             QVERIFY(writeTestFile(at("mirrors.ini"), run.mirrors[0] == "garbage"
                                                              ? noiseBytes(400, 9)
                                                              : "[mirrors]\nsize=100000000\n"));
         } else if (!run.mirrors.isEmpty()) {
-            if (!run.list.isEmpty()) {
-                QVERIFY(writeTestFile(outside.filePath("mirror") + listPath, run.list));
-                hostile = LoopbackServer::nginx(outside.filePath("mirror"));
-                QVERIFY(hostile);
-            }
             writeMirrors(run.mirrors);
         }
 
         const qsizetype requests = http->logLines().size();
         const qsizetype queries = versionServer->logLines().size();
         QVERIFY(runs(run.arguments, run.exitCode, run.logLine));
+        QVERIFY(!signedRelease || !log.contains("signatures of releases are not checked"));
         QCOMPARE(filesBelow(elsewhere), QStringList{"notes.txt"});
         const bool unattended = run.arguments.contains("--nouser");
         if (run.exitCode == 0 && unattended)
@@ -523,77 +578,6 @@ private slots:
                          "Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."));
             verifyInstalled(true);
         }
-    }
-
-    // An installation that trusts the publisher's key meets one honest and one dishonest mirror,
-    // or the dishonest one alone: nothing of a list is used before the key verified its manifest.
-    void signedRelease_data()
-    {
-        QTest::addColumn<QString>("tampering");
-        QTest::addColumn<QStringList>("mirrors");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QByteArray>("logLine");
-        const QStringList both{"hostile", "http"}, alone{"hostile"};
-        const QByteArray refused = "/12/client_linux_amd64.manifest is not valid.";
-        QTest::newRow("signed by minisign") << "" << alone << 0 << QByteArray("Update finished");
-        QTest::newRow("list changed after signing") << "list" << both << 0 << refused;
-        QTest::newRow("signed by an unknown key") << "unknown key" << both << 0 << refused;
-        QTest::newRow("version 11 replayed as 12") << "replay" << both << 0 << refused;
-        QTest::newRow("signature missing") << "no signature" << both << 0 << refused;
-        QTest::newRow("only a dishonest mirror")
-                << "list" << alone << 2 << QByteArray("all mirrors reported error");
-        QTest::newRow("a file matching its MD5, not its SHA-256")
-                << "sha256" << alone << 2 << QByteArray("ERROR: Wrong checksum for");
-    }
-
-    void signedRelease()
-    {
-        QFETCH(QString, tampering);
-        QFETCH(QStringList, mirrors);
-        QFETCH(int, exitCode);
-        QFETCH(QByteArray, logLine);
-
-        QTemporaryDir outside;
-        const QString root = outside.filePath("mirror");
-        const QString version = root + "/12/";
-        const QString manifest = version + clientType + ".manifest";
-        const QString secretKey = publisherKeys + "/update-secret.key";
-        QVERIFY(execute("cp", {"-a", mirrorRoot, root}));
-        if (tampering == "list") {
-            QVERIFY(writeTestFile(root + listPath, readTestFile(root + listPath) + "\n"));
-        } else if (tampering == "replay") {
-            // The list, manifest and signature of version 11 replace those of 12.
-            QVERIFY(publish(previousRelease, "11", root, secretKey));
-            for (const QString &name : QDir(root + "/11").entryList(QDir::Files)) {
-                QFile::remove(version + name);
-                QVERIFY(QFile::rename(root + "/11/" + name, version + name));
-            }
-        } else if (!tampering.isEmpty()) {
-            if (tampering == "sha256") {
-                // As if the mirror held another file of the same MD5: the signed SHA-256 differs.
-                const QString entry = mirrorFiles.first().mid(4);
-                QByteArray text = readTestFile(manifest);
-                const qsizetype at = text.indexOf(entry.toUtf8() + '=') + entry.size() + 1;
-                text[at] = text.at(at) == '0' ? '1' : '0';
-                QVERIFY(writeTestFile(manifest, text));
-            }
-            QVERIFY(QFile::remove(manifest + ".minisig"));
-            if (tampering != "no signature")
-                QVERIFY(minisign(tampering == "sha256" ? secretKey
-                                                       : unknownKeys + "/update-secret.key",
-                                 manifest));
-        }
-        hostile = LoopbackServer::nginx(root);
-        QVERIFY(hostile);
-        writeMirrors(mirrors);
-        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
-
-        QVERIFY(runs({"--nouser"}, exitCode, logLine));
-        QVERIFY(!log.contains("signatures of releases are not checked"));
-        if (exitCode == 0)
-            verifyInstalled(true);
-        else
-            verifyUntouched();
     }
 
     // Release 13, signed with the old key, brings the new one in update-keys.pub; release 14 is
