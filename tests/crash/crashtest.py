@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Kills the real updater (SIGKILL) at random moments of its download, staging or switch from
-version 11 to 12, served by nginx on 127.0.0.1 at a limited rate. After each kill every file must
-be whole, old or new, the updater there and runnable, and the next start must install 12 exactly.
+"""Kills the real updater (SIGKILL) at random moments of its download, staging or switch from 11 to
+12, served by nginx on 127.0.0.1 at a limited rate: every file must stay whole, old or new, the
+updater runnable, and the next start must install 12 exactly.
 
     crashtest.py --update BUILD/app/update --publish BUILD/tools/update-publish [--runs 100]
 """
@@ -36,7 +36,6 @@ def start_nginx(root, work):
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
         port = s.getsockname()[1]
-    work.mkdir()
     (work / "nginx.conf").write_text(
         f"daemon off; pid {work}/nginx.pid; error_log stderr; events {{}} http {{ access_log off;"
         f" server {{ listen 127.0.0.1:{port}; root {root}; location / {{ limit_rate 6m; }} }} }}")
@@ -60,7 +59,6 @@ def installed_state(install):
 
 
 def start(base):
-    """update --nouser in base/installation, logging to base/log.txt."""
     env = {k: v for k, v in os.environ.items()
            if k not in ("DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM")}
     with open(base / "log.txt", "w") as log:
@@ -91,7 +89,7 @@ def kill_during(process, base, phase, rng, download_time):
     return next((name for name in ("switching", "staging") if MARKERS[name] in text), "download")
 
 
-def main():
+def main(work):
     parser = argparse.ArgumentParser()
     parser.add_argument("--update", required=True)
     parser.add_argument("--publish", required=True)
@@ -99,27 +97,24 @@ def main():
     parser.add_argument("--seed", type=int, default=int(time.time()))
     args = parser.parse_args()
     rng = random.Random(args.seed)
-    work = Path(tempfile.mkdtemp(prefix="orlivo-crash-"))
     work.chmod(0o755)  # nginx's workers may run as another user
-    nginx = None
+    updater = Path(args.update).read_bytes()
+    old = make_release(work / "release-11", updater, 11)
+    new = make_release(work / "release-12", updater, 12)
+    subprocess.run([args.publish, work / "release-12", CLIENT, "12", work / "mirror", "--previous",
+                    work / "release-11"], check=True, stdout=subprocess.DEVNULL)
+    nginx, port = start_nginx(work / "mirror", work)
+    (work / "release-11/mirrors.ini").write_text("[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=http://"
+                                                 "127.0.0.1:%d/\nretries=2\ntimeout=0\n" % port)
+    kills = {p: 0 for p in PHASES + ["finished"]}
+    torn, broken_updater, mixed, incomplete = [], [], [], []
+    download_time = None
     try:
-        updater = Path(args.update).read_bytes()
-        old = make_release(work / "release-11", updater, 11)
-        new = make_release(work / "release-12", updater, 12)
-        subprocess.run([args.publish, work / "release-12", CLIENT, "12", work / "mirror",
-                        "--previous", work / "release-11"], check=True, stdout=subprocess.DEVNULL)
-        nginx, port = start_nginx(work / "mirror", work / "nginx")
-
-        kills = {p: 0 for p in PHASES + ["finished"]}
-        torn, broken_updater, mixed, incomplete = [], [], [], []
-        download_time = None
         for run in range(args.runs):
             base = work / ("run%d" % run)
             install = base / "installation"
             shutil.copytree(work / "release-11", install, symlinks=True)
             (base / "tmp").mkdir()
-            (install / "mirrors.ini").write_text("[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=http://"
-                                                 "127.0.0.1:%d/\nretries=2\ntimeout=0\n" % port)
             process = start(base)
             if download_time is None:
                 # One whole run first: how long the download takes here.
@@ -150,21 +145,19 @@ def main():
             elif installed_state(install) != new:
                 mixed.append("run %d" % run)
             shutil.rmtree(base)
-
-        print("runs: %d (seed %d), kills: %s" % (args.runs - 1, args.seed,
-              ", ".join("%s %d" % item for item in kills.items())))
-        print("torn files: %d, missing or damaged updater: %d, mixed after the next start: %d, "
-              "not completed on the next start: %d"
-              % (len(torn), len(broken_updater), len(mixed), len(incomplete)))
-        for line in torn + broken_updater + mixed + incomplete:
-            print("  " + line)
-        return 1 if torn or broken_updater or mixed or incomplete else 0
     finally:
-        if nginx:
-            nginx.terminate()
-            nginx.wait()
-        shutil.rmtree(work, ignore_errors=True)
+        nginx.terminate()
+        nginx.wait()
+    print("runs: %d (seed %d), kills: %s" % (args.runs - 1, args.seed,
+          ", ".join("%s %d" % item for item in kills.items())))
+    print("torn files: %d, missing or damaged updater: %d, mixed after the next start: %d, "
+          "not completed on the next start: %d"
+          % (len(torn), len(broken_updater), len(mixed), len(incomplete)))
+    for line in torn + broken_updater + mixed + incomplete:
+        print("  " + line)
+    return 1 if torn or broken_updater or mixed or incomplete else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    with tempfile.TemporaryDirectory(prefix="orlivo-crash-") as work:
+        sys.exit(main(Path(work)))
