@@ -1,10 +1,7 @@
 #!/usr/bin/env python3
 """Kills the real updater (SIGKILL) at random moments of its download, staging or switch from 11 to
-12, served by nginx on 127.0.0.1 at a limited rate: every file must stay whole, old or new, the
-updater runnable, and the next start must install 12 exactly.
-
-    crashtest.py --update BUILD/app/update --publish BUILD/tools/update-publish [--runs 100]
-"""
+12 (nginx on 127.0.0.1, rate-limited): every file must stay whole, old or new, the updater runnable,
+and the next start must install 12 exactly. crashtest.py --update U --publish P [--runs N]"""
 
 import argparse, hashlib, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
 from pathlib import Path
@@ -153,8 +150,7 @@ def main(work):
     print("torn files: %d, missing or damaged updater: %d, mixed after the next start: %d, "
           "not completed on the next start: %d"
           % (len(torn), len(broken_updater), len(mixed), len(incomplete)))
-    for line in torn + broken_updater + mixed + incomplete:
-        print("  " + line)
+    print("".join("  %s\n" % line for line in torn + broken_updater + mixed + incomplete), end="")
     return 1 if torn or broken_updater or mixed or incomplete else 0
 
 
