@@ -491,6 +491,38 @@ private slots:
         }
     }
 
+    // The changed updater comes as a patch to the installed one; a patch that cannot serve, or
+    // an installed file that is no patch's base, costs only the whole file.
+    void patches_data()
+    {
+        QTest::addColumn<QString>("trouble");
+        QTest::addColumn<QByteArray>("logLine");
+        QTest::newRow("installed base") << "" << QByteArray("update made from a patch");
+        QTest::newRow("installed file matching no base") << "changed" << QByteArray("Update fin");
+        QTest::newRow("patch damaged on the way") << "corrupt" << QByteArray("fetching the whole");
+    }
+
+    void patches()
+    {
+        QFETCH(QString, trouble);
+        QFETCH(QByteArray, logLine);
+        const QString patch = "/12/" + filesBelow(mirrorRoot + "/12").filter("patches/").value(0);
+        const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
+        fault = LoopbackServer::faultHttp(mirrorRoot);
+        QVERIFY(fault && patch.endsWith(".bsdiff") && !whole.isEmpty());
+        if (trouble == "corrupt")
+            fault->setFaults(patch, {"corrupt"});
+        // Still the running program, but no longer the patch's base.
+        QVERIFY(trouble != "changed"
+                || writeTestFile(at("update"), readTestFile(at("update")) + '\n'));
+        writeMirrors({"fault"});
+        QVERIFY(runs(0, logLine));
+        const QStringList requests = fault->logLines();
+        QCOMPARE(requests.filter(' ' + patch + ' ').size(), trouble == "changed" ? 0 : 1);
+        QCOMPARE(requests.filter(' ' + whole + ' ').size(), trouble.isEmpty() ? 0 : 1);
+        verifyHolds(release, "_old_update");
+    }
+
     // Release 13, signed with the old key, brings the new one in update-keys.pub; release 14 is
     // signed with the new key, and the old key no longer counts.
     void keysRotate()
