@@ -120,10 +120,17 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     addPlain("bin/tool", "new tool");
     addPlain("bin/" + getClientBinaryName(), "client");
     QVERIFY(QFile::setPermissions(target("tool"), QFile::ReadOwner | QFile::ExeOwner));
+    // Libraries by their suffix, a world-writable one narrowed; the staged file is the download.
+    addPlain("lib/libQtCore.so.4", "core");
+    addPlain("lib/libvoice.so.4.5", "voice");
+    QVERIFY(QFile::setPermissions(source("lib/libQtCore.so.4"), QFileDevice::Permissions(0x6666))
+            && QFile::setPermissions(source("lib/libvoice.so.4.5"),
+                                     QFileDevice::Permissions(0x6640)));
 
     QVERIFY(run(false));
-    for (const QString &name : {QString("tool"), getClientBinaryName()})
+    for (const QString &name : {QString("tool"), getClientBinaryName(), QString("libQtCore.so.4")})
         QCOMPARE(int(QFileInfo(target(name)).permissions() & 0x7777), 0x7755);
+    QCOMPARE(int(QFileInfo(target("libvoice.so.4.5")).permissions() & 0x7777), 0x6640);
     QCOMPARE(readTestFile(target("readme.txt")), "plain text");
     QCOMPARE(readTestFile(target("sounds/ring tone.wav")), patternBytes(100000, 1));
     QCOMPARE(readTestFile(target("voice.bin")), patternBytes(300000, 2));
