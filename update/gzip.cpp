@@ -25,15 +25,18 @@ bool failAndRemove(gzFile gzip, QFile &output)
     return false;
 }
 
-// Unpacks source into destination, adding what it writes to hash when there is one.
+// Unpacks source into destination, adding what it writes to hash.
 bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
 {
-    QFile output(destination);
-    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
-        return false;
+    // The source first: one that cannot be read must not cost the destination anything.
     gzFile gzip = openGzip(source, "rb");
     if (!gzip)
         return false;
+    QFile output(destination);
+    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
+        gzclose(gzip);
+        return false;
+    }
     gzbuffer(gzip, packedBufferSize);
     gzrewind(gzip);
     char buffer[blockSize];
@@ -45,8 +48,7 @@ bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
             break;
         if (output.write(buffer, n) < n)
             return failAndRemove(gzip, output);
-        if (hash)
-            hash->addData(buffer, n);
+        hash->addData(buffer, n);
     }
     // gzread ends a stream cut short like a complete one; only the error state tells them apart.
     int error = Z_OK;
@@ -62,11 +64,6 @@ bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
 }
 
 } // namespace
-
-bool unzipFile(const QString &destination, const QString &source)
-{
-    return unpack(destination, source, nullptr);
-}
 
 bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5)
 {
