@@ -64,30 +64,16 @@ class tst_BinaryPatch : public QObject
     Q_OBJECT
 
 private slots:
-    void init();
-    void interoperates_data();
-    void interoperates();
-    void refusesBrokenPatches_data();
-    void refusesBrokenPatches();
-
-private:
-    std::unique_ptr<QTemporaryDir> dir;
-    QString path(const char *name) const { return dir->filePath(name); }
+    void apply_data();
+    void apply();
 };
 
-void tst_BinaryPatch::init()
-{
-    for (const char *tool : {"bsdiff", "bspatch", "bzip2"}) {
-        if (QStandardPaths::findExecutable(tool).isEmpty())
-            QSKIP("Debian's bsdiff and bzip2 are the reference");
-    }
-    dir = std::make_unique<QTemporaryDir>();
-}
-
-void tst_BinaryPatch::interoperates_data()
+void tst_BinaryPatch::apply_data()
 {
     QTest::addColumn<QByteArray>("old");
-    QTest::addColumn<QByteArray>("now");
+    QTest::addColumn<QByteArray>("now");   // what the patch makes of old
+    QTest::addColumn<QByteArray>("patch"); // ours from old to now when empty
+    QTest::addColumn<qint64>("expectedSize");
 
     // A rebuilt binary: code moved by an insertion, addresses shifted, a stretch gone, new data.
     const QByteArray binary = randomBytes(200000, 1);
@@ -95,73 +81,70 @@ void tst_BinaryPatch::interoperates_data()
     rebuilt.insert(1000, randomBytes(700, 2)).remove(120000, 5000).append(randomBytes(3000, 3));
     for (int i = 40000; i < 90000; i += 97)
         rebuilt[i] = char(rebuilt.at(i) + 4);
-    QTest::newRow("rebuilt binary") << binary << rebuilt;
-    QTest::newRow("from empty") << QByteArray() << randomBytes(3000, 6);
-    QTest::newRow("to empty") << randomBytes(3000, 7) << QByteArray();
+    QTest::newRow("rebuilt binary") << binary << rebuilt << QByteArray() << qint64(rebuilt.size());
+    QTest::newRow("from empty") << QByteArray() << randomBytes(3000, 6) << QByteArray() << 3000ll;
+    QTest::newRow("to empty") << randomBytes(3000, 7) << QByteArray() << QByteArray() << 0ll;
+
+    // Damaged or hostile patches of "base", refused.
+    const QByteArray valid = craftedPatch(4, {2, 2, 0}, QByteArray(2, '\0'), "xy");
+    const auto refused = [&valid](const char *name, const QByteArray &patch, qint64 size = -1) {
+        QTest::newRow(name) << QByteArray("base") << QByteArray() << patch << size;
+    };
+    const auto damaged = [&valid](int offset, const QByteArray &bytes) {
+        return QByteArray(valid).replace(offset, bytes.size(), bytes);
+    };
+    refused("not a patch", QByteArray("BSDIFF39") + valid.mid(8));
+    refused("not the size listed", valid, 5);
+    refused("truncated", valid.left(valid.size() - 10));
+    refused("damaged bzip2 data", damaged(48, "\xff\xff"));
+    refused("blocks past the end", damaged(8, number(valid.size())));
+    refused("longer than the blocks hold", damaged(24, number(5)));
+    refused("diff past the new size", craftedPatch(4, {5, 0, 0}, "abcde", ""));
+    refused("negative extra", craftedPatch(4, {0, -4, 0}, "", ""));
+    refused("seek before the base", craftedPatch(4, {2, 2, -3}, "ab", "cd"));
+    refused("seek past the base", craftedPatch(4, {0, 4, qint64(1) << 62}, "", "abcd"));
 }
 
 // Our patches are bsdiff's to the byte, so each tool applies the other's; bspatch applies ours
-// also where bsdiff refuses to make one.
-void tst_BinaryPatch::interoperates()
+// also where bsdiff refuses to make one. A damaged or hostile patch fails without reading or
+// writing out of bounds, and leaves nothing.
+void tst_BinaryPatch::apply()
 {
+    for (const char *tool : {"bsdiff", "bspatch", "bzip2"}) {
+        if (QStandardPaths::findExecutable(tool).isEmpty())
+            QSKIP("Debian's bsdiff and bzip2 are the reference");
+    }
     QFETCH(QByteArray, old);
     QFETCH(QByteArray, now);
+    QFETCH(QByteArray, patch);
+    QFETCH(qint64, expectedSize);
+    QTemporaryDir dir;
+    const auto path = [&dir](const char *name) { return dir.filePath(name); };
     QVERIFY(writeTestFile(path("old"), old));
     QVERIFY(writeTestFile(path("new"), now));
-
+    QVERIFY(writeTestFile(path("patch"), patch));
+    const bool ours = patch.isEmpty();
     QString error;
-    QVERIFY2(writeBinaryPatch(path("old"), path("new"), path("patch"), &error), qPrintable(error));
-    QVERIFY(!runTool("bspatch", {path("old"), path("result"), path("patch")}).startsWith('<'));
-    QCOMPARE(readTestFile(path("result")), now);
+    QVERIFY2(!ours || writeBinaryPatch(path("old"), path("new"), path("patch"), &error),
+             qPrintable(error));
+    if (ours) {
+        QVERIFY(!runTool("bspatch", {path("old"), path("result"), path("patch")}).startsWith('<'));
+        QCOMPARE(readTestFile(path("result")), now);
+    }
     // Debian's bsdiff refuses empty files.
-    if (!old.isEmpty() && !now.isEmpty()) {
+    if (ours && !old.isEmpty() && !now.isEmpty()) {
         QVERIFY(QFileInfo(path("patch")).size() < 10000);
         QVERIFY(!runTool("bsdiff", {path("old"), path("new"), path("theirs")}).startsWith('<'));
         QCOMPARE(readTestFile(path("patch")), readTestFile(path("theirs")));
     }
 
     QVERIFY(writeTestFile(path("result"), "older and longer content than some of the rows"));
-    QString md5;
-    QVERIFY(applyBinaryPatch(path("result"), path("old"), path("patch"), &md5, now.size()));
-    QCOMPARE(readTestFile(path("result")), now);
-    QCOMPARE(md5, md5Of(now));
-}
-
-void tst_BinaryPatch::refusesBrokenPatches_data()
-{
-    QTest::addColumn<QByteArray>("patch");
-    QTest::addColumn<qint64>("expectedSize");
-
-    const QByteArray valid = craftedPatch(4, {2, 2, 0}, QByteArray(2, '\0'), "xy");
-    const auto damaged = [&valid](int offset, const QByteArray &bytes) {
-        return QByteArray(valid).replace(offset, bytes.size(), bytes);
-    };
-    QTest::newRow("not a patch") << QByteArray("BSDIFF39") + valid.mid(8) << -1ll;
-    QTest::newRow("not the size listed") << valid << 5ll;
-    QTest::newRow("truncated") << valid.left(valid.size() - 10) << -1ll;
-    QTest::newRow("damaged bzip2 data") << damaged(48, "\xff\xff") << -1ll;
-    QTest::newRow("blocks past the end") << damaged(8, number(valid.size())) << -1ll;
-    QTest::newRow("longer than the blocks hold") << damaged(24, number(5)) << -1ll;
-    QTest::newRow("diff past the new size") << craftedPatch(4, {5, 0, 0}, "abcde", "") << -1ll;
-    QTest::newRow("negative extra") << craftedPatch(4, {0, -4, 0}, "", "") << -1ll;
-    QTest::newRow("seek before the base") << craftedPatch(4, {2, 2, -3}, "ab", "cd") << -1ll;
-    QTest::newRow("seek past the base")
-            << craftedPatch(4, {0, 4, qint64(1) << 62}, "", "abcd") << -1ll;
-}
-
-// A damaged or hostile patch fails without reading or writing out of bounds, and leaves nothing.
-void tst_BinaryPatch::refusesBrokenPatches()
-{
-    QFETCH(QByteArray, patch);
-    QFETCH(qint64, expectedSize);
-    QVERIFY(writeTestFile(path("old"), "base"));
-    QVERIFY(writeTestFile(path("patch"), patch));
-    QVERIFY(writeTestFile(path("result"), "older"));
-
     QString md5 = "untouched";
-    QVERIFY(!applyBinaryPatch(path("result"), path("old"), path("patch"), &md5, expectedSize));
-    QCOMPARE(md5, QString("untouched"));
-    QVERIFY(!QFile::exists(path("result")));
+    QCOMPARE(applyBinaryPatch(path("result"), path("old"), path("patch"), &md5, expectedSize),
+             ours);
+    QCOMPARE(md5, ours ? md5Of(now) : QString("untouched"));
+    QCOMPARE(QFile::exists(path("result")), ours);
+    QVERIFY(!ours || readTestFile(path("result")) == now);
 }
 
 QTEST_GUILESS_MAIN(tst_BinaryPatch)
