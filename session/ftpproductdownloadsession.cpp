@@ -572,14 +572,10 @@ bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) cons
     const QFileInfo temp(path);
     if (!temp.isFile() || quint64(temp.size()) != file.size)
         return false;
+    // As a download is checked: by its SHA-256 when the release gives one, by MD5 otherwise.
     const QString expectedSha256 = getFileSha256(file);
-    if (expectedSha256.isEmpty()) {
-        const QString md5 = getFileMD5Ex(path);
-        return !md5.isEmpty() && md5 == file.md5;
-    }
-    QString md5;
-    QString sha256;
-    return getFileDigests(path, &md5, &sha256) && md5 == file.md5 && sha256 == expectedSha256;
+    const QString actual = expectedSha256.isEmpty() ? getFileMD5Ex(path) : getFileSHA256Ex(path);
+    return !actual.isEmpty() && actual == (expectedSha256.isEmpty() ? file.md5 : expectedSha256);
 }
 
 QString FTPProductDownloadSession::getFileSha256(const FileSpecification &file) const

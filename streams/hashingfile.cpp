@@ -1,8 +1,8 @@
 #include "streams/hashingfile.h"
 
-HashingFile::HashingFile(const QString &name, bool withSha256)
+HashingFile::HashingFile(const QString &name, bool bySha256)
     : QFile(name)
-    , digests(withSha256)
+    , digests(bySha256 ? FileDigests::Sha256 : FileDigests::Md5)
 {}
 
 bool HashingFile::wholeFileHashed() const

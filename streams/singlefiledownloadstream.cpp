@@ -173,13 +173,14 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
                                .arg(localPath, QString::number(length), QString::number(size)));
             return false;
         }
-        // A file that cannot be read back keeps empty digests, which match nothing.
-        if (written.isEmpty())
+        // The SHA-256, when the release gives one, holds the file; MD5 otherwise. A file that
+        // cannot be read back keeps empty digests, which match nothing.
+        const bool bySha256 = !sha256.isEmpty();
+        QString &actual = bySha256 ? writtenSha256 : written;
+        if (actual.isEmpty())
             getFileDigests(localPath, &written, &writtenSha256);
-        const bool md5Differs = !md5.isEmpty() && written.compare(md5, Qt::CaseInsensitive) != 0;
-        const bool sha256Differs =
-                !sha256.isEmpty() && writtenSha256.compare(sha256, Qt::CaseInsensitive) != 0;
-        if (written.isEmpty() || md5Differs || sha256Differs) {
+        if (actual.isEmpty()
+            || actual.compare(bySha256 ? sha256 : md5, Qt::CaseInsensitive) != 0) {
             rejectFile(DownloadStream_ChecksumError,
                        QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
             return false;

@@ -64,11 +64,21 @@ QString getFileMD5Ex(QFile &file)
 bool getFileDigests(const QString &path, QString *md5, QString *sha256)
 {
     QFile file(path);
-    FileDigests digests(true);
+    FileDigests digests(FileDigests::Both);
     if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
         || !hashFromCurrentPosition(file, &digests))
         return false;
     *md5 = digests.md5();
     *sha256 = digests.sha256();
     return true;
+}
+
+QString getFileSHA256Ex(const QString &path)
+{
+    QFile file(path);
+    FileDigests digests(FileDigests::Sha256);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
+        || !hashFromCurrentPosition(file, &digests))
+        return QString();
+    return digests.sha256();
 }

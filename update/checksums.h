@@ -14,3 +14,5 @@ QString getFileMD5Ex(const QString &path);
 QString getFileMD5Ex(QFile &file);
 // MD5 and SHA-256 of the file in one pass; false when it cannot be read.
 bool getFileDigests(const QString &path, QString *md5, QString *sha256);
+// The SHA-256 alone, streamed; empty when the file cannot be read.
+QString getFileSHA256Ex(const QString &path);

@@ -1,21 +1,24 @@
 #include "update/filedigests.h"
 
-FileDigests::FileDigests(bool withSha256)
+FileDigests::FileDigests(Kind kinds)
 {
-    if (withSha256)
+    if (kinds & Md5)
+        md5Hash.emplace();
+    if (kinds & Sha256)
         sha256Hash.emplace(Digest::Sha256);
 }
 
 void FileDigests::addData(const char *data, qint64 length)
 {
-    md5Hash.addData(data, length);
+    if (md5Hash)
+        md5Hash->addData(data, length);
     if (sha256Hash)
         sha256Hash->addData(data, length);
 }
 
 QString FileDigests::md5() const
 {
-    return md5Hash.result();
+    return md5Hash ? md5Hash->result() : QString();
 }
 
 QString FileDigests::sha256() const

@@ -7,19 +7,21 @@
 
 #include <optional>
 
-// The MD5 and, when asked for, the SHA-256 of one stream of bytes, taken in the same pass, so
-// that every byte of a file is read or written once whatever is checked.
+// The MD5, the SHA-256 or both of one stream of bytes, taken in the same pass, so that every
+// byte of a file is read or written once whatever is checked.
 class FileDigests
 {
 public:
-    explicit FileDigests(bool withSha256 = false);
+    enum Kind { Md5 = 1, Sha256 = 2, Both = Md5 | Sha256 };
+
+    explicit FileDigests(Kind kinds = Md5);
 
     void addData(const char *data, qint64 length);
-    // 32 and 64 lower-case hexadecimal characters; the SHA-256 is empty unless asked for.
+    // 32 and 64 lower-case hexadecimal characters; empty for a digest not asked for.
     QString md5() const;
     QString sha256() const;
 
 private:
-    Md5Hash md5Hash;
+    std::optional<Md5Hash> md5Hash;
     std::optional<Digest> sha256Hash;
 };
