@@ -124,7 +124,8 @@ class TestUpdateRun : public QObject
     void verifyHolds(const QString &releaseDir, const QString &own)
     {
         TestTree expected = treeBelow(releaseDir);
-        for (const QString &name : QStringList{"mirrors.ini", "update.ini", "update-keys.pub", own}) {
+        for (const QString &name :
+             QStringList{"mirrors.ini", "update.ini", "update-keys.pub", own}) {
             if (QFile::exists(at(name)))
                 expected.insert(name, readTestFile(at(name)));
         }
@@ -363,7 +364,8 @@ private slots:
         const QString full = installationFull ? installation->path() : tempDir->filePath("full");
         // KiB: version 11, its settings and some slack; a working directory gets the list alone.
         qint64 room = installationFull ? 64 : 24;
-        for (const QString &name : installationFull ? treeBelow(previousRelease).keys() : QStringList())
+        for (const QString &name :
+             installationFull ? treeBelow(previousRelease).keys() : QStringList())
             room += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
         if (run.trouble.endsWith("full")) {
             if (!QDir().mkpath(full) || !mountTmpfs(full, "size=" + QString::number(room) + 'k'))
@@ -477,7 +479,8 @@ private slots:
     {
         QFETCH(QString, trouble);
         QFETCH(QByteArray, logLine);
-        const QString patch = "/12/" + treeBelow(mirrorRoot + "/12").keys().filter("patches/").value(0);
+        const QString patch =
+                "/12/" + treeBelow(mirrorRoot + "/12").keys().filter("patches/").value(0);
         const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
         fault = LoopbackServer::faultHttp(mirrorRoot);
         QVERIFY(fault && patch.endsWith(".bsdiff") && !whole.isEmpty());

@@ -29,26 +29,26 @@ const QByteArray oldLibrary = noiseBytes(50000, 1);
 const QByteArray newLibrary = QByteArray(oldLibrary).insert(20000, "new code").append("more");
 
 const TestTree oldRelease = {{"orlivo", "old client"},
-                         {"gone dir/x y.txt", "3"},
-                         {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
-                         // Turns into a directory: the file must go before the directory comes.
-                         {"plugins", "5"},
-                         {"lib/libbig.so", oldLibrary}};
+                             {"gone dir/x y.txt", "3"},
+                             {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
+                             // Turns into a directory: the file must go before the directory comes.
+                             {"plugins", "5"},
+                             {"lib/libbig.so", oldLibrary}};
 // Nested, packable and not, empty, awkward names, section and mirror names that collide, raw
 // content that begins like gzip data, and content that shrinks by less than "auto" asks for.
 const TestTree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
-                         {"empty", QByteArray()},
-                         {"notes.txt", packable},
-                         {"notes.txt.gz", gzipMagic + "packed by its vendor"},
-                         {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
-                         {".config/.hidden", "x"},
-                         {"lib/libfoo.so.1", packable},
-                         {"lib/libbig.so", newLibrary},
-                         {"lib/sub/magic", gzipMagic + "raw"},
-                         {"x.y/f", "one"},
-                         {"x/y/f", "two"},
-                         {"X/y/f", "three"},
-                         {"plugins/p.so", "plugin"}};
+                             {"empty", QByteArray()},
+                             {"notes.txt", packable},
+                             {"notes.txt.gz", gzipMagic + "packed by its vendor"},
+                             {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
+                             {".config/.hidden", "x"},
+                             {"lib/libfoo.so.1", packable},
+                             {"lib/libbig.so", newLibrary},
+                             {"lib/sub/magic", gzipMagic + "raw"},
+                             {"x.y/f", "one"},
+                             {"x/y/f", "two"},
+                             {"X/y/f", "three"},
+                             {"plugins/p.so", "plugin"}};
 // Symbolic links in the new release, published as what they point to.
 const QMap<QString, QString> links = {{"lib/libfoo.so", "libfoo.so.1"}, {"docs", "x"}};
 const TestTree linked = {{"lib/libfoo.so", packable}, {"docs/y/f", "two"}};
