@@ -2,8 +2,6 @@
 #include "tests/support/testfiles.h"
 #include "tests/support/virtualdisplay.h"
 
-#include <QDirIterator>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QtTest>
@@ -13,25 +11,6 @@ namespace {
 const QString clientType = QStringLiteral("client_linux_amd64");
 const QString listPath = QStringLiteral("/12/client_linux_amd64.ini");
 constexpr int runTimeoutMs = 120000;
-
-// Bytes that gzip cannot shrink, the same on every run; size is a multiple of 4.
-QByteArray noiseBytes(int size, quint32 seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    return bytes;
-}
-
-// Relative paths of the files below dir, sorted.
-QStringList filesBelow(const QString &dir)
-{
-    QStringList files;
-    QDirIterator it(dir, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
-    while (it.hasNext())
-        files << QDir(dir).relativeFilePath(it.next());
-    files.sort();
-    return files;
-}
 
 bool execute(const QString &program, const QStringList &arguments)
 {
@@ -96,20 +75,16 @@ class TestUpdateRun : public QObject
     // "http", "ftp", "fault", "hostile", "dead http", "dead ftp"; in this order in mirrors.ini.
     void writeMirrors(const QStringList &kinds)
     {
-        QByteArray list = "[mirrors]\nsize=" + QByteArray::number(kinds.size()) + "\n";
-        QByteArray sections;
-        for (int i = 0; i < kinds.size(); ++i) {
-            const QString &kind = kinds.at(i);
+        QStringList urls;
+        for (const QString &kind : kinds) {
             QString url = kind.section(' ', 1) + "://127.0.0.1:" + deadPort + '/';
             if (kind == "http" || kind == "ftp")
                 url = (kind == "http" ? http : ftp)->url(kind, "/");
             else if (kind == "fault" || kind == "hostile")
                 url = (kind == "fault" ? fault : hostile)->url("http", "/");
-            const QByteArray n = QByteArray::number(i);
-            list += QByteArray::number(i + 1) + "\\mirror=m" + n + "\n";
-            sections += "[m" + n + "]\nurl=" + url.toUtf8() + "\nretries=2\ntimeout=0\n";
+            urls << url;
         }
-        QVERIFY(writeTestFile(at("mirrors.ini"), list + sections));
+        QVERIFY(writeTestFile(at("mirrors.ini"), mirrorsIni(urls)));
     }
 
     void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false)
@@ -148,14 +123,15 @@ class TestUpdateRun : public QObject
     // The installation is releaseDir byte for byte; of the updater's own files only these.
     void verifyHolds(const QString &releaseDir, const QString &own)
     {
-        QStringList expected = filesBelow(releaseDir);
-        for (const QString &name : QStringList{"mirrors.ini", "update.ini", "update-keys.pub", own})
-            expected << (QFile::exists(at(name)) ? QStringList{name} : QStringList());
-        expected.sort();
-        QCOMPARE(filesBelow(installation->path()), expected);
-        for (const QString &name : filesBelow(releaseDir))
-            QVERIFY2(readTestFile(at(name)) == readTestFile(releaseDir + '/' + name),
-                     qPrintable(name));
+        TestTree expected = treeBelow(releaseDir);
+        for (const QString &name :
+             QStringList{"mirrors.ini", "update.ini", "update-keys.pub", own}) {
+            if (QFile::exists(at(name)))
+                expected.insert(name, readTestFile(at(name)));
+        }
+        const TestTree installed = treeBelow(installation->path());
+        QCOMPARE(installed.keys(), expected.keys());
+        QVERIFY(installed == expected);
     }
 
     // The previous release as it was: nothing installed, nothing deleted.
@@ -185,18 +161,14 @@ private slots:
         release = work.filePath("release-12");
         const QByteArray updater = readTestFile(UPDATE_BINARY);
         QVERIFY(!updater.isEmpty());
-        const QList<QPair<QString, QByteArray>> files = {
-                {previousRelease + "/update", updater},
-                {previousRelease + "/readme.txt", "Orlivo 11\n"},
-                {previousRelease + "/codec-old.dat", patternBytes(3000, 1)},
-                {previousRelease + "/lib/libvoice.so", noiseBytes(20000, 2)},
-                {release + "/update", updater + "\nOrlivo update 12\n"},
-                {release + "/readme.txt", patternBytes(20000, 3)},
-                {release + "/lib/libvoice.so", noiseBytes(30000, 3)},
-                {release + "/sounds/ring tone.wav", noiseBytes(9000, 4)},
-        };
-        for (const auto &[file, data] : files)
-            QVERIFY(writeTestFile(file, data));
+        QVERIFY(writeTree(work.path(), {{"release-11/update", updater},
+                                        {"release-11/readme.txt", "Orlivo 11\n"},
+                                        {"release-11/codec-old.dat", patternBytes(3000, 1)},
+                                        {"release-11/lib/libvoice.so", noiseBytes(20000, 2)},
+                                        {"release-12/update", updater + "\nOrlivo update 12\n"},
+                                        {"release-12/readme.txt", patternBytes(20000, 3)},
+                                        {"release-12/lib/libvoice.so", noiseBytes(30000, 3)},
+                                        {"release-12/sounds/ring tone.wav", noiseBytes(9000, 4)}}));
         QVERIFY(QFile::setPermissions(previousRelease + "/update", QFile::Permissions(0x7000)));
 
         // nginx and pyftpdlib report canonical paths.
@@ -204,7 +176,7 @@ private slots:
         QVERIFY(execute(UPDATE_PUBLISH,
                         {release, clientType, "12", mirrorRoot, "--previous", previousRelease}));
         // The release's files lie in sections; the list, its manifest and the patches beside them.
-        for (const QString &file : filesBelow(mirrorRoot + "/12")) {
+        for (const QString &file : treeBelow(mirrorRoot + "/12").keys()) {
             if (file.contains('/') && !file.startsWith("patches/"))
                 mirrorFiles << "/12/" + file;
         }
@@ -392,7 +364,8 @@ private slots:
         const QString full = installationFull ? installation->path() : tempDir->filePath("full");
         // KiB: version 11, its settings and some slack; a working directory gets the list alone.
         qint64 room = installationFull ? 64 : 24;
-        for (const QString &name : installationFull ? filesBelow(previousRelease) : QStringList())
+        for (const QString &name :
+             installationFull ? treeBelow(previousRelease).keys() : QStringList())
             room += (QFileInfo(previousRelease + '/' + name).size() + 4095) / 4096 * 4;
         if (run.trouble.endsWith("full")) {
             if (!QDir().mkpath(full) || !mountTmpfs(full, "size=" + QString::number(room) + 'k'))
@@ -467,7 +440,7 @@ private slots:
         const qsizetype queries = versionServer->logLines().size();
         QVERIFY(runs(run.exitCode, run.logLine, run.arguments));
         QVERIFY(!signedRelease || !log.contains("signatures of releases are not checked"));
-        QCOMPARE(filesBelow(elsewhere), QStringList{"notes.txt"});
+        QCOMPARE(treeBelow(elsewhere).keys(), QStringList{"notes.txt"});
         const bool unattended = run.arguments.contains("--nouser");
         if (run.exitCode == 0 && unattended) {
             verifyInstalled(true);
@@ -506,7 +479,8 @@ private slots:
     {
         QFETCH(QString, trouble);
         QFETCH(QByteArray, logLine);
-        const QString patch = "/12/" + filesBelow(mirrorRoot + "/12").filter("patches/").value(0);
+        const QString patch =
+                "/12/" + treeBelow(mirrorRoot + "/12").keys().filter("patches/").value(0);
         const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
         fault = LoopbackServer::faultHttp(mirrorRoot);
         QVERIFY(fault && patch.endsWith(".bsdiff") && !whole.isEmpty());

@@ -9,7 +9,6 @@
 
 #include <QDir>
 #include <QHash>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -24,17 +23,12 @@ const QString listPath = "/" + version + "/" + productName + ".ini";
 // By install path. Random bytes stay raw on the mirror; text compresses, so it is packed.
 const QHash<QString, QByteArray> &releaseFiles()
 {
-    const auto random = [](int size, quint32 seed) {
-        QByteArray bytes(size, Qt::Uninitialized);
-        QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-        return bytes;
-    };
     static const QByteArray text = QByteArray("Orlivo voice chat, all rights reserved.\n");
     static const QHash<QString, QByteArray> files = {
-            {"orlivo", random(180000, 1)},        {"empty.dat", {}},
-            {"lib/libcore.so", random(70000, 2)}, {"README", text.repeated(200)},
-            {"data/tiny.txt", random(4, 3)},      {"lang/de.qm", random(40000, 4)},
-            {"lang/en.qm", random(30000, 5)},     {"sounds/notes.txt", text.repeated(600)},
+            {"orlivo", noiseBytes(180000, 1)},        {"empty.dat", {}},
+            {"lib/libcore.so", noiseBytes(70000, 2)}, {"README", text.repeated(200)},
+            {"data/tiny.txt", noiseBytes(4, 3)},      {"lang/de.qm", noiseBytes(40000, 4)},
+            {"lang/en.qm", noiseBytes(30000, 5)},     {"sounds/notes.txt", text.repeated(600)},
     };
     return files;
 }
@@ -294,12 +288,6 @@ void tst_FTPProductDownloadSession::download()
         servers.push_back(startMirror(kind, &urls));
         QVERIFY(kind == "unsupported" || servers.back());
     }
-    // No wait before a repeated attempt, and one repeat: failing mirrors are left quickly.
-    QString mirrorList = QString("[mirrors]\nsize=%1\n").arg(urls.size());
-    for (int i = 0; i < urls.size(); ++i)
-        mirrorList += QString("%1\\mirror=m%1\n").arg(i + 1);
-    for (int i = 0; i < urls.size(); ++i)
-        mirrorList += QString("[m%1]\nurl=%2\nretries=2\ntimeout=0\n").arg(i + 1).arg(urls.at(i));
     InitialParameters parameters;
     parameters.productListName = productName;
     parameters.versionPath = version;
@@ -307,7 +295,7 @@ void tst_FTPProductDownloadSession::download()
     parameters.updateDataFile = work.filePath("config/update.ini");
     parameters.tempDirectory = work.path();
     parameters.resumeSession = !before.isEmpty();
-    QVERIFY(writeTestFile(parameters.mirrorsFile, mirrorList.toUtf8()));
+    QVERIFY(writeTestFile(parameters.mirrorsFile, mirrorsIni(urls)));
     QVERIFY(writeTestFile(parameters.updateDataFile,
                           QString("[update]\nstreams=%1\n").arg(streams).toUtf8()));
 

@@ -2,34 +2,11 @@
 #include "tools/binarydiff.h"
 #include "update/binarypatch.h"
 
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
 
 namespace {
-
-QByteArray randomBytes(int size, quint32 seed)
-{
-    QByteArray data(size, Qt::Uninitialized);
-    QRandomGenerator(seed).fillRange(reinterpret_cast<quint32 *>(data.data()), size / 4);
-    return data;
-}
-
-// Standard output of a tool that ended well, or a marker that matches nothing.
-QByteArray runTool(const QString &program, const QStringList &arguments,
-                   const QByteArray &input = QByteArray())
-{
-    QProcess tool;
-    tool.start(program, arguments);
-    tool.write(input);
-    tool.closeWriteChannel();
-    if (!tool.waitForFinished(60000) || tool.exitStatus() != QProcess::NormalExit
-        || tool.exitCode() != 0)
-        return "<" + program.toUtf8() + " failed>";
-    return tool.readAllStandardOutput();
-}
 
 // bsdiff's signed numbers: magnitude little-endian, sign in the top bit of the last byte.
 QByteArray number(qint64 value)
@@ -76,14 +53,14 @@ void tst_BinaryPatch::apply_data()
     QTest::addColumn<qint64>("expectedSize");
 
     // A rebuilt binary: code moved by an insertion, addresses shifted, a stretch gone, new data.
-    const QByteArray binary = randomBytes(200000, 1);
+    const QByteArray binary = noiseBytes(200000, 1);
     QByteArray rebuilt = binary;
-    rebuilt.insert(1000, randomBytes(700, 2)).remove(120000, 5000).append(randomBytes(3000, 3));
+    rebuilt.insert(1000, noiseBytes(700, 2)).remove(120000, 5000).append(noiseBytes(3000, 3));
     for (int i = 40000; i < 90000; i += 97)
         rebuilt[i] = char(rebuilt.at(i) + 4);
     QTest::newRow("rebuilt binary") << binary << rebuilt << QByteArray() << qint64(rebuilt.size());
-    QTest::newRow("from empty") << QByteArray() << randomBytes(3000, 6) << QByteArray() << 3000ll;
-    QTest::newRow("to empty") << randomBytes(3000, 7) << QByteArray() << QByteArray() << 0ll;
+    QTest::newRow("from empty") << QByteArray() << noiseBytes(3000, 6) << QByteArray() << 3000ll;
+    QTest::newRow("to empty") << noiseBytes(3000, 7) << QByteArray() << QByteArray() << 0ll;
 
     // Damaged or hostile patches of "base", refused.
     const QByteArray valid = craftedPatch(4, {2, 2, 0}, QByteArray(2, '\0'), "xy");

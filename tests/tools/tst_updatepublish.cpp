@@ -5,9 +5,7 @@
 #include "update/binarypatch.h"
 #include "update/directoryupdate.h"
 
-#include <QDirIterator>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QSet>
 #include <QSettings>
@@ -24,44 +22,36 @@ Q_DECLARE_METATYPE(PackFormat)
 
 namespace {
 
-using Tree = QMap<QString, QByteArray>;
-
 const QByteArray gzipMagic("\x1f\x8b", 2);
 const QByteArray packable = QByteArray("a line that packs well\n").repeated(300);
 // A library that neither packs nor changes much between the releases: it gets a patch.
-QByteArray randomBytes(int size)
-{
-    QByteArray data(size, Qt::Uninitialized);
-    QRandomGenerator(1).fillRange(reinterpret_cast<quint32 *>(data.data()), size / 4);
-    return data;
-}
-const QByteArray oldLibrary = randomBytes(50000);
+const QByteArray oldLibrary = noiseBytes(50000, 1);
 const QByteArray newLibrary = QByteArray(oldLibrary).insert(20000, "new code").append("more");
 
-const Tree oldRelease = {{"orlivo", "old client"},
-                         {"gone dir/x y.txt", "3"},
-                         {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
-                         // Turns into a directory: the file must go before the directory comes.
-                         {"plugins", "5"},
-                         {"lib/libbig.so", oldLibrary}};
+const TestTree oldRelease = {{"orlivo", "old client"},
+                             {"gone dir/x y.txt", "3"},
+                             {QString::fromUtf8("gone dir/ünï=;.txt"), "4"},
+                             // Turns into a directory: the file must go before the directory comes.
+                             {"plugins", "5"},
+                             {"lib/libbig.so", oldLibrary}};
 // Nested, packable and not, empty, awkward names, section and mirror names that collide, raw
 // content that begins like gzip data, and content that shrinks by less than "auto" asks for.
-const Tree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
-                         {"empty", QByteArray()},
-                         {"notes.txt", packable},
-                         {"notes.txt.gz", gzipMagic + "packed by its vendor"},
-                         {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
-                         {".config/.hidden", "x"},
-                         {"lib/libfoo.so.1", packable},
-                         {"lib/libbig.so", newLibrary},
-                         {"lib/sub/magic", gzipMagic + "raw"},
-                         {"x.y/f", "one"},
-                         {"x/y/f", "two"},
-                         {"X/y/f", "three"},
-                         {"plugins/p.so", "plugin"}};
+const TestTree newRelease = {{"orlivo", QByteArray("client ").repeated(20)},
+                             {"empty", QByteArray()},
+                             {"notes.txt", packable},
+                             {"notes.txt.gz", gzipMagic + "packed by its vendor"},
+                             {QString::fromUtf8("read më;b,c=d#e %20 [x].txt"), "odd"},
+                             {".config/.hidden", "x"},
+                             {"lib/libfoo.so.1", packable},
+                             {"lib/libbig.so", newLibrary},
+                             {"lib/sub/magic", gzipMagic + "raw"},
+                             {"x.y/f", "one"},
+                             {"x/y/f", "two"},
+                             {"X/y/f", "three"},
+                             {"plugins/p.so", "plugin"}};
 // Symbolic links in the new release, published as what they point to.
 const QMap<QString, QString> links = {{"lib/libfoo.so", "libfoo.so.1"}, {"docs", "x"}};
-const Tree linked = {{"lib/libfoo.so", packable}, {"docs/y/f", "two"}};
+const TestTree linked = {{"lib/libfoo.so", packable}, {"docs/y/f", "two"}};
 
 struct Run
 {
@@ -70,7 +60,7 @@ struct Run
     QStringList err;
 };
 
-Run runTool(const QStringList &arguments)
+Run runPublish(const QStringList &arguments)
 {
     QProcess tool;
     tool.start(UPDATE_PUBLISH, arguments);
@@ -83,34 +73,12 @@ Run runTool(const QStringList &arguments)
     return run;
 }
 
-// The entries below root by relative path, with the bytes of the regular files.
-Tree treeBelow(const QString &root, QDir::Filters filters)
-{
-    Tree entries;
-    QDirIterator it(root, filters | QDir::Hidden, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString path = it.next();
-        entries.insert(QDir(root).relativeFilePath(path),
-                       it.fileInfo().isFile() ? readTestFile(path) : QByteArray());
-    }
-    return entries;
-}
-
-bool writeTree(const QString &root, const Tree &tree)
-{
-    for (auto it = tree.cbegin(); it != tree.cend(); ++it) {
-        if (!writeTestFile(root + '/' + it.key(), it.value()))
-            return false;
-    }
-    return true;
-}
-
 // Installs the list's version into install with the updater's own code.
-void installAndCompare(const QString &list, const QString &install, const Tree &expected)
+void installAndCompare(const QString &list, const QString &install, const TestTree &expected)
 {
     DirectoryUpdate update;
     QVERIFY(update.updateContent(true, QFileInfo(list).path(), list, install));
-    const Tree installed = treeBelow(install, QDir::Files);
+    const TestTree installed = treeBelow(install, QDir::Files);
     QCOMPARE(installed.keys(), expected.keys());
     QVERIFY(installed == expected);
 }
@@ -154,7 +122,7 @@ void tst_UpdatePublish::roundTrip_data()
     QTest::addColumn<bool>("previousAsList");
     QTest::addColumn<QStringList>("packed");
 
-    Tree all = newRelease;
+    TestTree all = newRelease;
     all.insert(linked);
     QTest::newRow("pack none, previous release directory")
             << ReleasePublisher::Packing::None << PackFormat::Gzip << false
@@ -212,7 +180,7 @@ void tst_UpdatePublish::roundTrip()
         if (!entry.unpackedName.isEmpty() && entry.md5 != entry.unpackedMd5)
             packedFound.append(entry.unpackedName);
     }
-    Tree expected = newRelease;
+    TestTree expected = newRelease;
     expected.insert(linked);
     QCOMPARE(mirrorPaths.size(), expected.size());
     packedFound.sort();
@@ -289,26 +257,23 @@ void tst_UpdatePublish::signatures()
     const QString list = dir.filePath("mirror/12/client.ini");
     const QStringList publish = {dir.filePath("release"), "client", "12", dir.filePath("mirror")};
     QVERIFY(writeTestFile(dir.filePath("release/orlivo"), "client"));
-    QCOMPARE(runTool({"--keygen", dir.filePath("keys")}).exitCode, 0);
+    QCOMPARE(runPublish({"--keygen", dir.filePath("keys")}).exitCode, 0);
     QCOMPARE(QFile::permissions(secret) & 0x7077, QFile::ReadOwner | QFile::WriteOwner);
-    QCOMPARE(runTool({"--keygen", dir.filePath("keys")}).exitCode, 1);
+    QCOMPARE(runPublish({"--keygen", dir.filePath("keys")}).exitCode, 1);
     QCOMPARE(QProcess::execute("minisign", {"-G", "-W", "-p", theirs, "-s", dir.filePath("m.key")}),
              0);
 
-    QCOMPARE(runTool(QStringList{"--sign", secret} + publish).exitCode, 0);
-    QProcess minisign;
-    minisign.start("minisign", {"-V", "-p", pub, "-m", dir.filePath("mirror/12/client.manifest")});
-    QVERIFY(minisign.waitForFinished());
-    QCOMPARE(minisign.exitCode(), 0);
-    QVERIFY(minisign.readAll().contains("Trusted comment: orlivo client 12"));
-    QCOMPARE(runTool({"--check", list, "--key", pub}).exitCode, 0);
-    const Run run = runTool({"--check", list, "--key", theirs});
+    QCOMPARE(runPublish(QStringList{"--sign", secret} + publish).exitCode, 0);
+    QVERIFY(runTool("minisign", {"-V", "-p", pub, "-m", dir.filePath("mirror/12/client.manifest")})
+                    .contains("Trusted comment: orlivo client 12"));
+    QCOMPARE(runPublish({"--check", list, "--key", pub}).exitCode, 0);
+    const Run run = runPublish({"--check", list, "--key", theirs});
     QCOMPARE(run.exitCode, 1);
     QVERIFY(run.err.value(0).contains(".minisig is not a valid signature by the key"));
 
-    QCOMPARE(runTool(QStringList{"--force", "--sign", dir.filePath("m.key")} + publish).exitCode,
+    QCOMPARE(runPublish(QStringList{"--force", "--sign", dir.filePath("m.key")} + publish).exitCode,
              0);
-    QCOMPARE(runTool({"--check", list, "--key", theirs}).exitCode, 0);
+    QCOMPARE(runPublish({"--check", list, "--key", theirs}).exitCode, 0);
 }
 
 void tst_UpdatePublish::errors_data()
@@ -384,7 +349,7 @@ void tst_UpdatePublish::errors()
     } else if (setup == "blocked") {
         QVERIFY(writeTestFile(base + "/mirror/12", "in the way"));
     } else if (setup == "published") {
-        QCOMPARE(runTool({release, "client", "12", base + "/mirror"}).exitCode, 0);
+        QCOMPARE(runPublish({release, "client", "12", base + "/mirror"}).exitCode, 0);
     } else if (setup == "inexpressible") {
         QVERIFY(writeTree(release, {{"lib/a\\b", ""}, {"a::b", ""}}));
         QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
@@ -395,10 +360,10 @@ void tst_UpdatePublish::errors()
         QVERIFY(QFile::link("..", release + "/lib/up"));
     }
     const auto all = QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot;
-    const Tree before = treeBelow(base, all);
+    const TestTree before = treeBelow(base, all);
 
-    const Run run = runTool(arguments.replaceInStrings("%R", base));
-    const Tree after = treeBelow(base, all);
+    const Run run = runPublish(arguments.replaceInStrings("%R", base));
+    const TestTree after = treeBelow(base, all);
     // QTemporaryDir cannot remove a name that does not decode.
     unlink(undecodable.constData());
     QCOMPARE(run.exitCode, 1);
