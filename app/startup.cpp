@@ -29,7 +29,8 @@ constexpr int autoStartDelayMs = 200;
 void keepSeriousMessages(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
     if (type == QtCriticalMsg || type == QtFatalMsg)
-        std::fprintf(stderr, "%s\n", qFormatLogMessage(type, context, text).toLocal8Bit().constData());
+        std::fprintf(stderr, "%s\n",
+                     qFormatLogMessage(type, context, text).toLocal8Bit().constData());
 }
 
 bool hasNoDisplay()

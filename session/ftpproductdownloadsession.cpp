@@ -111,7 +111,8 @@ void FTPProductDownloadSession::readUpdateSettings()
     if (streamCount <= 0)
         streamCount = 1;
     if (streamCount > maxStreams) {
-        emit message(QString("streams=%1 is too many, %2 are used").arg(streamCount).arg(maxStreams));
+        emit message(
+                QString("streams=%1 is too many, %2 are used").arg(streamCount).arg(maxStreams));
         streamCount = maxStreams;
     }
     settings.endGroup();
@@ -471,12 +472,12 @@ void FTPProductDownloadSession::onSignatureFinished(int s)
 bool FTPProductDownloadSession::acceptsSignature(const QByteArray &signatureText)
 {
     MinisignSignature signature;
-    const QByteArray expected =
-            QString("orlivo %1 %2").arg(parameters.productListName, parameters.versionPath).toUtf8();
+    const QByteArray expected = QString("orlivo %1 %2")
+                                        .arg(parameters.productListName, parameters.versionPath)
+                                        .toUtf8();
     return parseMinisignSignature(signatureText, &signature)
            && verifyMinisign(manifestText, signature, trustedKeys)
-           && signature.trustedComment == expected
-           && manifest.parse(manifestText)
+           && signature.trustedComment == expected && manifest.parse(manifestText)
            && manifest.type() == parameters.productListName
            && manifest.version() == parameters.versionPath;
 }

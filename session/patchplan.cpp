@@ -40,10 +40,10 @@ bool PatchPlan::make(const PatchRecord &patch, const FileSpecification &file,
     const QString downloaded = QDir(workingDirectory).filePath(patch.path);
     const QString result = file.patchedPath(workingDirectory);
     QString md5;
-    const bool made = QDir().mkpath(QFileInfo(result).path())
-                      && applyBinaryPatch(result, installed, downloaded, &md5,
-                                          qint64(file.installedSize()))
-                      && md5 == file.installedMd5();
+    const bool made =
+            QDir().mkpath(QFileInfo(result).path())
+            && applyBinaryPatch(result, installed, downloaded, &md5, qint64(file.installedSize()))
+            && md5 == file.installedMd5();
     QFile::remove(downloaded);
     if (!made)
         QFile::remove(result);

@@ -504,8 +504,7 @@ void CurlTransport::Private::endGet(CURLcode result)
     } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
-        finish(BodyTooLong,
-               QStringLiteral("More than %1 bytes received").arg(current->maxLength));
+        finish(BodyTooLong, QStringLiteral("More than %1 bytes received").arg(current->maxLength));
     } else if (!isFtp() && status >= 300 && (status >= 400 || result == CURLE_OK)) {
         QUrl url = server;
         url.setPath(current->path);
@@ -723,8 +722,8 @@ int CurlTransport::login(const QString &user, const QString &password)
     return d->enqueue(command);
 }
 
-int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength,
-                       qint64 offset, qint64 maxLength)
+int CurlTransport::get(const QString &path, QIODevice *device, qint64 expectedLength, qint64 offset,
+                       qint64 maxLength)
 {
     Q_ASSERT(device);
     Private::Command command;

@@ -179,8 +179,7 @@ bool SingleFileDownloadStream::finalCheckCurrentFile()
         QString &actual = bySha256 ? writtenSha256 : written;
         if (actual.isEmpty())
             getFileDigests(localPath, &written, &writtenSha256);
-        if (actual.isEmpty()
-            || actual.compare(bySha256 ? sha256 : md5, Qt::CaseInsensitive) != 0) {
+        if (actual.isEmpty() || actual.compare(bySha256 ? sha256 : md5, Qt::CaseInsensitive) != 0) {
             rejectFile(DownloadStream_ChecksumError,
                        QStringLiteral("ERROR: Wrong checksum for %1").arg(localPath));
             return false;

@@ -8,7 +8,7 @@
 struct PatchRecord
 {
     QString path;
-    QString sha256; // of the patch
+    QString sha256;   // of the patch
     quint64 size = 0; // of the patch
     QString baseMd5;
     QString installPath;

@@ -8,7 +8,8 @@ bool ReleaseManifest::parse(const QByteArray &text)
     QString group;
     for (const QByteArray &rawLine : text.split('\n')) {
         const QString line = QString::fromUtf8(rawLine).trimmed();
-        if (line.isEmpty() || line.startsWith(QLatin1Char(';')) || line.startsWith(QLatin1Char('#')))
+        if (line.isEmpty() || line.startsWith(QLatin1Char(';'))
+            || line.startsWith(QLatin1Char('#')))
             continue;
         if (line.startsWith(QLatin1Char('[')) && line.endsWith(QLatin1Char(']'))) {
             group = line.mid(1, line.size() - 2).trimmed();

@@ -37,7 +37,10 @@ public:
     // The well-formed records of the group "patches"; a malformed one is left out, so that its
     // file is fetched whole.
     QList<PatchRecord> patches() const;
-    void addPatch(const PatchRecord &record) { setValue(patchesGroup, record.path, record.value()); }
+    void addPatch(const PatchRecord &record)
+    {
+        setValue(patchesGroup, record.path, record.value());
+    }
 
     // 64 lower-case hexadecimal digits.
     static bool isSha256Text(const QString &text);

@@ -106,7 +106,8 @@ void MirrorChecker::checkManifest()
     QString md5;
     QString sha256;
     if (!getFileDigests(listPath, &md5, &sha256) || sha256 != manifest.listSha256())
-        report(QStringLiteral("SHA-256 %1, the manifest lists %2").arg(sha256, manifest.listSha256()));
+        report(QStringLiteral("SHA-256 %1, the manifest lists %2")
+                       .arg(sha256, manifest.listSha256()));
     if (!trustedKeys.isEmpty())
         checkSignature(text, path + QStringLiteral(".minisig"));
 }
@@ -119,8 +120,8 @@ void MirrorChecker::checkSignature(const QByteArray &text, const QString &path)
         report(QStringLiteral("%1 is missing or not a minisign signature").arg(path));
         return;
     }
-    const QByteArray expected = "orlivo " + manifest.type().toUtf8() + ' '
-                                + manifest.version().toUtf8();
+    const QByteArray expected =
+            "orlivo " + manifest.type().toUtf8() + ' ' + manifest.version().toUtf8();
     if (!verifyMinisign(text, signature, trustedKeys))
         report(QStringLiteral("%1 is not a valid signature by the key %2 of the manifest")
                        .arg(path, QString::fromLatin1(minisignKeyIdText(signature.keyId))));
@@ -232,9 +233,10 @@ void MirrorChecker::checkFile(const FileSpecification &entry)
     }
     const QString listed = manifest.sha256(entry.directory + QLatin1Char('/') + entry.name);
     if (haveManifest && sha256 != listed)
-        report(entry, listed.isEmpty() ? QStringLiteral("not in the manifest")
-                                       : QStringLiteral("SHA-256 %1, the manifest lists %2")
-                                                 .arg(sha256, listed));
+        report(entry,
+               listed.isEmpty()
+                       ? QStringLiteral("not in the manifest")
+                       : QStringLiteral("SHA-256 %1, the manifest lists %2").arg(sha256, listed));
     if (entry.isPacked())
         checkUnpacked(entry, path);
 }

@@ -16,8 +16,7 @@ const QString installedVersionKey = QStringLiteral("installed/version");
 UpdateDataFile::UpdateDataFile(const QString &dir)
     : filePath(QDir(dir.isEmpty() ? getAppRootPath() : dir)
                        .absoluteFilePath(QStringLiteral("update.ini")))
-{
-}
+{}
 
 bool UpdateDataFile::getExistingUpdateData(QString *version, QString *type, QString *dir) const
 {

@@ -42,14 +42,12 @@ std::optional<bool> removeFromParent(const QString &dir)
 
 } // namespace
 
-UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool announced,
-                     bool unattended)
+UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool announced, bool unattended)
     : clientType(clientType)
     , clientVersion(clientVersion)
     , announced(announced)
     , unattended(unattended)
-{
-}
+{}
 
 UpdateRun::~UpdateRun()
 {

@@ -17,8 +17,7 @@
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
     : QObject(parent)
-{
-}
+{}
 
 bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
                                     const QString &productIni, const QString &targetDir)
@@ -67,8 +66,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     for (int i = 0; i < task.getSize();) {
         FileSpecification entry;
         task.get(i, &entry);
-        QString sourcePath = source.absoluteFilePath(entry.directory + QLatin1Char('/')
-                                                     + entry.name);
+        QString sourcePath =
+                source.absoluteFilePath(entry.directory + QLatin1Char('/') + entry.name);
         const QString relative = entry.installPath();
         // A file made from a patch is there as it is installed, neither packed nor downloaded.
         FileSpecification form = entry;
