@@ -195,17 +195,23 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def wait_for_port(port, process):
+def wait_for_server(address, process):
+    """Until the server that process runs accepts connections at address: a loopback port, or
+    the path of a Unix socket."""
     import socket
+    family = socket.AF_INET if isinstance(address, int) else socket.AF_UNIX
+    target = ("127.0.0.1", address) if isinstance(address, int) else str(address)
     for _ in range(200):
         if process.poll() is not None:
             raise RuntimeError("server exited early")
         try:
-            socket.create_connection(("127.0.0.1", port), timeout=1).close()
+            with socket.socket(family) as probe:
+                probe.settimeout(1)
+                probe.connect(target)
             return
         except OSError:
             time.sleep(0.05)
-    raise RuntimeError("server did not come up on port %d" % port)
+    raise RuntimeError("server did not come up on %s" % address)
 
 
 class Servers:
@@ -224,7 +230,7 @@ class Servers:
         process = subprocess.Popen(["/usr/sbin/nginx", "-p", str(work), "-c", str(config),
                                     "-e", "stderr"], stderr=subprocess.DEVNULL)
         self.processes.append(process)
-        wait_for_port(port, process)
+        wait_for_server(port, process)
         return port
 
     def start_ftp(self, root, work):

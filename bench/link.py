@@ -13,7 +13,6 @@ import os
 import shlex
 import shutil
 import signal
-import socket
 import statistics
 import subprocess
 import sys
@@ -85,7 +84,7 @@ class Link:
                                                     root=root))
         nginx = self.start(["/usr/sbin/nginx", "-p", str(work), "-c", str(config), "-e", "stderr"],
                            stderr=subprocess.DEVNULL)
-        wait_for_socket(sock, nginx)
+        bench.wait_for_server(sock, nginx)
         self.relay = self.start(["/usr/bin/python3", str(Path(__file__).parent / "relay.py"),
                                  str(delay_ms), str(sock)],
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
@@ -118,19 +117,6 @@ class Link:
                 process.kill()
                 process.wait()
         shutil.rmtree(self.socket_dir, ignore_errors=True)
-
-
-def wait_for_socket(path, process):
-    for _ in range(200):
-        if process.poll() is not None:
-            raise RuntimeError("nginx exited early")
-        try:
-            with socket.socket(socket.AF_UNIX) as probe:
-                probe.connect(str(path))
-            return
-        except OSError:
-            time.sleep(0.05)
-    raise RuntimeError("nginx did not come up on %s" % path)
 
 
 class Mirror:
