@@ -11,7 +11,8 @@ bool startWriteback(const QString &path);
 bool syncFileSystem(const QString &path);
 // Flushes a directory's entries (fsync of the directory).
 bool syncDirectory(const QString &path);
-// Writes data to a new file at path and flushes it; nothing is left behind on failure.
+// Writes data to a new file at path, which must not exist, and flushes it; nothing is left
+// behind on failure.
 bool writeSyncedFile(const QString &path, const QByteArray &data);
 
 // What path names without its last component; empty when it has only one.
