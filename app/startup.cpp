@@ -8,6 +8,7 @@
 #include "app/randomgenerator.h"
 #include "app/runningfiles.h"
 #include "session/ftpproductdownloadsessionstate.h"
+#include "session/trustedkeys.h"
 #include "streams/downloadstreamtypes.h"
 #include "streams/transportlibrary.h"
 #include "ui/mainwindow.h"
@@ -109,8 +110,10 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
     const bool stuck = UpdateJournal(getAppRootPath()).isOpen();
 
     CommandLineOptions options;
-    const QString error =
-            stuck ? recovery.last() : parseCommandLineOptions(&options, QString(), arguments);
+    // Keys that cannot be trusted must not quietly turn the signature checks off.
+    QString error = stuck ? recovery.last() : trustedKeysProblem(getAppRootPath());
+    if (error.isEmpty())
+        error = parseCommandLineOptions(&options, QString(), arguments);
     if (!error.isEmpty()) {
         for (const QString &line : recovery)
             std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());

@@ -69,6 +69,28 @@ bool writeSyncedFile(const QString &path, const QByteArray &data)
     return written;
 }
 
+bool readRegularFile(const QString &path, qint64 limit, QByteArray *data)
+{
+    return withDescriptor(path, O_RDONLY | O_NONBLOCK, [&](int fd) {
+        struct stat status = {};
+        if (::fstat(fd, &status) != 0)
+            return false;
+        if (!S_ISREG(status.st_mode) || status.st_size > limit) {
+            errno = S_ISDIR(status.st_mode) ? EISDIR : S_ISREG(status.st_mode) ? EFBIG : EINVAL;
+            return false;
+        }
+        data->resize(qsizetype(status.st_size));
+        qsizetype have = 0;
+        while (have < data->size()) {
+            const ssize_t n = ::read(fd, data->data() + have, size_t(data->size() - have));
+            if (n == 0 || (n < 0 && errno != EINTR))
+                return false;
+            have += qMax<ssize_t>(n, 0);
+        }
+        return true;
+    });
+}
+
 QString parentPath(const QString &path)
 {
     const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));

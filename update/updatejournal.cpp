@@ -6,16 +6,11 @@
 #include "update/filesync.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
-
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -33,32 +28,6 @@ QString failure(const QString &path, const QString &reason)
 
 // A journal is a few lines per file; anything far larger is not one.
 constexpr qint64 journalLimit = 64 * 1024 * 1024;
-
-// The journal as it stands, only when it is a regular file: a link or a pipe in its place is
-// neither followed nor waited on.
-bool readRegularFile(const QString &path, QByteArray *data)
-{
-    const int fd = ::open(QFile::encodeName(path).constData(),
-                          O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    struct stat status = {};
-    bool done =
-            ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size <= journalLimit;
-    if (done) {
-        data->resize(qsizetype(status.st_size));
-        qsizetype have = 0;
-        while (have < data->size()) {
-            const ssize_t n = ::read(fd, data->data() + have, size_t(data->size() - have));
-            if (n <= 0 && errno != EINTR)
-                break;
-            have += qMax<ssize_t>(n, 0);
-        }
-        done = have == data->size();
-    }
-    ::close(fd);
-    return done;
-}
 
 // Removes every link that stands as a directory on the way from base down to path's parent, so
 // that making, renaming or removing path never reaches outside through one.
@@ -185,7 +154,7 @@ bool UpdateJournal::write(State state, QString *error)
 bool UpdateJournal::read(State *state)
 {
     QByteArray text;
-    if (!readRegularFile(journalPath(), &text))
+    if (!readRegularFile(journalPath(), journalLimit, &text))
         return false;
     const QList<QByteArray> lines = text.split('\n');
     if (lines.size() < 3 || lines.at(0) != journalMagic || !lines.last().isEmpty())
