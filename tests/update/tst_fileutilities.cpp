@@ -118,6 +118,11 @@ void tst_FileUtilities::packRoundTrip()
     QVERIFY(unpackFileWithMD5(unpacked, packed, &md5));
     QCOMPARE(readTestFile(unpacked), content + content);
     QCOMPARE(md5, md5Of(content + content));
+    // Declared as one copy: a bomb stops one byte past that, so the length check catches it.
+    const QByteArray bounded = (content + content).left(content.size() + 1);
+    QVERIFY(unpackFileWithMD5(unpacked, packed, &md5, content.size() + 1));
+    QCOMPARE(readTestFile(unpacked), bounded);
+    QCOMPARE(md5, md5Of(bounded));
 }
 
 void tst_FileUtilities::brokenPacked_data()
