@@ -1,14 +1,15 @@
 #include "update/updatejournal.h"
 
 #include "app/runningfiles.h"
+#include "tasks/pathsafety.h"
 #include "update/cleanup.h"
 #include "update/filesync.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 
 namespace {
@@ -25,18 +26,27 @@ QString failure(const QString &path, const QString &reason)
     return QStringLiteral("%1: %2").arg(path, reason);
 }
 
-void removeTree(const QString &path)
+// A journal is a few lines per file; anything far larger is not one.
+constexpr qint64 journalLimit = 64 * 1024 * 1024;
+
+// Removes every link that stands as a directory on the way from base down to path's parent, so
+// that making, renaming or removing path never reaches outside through one.
+void removeLinksOnTheWay(const QString &base, const QString &path)
 {
-    cleanupDirectory(path);
-    QDir().rmdir(path);
+    const QStringList parts = path.mid(base.size() + 1).split(QLatin1Char('/'));
+    QString on = base;
+    for (qsizetype i = 0; i + 1 < parts.size(); ++i) {
+        on += QLatin1Char('/') + parts.at(i);
+        if (QFileInfo(on).isSymLink())
+            removeFile(on);
+    }
 }
 
 } // namespace
 
 UpdateJournal::UpdateJournal(const QString &installDir)
     : root(installDir)
-{
-}
+{}
 
 QString UpdateJournal::installedPath(const QString &relative) const
 {
@@ -106,6 +116,8 @@ bool UpdateJournal::deletes(const QString &path) const
 
 bool UpdateJournal::begin(QString *error)
 {
+    // A backup left by an earlier switch would be "restored" over this one's files.
+    removeTree(stagingDir() + QStringLiteral("/backup"));
     // Files go before any is added: one may stand where a new directory must be made.
     std::stable_partition(entries.begin(), entries.end(),
                           [](const Entry &entry) { return entry.action == Action::Delete; });
@@ -120,7 +132,8 @@ bool UpdateJournal::begin(QString *error)
 
 bool UpdateJournal::write(State state, QString *error)
 {
-    QByteArray text = journalMagic + '\n'
+    QByteArray text =
+            journalMagic + '\n'
             + (state == State::Switch ? QByteArray("switch\n") : QByteArray("rollback\n"));
     for (const QString &dir : std::as_const(newDirectories))
         text += "d " + dir.toUtf8() + '\n';
@@ -128,6 +141,7 @@ bool UpdateJournal::write(State state, QString *error)
         text += actionLetters[int(entry.action)] + (' ' + entry.path.toUtf8()) + '\n';
 
     const QString temporary = journalPath() + QStringLiteral(".tmp");
+    removeFile(temporary);
     if (!writeSyncedFile(temporary, text) || !renameFile(temporary, journalPath())
         || !syncDirectory(root)) {
         *error = failure(journalPath(), systemError());
@@ -139,10 +153,10 @@ bool UpdateJournal::write(State state, QString *error)
 
 bool UpdateJournal::read(State *state)
 {
-    QFile file(journalPath());
-    if (!file.open(QIODevice::ReadOnly))
+    QByteArray text;
+    if (!readRegularFile(journalPath(), journalLimit, &text))
         return false;
-    const QList<QByteArray> lines = file.readAll().split('\n');
+    const QList<QByteArray> lines = text.split('\n');
     if (lines.size() < 3 || lines.at(0) != journalMagic || !lines.last().isEmpty())
         return false;
     if (lines.at(1) != "switch" && lines.at(1) != "rollback")
@@ -153,8 +167,11 @@ bool UpdateJournal::read(State *state)
         if (line.size() < 3 || line.at(1) != ' ')
             return false;
         const QString path = QString::fromUtf8(line.mid(2));
-        const char *letter = std::find(std::begin(actionLetters), std::end(actionLetters),
-                                       line.at(0));
+        // Only ever a path inside the installation, whoever wrote the journal.
+        if (!isSafeRelativePath(path))
+            return false;
+        const char *letter =
+                std::find(std::begin(actionLetters), std::end(actionLetters), line.at(0));
         if (line.at(0) == 'd')
             newDirectories << path;
         else if (letter != std::end(actionLetters))
@@ -188,6 +205,8 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
         *error = failure(path, systemError());
         return false;
     };
+    removeLinksOnTheWay(root, staged);
+    removeLinksOnTheWay(root, backup);
     if (entry.action == Action::Delete) {
         if (!pathExists(installed) || pathExists(backup))
             return true;
@@ -195,8 +214,14 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
             return fail(installed);
         return true;
     }
-    if (!pathExists(staged))
-        return true;
+    if (!pathExists(staged)) {
+        // Gone because it was switched already, or missing: then the switch cannot be whole.
+        const bool switched = entry.action == Action::Add
+                                      ? pathExists(installed)
+                                      : pathExists(backup) && !isSameFile(installed, backup);
+        errno = ENOENT;
+        return switched || fail(staged);
+    }
     if (!QDir().mkpath(parentPath(installed)))
         return fail(parentPath(installed));
     if (entry.action != Action::Add && !pathExists(backup)
@@ -222,6 +247,8 @@ bool UpdateJournal::undoEntry(const Entry &entry, QString *error)
     const QString installed = installedPath(entry.path);
     const QString staged = stagedPath(entry.path);
     const QString backup = backupPath(entry.path);
+    removeLinksOnTheWay(root, staged);
+    removeLinksOnTheWay(root, backup);
     bool done = true;
     if (entry.action == Action::Add) {
         if (!pathExists(staged))
