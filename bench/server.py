@@ -80,7 +80,7 @@ def main():
     parser.add_argument("--seconds", type=float, default=5)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--sources", type=int, default=16)
-    parser.add_argument("--window", type=int, default=32)
+    parser.add_argument("--window", type=int, default=8)
     args = parser.parse_args()
     for tool in ("cc", "taskset"):
         if not shutil.which(tool):
