@@ -1,11 +1,9 @@
 #include "app/commandlineoptions.h"
 
 #include "app/messageboxes.h"
-#include "app/updatechecker.h"
+#include "app/announcedversion.h"
 
 #include <QRegularExpression>
-
-#include <memory>
 
 namespace {
 
@@ -37,6 +35,7 @@ QString usageText()
 {
     return QStringLiteral(
             "Usage: update [--nouser] [CLIENT_TYPE VERSION]\n"
+            "       update --check [CLIENT_TYPE]\n"
             "       update --help | -h | --version\n"
             "\n"
             "  (no arguments)        ask the update server for the current version, then wait\n"
@@ -45,6 +44,9 @@ QString usageText()
             "  --nouser [CLIENT_TYPE VERSION]\n"
             "                        unattended: start at once, never wait for a click, log to\n"
             "                        standard error; runs without a display\n"
+            "  --check [CLIENT_TYPE] ask for the current version as a run would, print whether it\n"
+            "                        is newer than the installed one, change nothing; exit 0 up\n"
+            "                        to date, 10 update available, 1 cannot tell\n"
             "  --help, -h            print this text\n"
             "  --version             print the program's version\n"
             "\n"
@@ -93,6 +95,11 @@ QString parseCommandLineOptions(CommandLineOptions *options, const QString &fall
     return defaultParametersResult(options, fallbackVersion);
 }
 
+QString defaultClientType()
+{
+    return QStringLiteral("client_linux_amd64");
+}
+
 bool isValidClientType(const QString &type)
 {
     static const QRegularExpression allowed(QStringLiteral("^[A-Za-z0-9._-]+$"));
@@ -116,13 +123,14 @@ QString getClientTypeVersion(CommandLineOptions *options, const QStringList &arg
 
 bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVersion)
 {
-    options->clientType = QStringLiteral("client_linux_amd64");
+    options->clientType = defaultClientType();
 
     QString version = fallbackVersion;
-    const auto checker = std::make_unique<UpdateChecker>();
-    options->versionFromServer = checker->checkUpdate();
+    AnnouncedVersion announced(options->clientType);
+    // A version from the release pointer is an announcement too: no downgrade through it.
+    options->versionFromServer = announced.query() || announced.serverAnswered();
     if (options->versionFromServer) {
-        version = QString::fromLatin1(checker->getClientVersion());
+        version = announced.version();
     } else {
         showMessageBox(nullptr, QMessageBox::Warning, QCoreApplication::translate("", "Error"),
                        QCoreApplication::translate("", "Failed to query latest client\n"

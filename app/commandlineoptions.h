@@ -23,6 +23,9 @@ QString usageText();
 QString parseCommandLineOptions(CommandLineOptions *options, const QString &fallbackVersion,
                                 const QStringList &arguments = QCoreApplication::arguments());
 
+// The client type of this build.
+QString defaultClientType();
+
 // A client type names the product list and a file beside the program: letters, digits, ".", "_"
 // and "-" only, and not "." or "..".
 bool isValidClientType(const QString &type);

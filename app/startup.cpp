@@ -7,6 +7,7 @@
 #include "app/progresstype.h"
 #include "app/randomgenerator.h"
 #include "app/runningfiles.h"
+#include "app/versioncheck.h"
 #include "session/ftpproductdownloadsessionstate.h"
 #include "session/trustedkeys.h"
 #include "streams/downloadstreamtypes.h"
@@ -143,6 +144,8 @@ int runUpdater(int argc, char **argv)
 {
     if (const int status = answerInformationRequest(argc, argv); status >= 0)
         return status;
+    if ((argc == 2 || argc == 3) && std::strcmp(argv[1], "--check") == 0)
+        return runVersionCheck(argc, argv);
     if (argc > 1 && std::strcmp(argv[1], "--nouser") == 0) {
         prepareUnattendedRun();
     } else if (hasNoDisplay()) {

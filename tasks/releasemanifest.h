@@ -42,6 +42,11 @@ public:
         setValue(patchesGroup, record.path, record.value());
     }
 
+    // What a manifest's signature must say in its trusted comment.
+    static QByteArray trustedComment(const QString &type, const QString &version)
+    {
+        return "orlivo " + type.toUtf8() + ' ' + version.toUtf8();
+    }
     // 64 lower-case hexadecimal digits.
     static bool isSha256Text(const QString &text);
 

@@ -1,3 +1,4 @@
+#include "tools/latestpublisher.h"
 #include "tools/mirrorchecker.h"
 #include "tools/releasepublisher.h"
 
@@ -107,8 +108,7 @@ QString patchSummary(const QList<PatchRecord> &patches)
 }
 
 int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
-               bool force, const QString &signingKey, const QString &compression,
-               bool dereference)
+               bool force, const QString &signingKey, const QString &compression, bool dereference)
 {
     QTextStream err(stderr);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
@@ -149,6 +149,26 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     return 0;
 }
 
+int runLatest(const QString &root, const QString &type, const QString &version,
+              const QString &expires, const QString &signingKey)
+{
+    LatestPublisher latest(root, type, version);
+    bool ok = true;
+    if (!expires.isEmpty())
+        latest.setLifetimeDays(expires.toInt(&ok, 10));
+    latest.setSigningKey(signingKey);
+    if (!ok || !latest.publish()) {
+        QTextStream err(stderr);
+        printLines(
+                err,
+                {ok ? latest.error()
+                    : QStringLiteral("--expires takes a number of days, not \"%1\"").arg(expires)});
+        return 1;
+    }
+    QTextStream(stdout) << latest.pointerPath() << ": version " << version << Qt::endl;
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -166,7 +186,9 @@ int main(int argc, char *argv[])
             "every file; --sign adds its signature TYPE.manifest.minisig.\n"
             "update-publish --check LIST... verifies a mirror tree against its product lists "
             "instead.\n"
-            "update-publish --keygen DIR writes a new key pair in minisign's format."));
+            "update-publish --keygen DIR writes a new key pair in minisign's format.\n"
+            "update-publish --latest TYPE VERSION ROOT [--sign KEY] points ROOT/TYPE.latest at a "
+            "published release (also done after publishing when --latest is given)."));
     parser.addHelpOption();
     parser.addVersionOption();
     const QCommandLineOption packOption(
@@ -216,8 +238,19 @@ int main(int argc, char *argv[])
             QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
                            "0600) and update-keys.pub, which installations trust."),
             QStringLiteral("dir"));
+    const QCommandLineOption latestOption(
+            QStringLiteral("latest"),
+            QStringLiteral("Write ROOT/TYPE.latest, the pointer to this version that updaters "
+                           "read when the version server does not answer; signed with --sign."));
+    const QCommandLineOption expiresOption(
+            QStringLiteral("expires"),
+            QStringLiteral("With --latest: days until updaters stop trusting the pointer; "
+                           "refresh it before. Default: %1.")
+                    .arg(LatestPublisher::defaultLifetimeDays),
+            QStringLiteral("days"));
     parser.addOptions({packOption, compressOption, dereferenceOption, previousOption, forceOption,
-                       checkOption, signOption, keyOption, keygenOption});
+                       checkOption, signOption, keyOption, keygenOption, latestOption,
+                       expiresOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -237,12 +270,21 @@ int main(int argc, char *argv[])
             parser.showHelp(1);
         return runCheck(arguments, parser.value(keyOption));
     }
+    const bool latest = parser.isSet(latestOption);
+    if (latest && arguments.size() == 3)
+        return runLatest(arguments.at(2), arguments.at(0), arguments.at(1),
+                         parser.value(expiresOption), parser.value(signOption));
     if (arguments.size() != 4) {
         QTextStream(stderr) << "update-publish: expected RELEASE TYPE VERSION ROOT, got "
                             << arguments.size() << " arguments (see --help)" << Qt::endl;
         return 1;
     }
-    return runPublish(arguments, parser.value(packOption), parser.value(previousOption),
-                      parser.isSet(forceOption), parser.value(signOption),
-                      parser.value(compressOption), parser.isSet(dereferenceOption));
+    const int published =
+            runPublish(arguments, parser.value(packOption), parser.value(previousOption),
+                       parser.isSet(forceOption), parser.value(signOption),
+                       parser.value(compressOption), parser.isSet(dereferenceOption));
+    if (published != 0 || !latest)
+        return published;
+    return runLatest(arguments.at(3), arguments.at(1), arguments.at(2), parser.value(expiresOption),
+                     parser.value(signOption));
 }

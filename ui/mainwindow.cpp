@@ -27,6 +27,7 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     , run(commandLineOptions.clientType, commandLineOptions.clientVersion,
           commandLineOptions.versionFromServer, commandLineOptions.runMode == 2)
     , clientVersion(commandLineOptions.clientVersion)
+    , terminal(commandLineOptions.runMode == 2)
 {
     ui.setupUi(this);
     ui.orlivoLabel->setUrl(makerWebAddress);
@@ -97,13 +98,14 @@ void MainWindow::onAppendText(const QString &text)
 {
     ui.outputTextEdit->append(text);
     // An unattended run has nobody watching the pane; standard error keeps the log.
-    std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
+    terminal.print(text);
 }
 
 void MainWindow::onUpdateFinished(bool installed)
 {
     stopSpeedTimer();
     flushProgress();
+    terminal.finish();
     if (!installed) {
         ui.startButton->setText(tr("Restart"));
         ui.startButton->setEnabled(true);
@@ -138,6 +140,7 @@ void MainWindow::onProgressUpdate(quint64 current, quint64 total)
     downloadedKB = current / 1000;
     progressCurrent = current;
     progressTotal = total;
+    terminal.setProgress(current, total);
     if (progressRefresh.isActive())
         return;
     const qint64 sinceShown = progressShown.isValid() ? progressShown.elapsed() : progressRefreshMs;
@@ -196,6 +199,7 @@ void MainWindow::onProcessCancelled()
     updateDone = false;
     ui.startButton->setText(tr("Restart"));
     ui.startButton->setEnabled(true);
+    terminal.finish();
     onAppendText(QStringLiteral("Download cancelled"));
 
     // A refresh still pending would undo the reset below.

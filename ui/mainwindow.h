@@ -1,6 +1,7 @@
 #pragma once
 
 #include "app/commandlineoptions.h"
+#include "ui/terminalprogress.h"
 #include "ui/updaterun.h"
 #include "update/installquestion.h"
 #include "ui_mainwindow.h"
@@ -68,5 +69,6 @@ private:
     quint64 progressTotal = 0;
     QElapsedTimer progressShown;
     QTimer progressRefresh;
+    TerminalProgress terminal;
     bool updateDone = false;
 };
