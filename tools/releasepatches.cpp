@@ -1,12 +1,14 @@
 #include "tools/releasepatches.h"
 
 #include "tools/binarydiff.h"
+#include "tools/patchmaker.h"
 #include "update/binarypatch.h"
 #include "update/checksums.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSaveFile>
 #include <QTemporaryFile>
 
 namespace {
@@ -59,13 +61,23 @@ bool ReleasePatches::add(const QString &installPath, const QString &previousFile
     const QString destination = QDir(versionDirectory).filePath(record.path);
     if (!QDir().mkpath(directory()))
         return fail(QStringLiteral("cannot create directory %1").arg(directory()));
+    QFile base(previousFile);
+    QFile target(newFile);
+    QByteArray baseBytes;
+    QByteArray targetBytes;
     QString error;
-    if (!writeBinaryPatch(previousFile, newFile, destination, &error))
+    if (!mapFile(base, &baseBytes, &error) || !mapFile(target, &targetBytes, &error))
         return fail(QStringLiteral("%1: no patch: %2").arg(installPath, error));
-    record.size = quint64(QFileInfo(destination).size());
+    const QByteArray patch = makePatch(baseBytes, targetBytes);
+    if (patch.isEmpty())
+        return fail(QStringLiteral("%1: no patch could be made").arg(installPath));
+    record.size = quint64(patch.size());
     if (record.size * 100 > mirrorSize * maximumPercent)
-        return QFile::remove(destination)
-               || fail(QStringLiteral("cannot remove %1").arg(destination));
+        return true;
+    QSaveFile output(destination);
+    if (!output.open(QIODevice::WriteOnly) || output.write(patch) != patch.size()
+        || !output.commit())
+        return fail(QStringLiteral("cannot write %1: %2").arg(destination, output.errorString()));
 
     QTemporaryFile check(directory() + QStringLiteral("/.check-XXXXXX"));
     QString madeMd5;
