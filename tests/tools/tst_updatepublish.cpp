@@ -159,7 +159,7 @@ void tst_UpdatePublish::roundTrip()
     publisher.setPacking(packing);
     publisher.setPackFormat(format);
     publisher.setDereference(true);
-    publisher.setPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
+    publisher.addPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
     QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
     QCOMPARE(publisher.deletedPaths(),
              QStringList({"gone dir/x y.txt", QString::fromUtf8("gone dir/ünï=;.txt"), "plugins"}));
