@@ -128,9 +128,8 @@ void ReleasePatches::add(const QString &installPath, const QList<Base> &bases,
 {
     QSet<QString> seen{newMd5};
     for (const Base &base : bases) {
-        const qint64 size = QFileInfo(base.path).size();
-        // A huge file is fetched whole; packed, it may unpack larger, which unpacking tells.
-        if (seen.contains(base.md5) || (!base.packed && size > binaryPatchBaseLimit))
+        // A huge file is fetched whole.
+        if (seen.contains(base.md5) || base.size > binaryPatchBaseLimit)
             continue;
         seen.insert(base.md5);
         Job job;
@@ -143,7 +142,7 @@ void ReleasePatches::add(const QString &installPath, const QList<Base> &bases,
                 patchesFolder + QLatin1Char('/') + clientType + QLatin1Char('/')
                 + names.take(QString(installPath).replace(QLatin1Char('/'), QLatin1Char('.')),
                              QLatin1Char('.') + base.md5 + QStringLiteral(".bsdiff"));
-        job.memory = size * memoryPerBaseByte + QFileInfo(newFile).size();
+        job.memory = base.size * memoryPerBaseByte + QFileInfo(newFile).size();
         jobs.append(job);
     }
 }
@@ -199,9 +198,9 @@ ReleasePatches::Outcome ReleasePatches::run(const Job &job) const
     QString md5;
     if (job.base.packed) {
         if (!unpacked.open() || !unpackFileWithMD5(unpacked.fileName(), basePath, &md5)
-            || md5 != job.base.md5 || unpacked.size() > binaryPatchBaseLimit) {
+            || md5 != job.base.md5) {
             outcome.problem = QStringLiteral("%1: the previous release's file %2 does not unpack "
-                                             "as its list says, or unpacks too large")
+                                             "as its list says")
                                       .arg(job.installPath, basePath);
             return outcome;
         }

@@ -25,7 +25,8 @@ public:
     struct Base
     {
         QString path;
-        QString md5; // of the file as installed
+        QString md5;     // of the file as installed
+        qint64 size = 0; // as installed
         bool packed = false;
     };
 

@@ -194,6 +194,9 @@ void ReleasePublisher::validateLocations()
     const QFileInfo root(outputRoot);
     if (root.exists() && !root.isDir())
         fail(QStringLiteral("output root %1 is not a directory").arg(outputRoot));
+    const QFileInfo cache(patchCache);
+    if (!patchCache.isEmpty() && cache.exists() && !cache.isDir())
+        fail(QStringLiteral("patch cache %1 is not a directory").arg(patchCache));
 }
 
 bool ReleasePublisher::collectFiles()
@@ -419,6 +422,7 @@ bool ReleasePublisher::previousBase(const PreviousRelease &previous, const QStri
         if (!QFileInfo(base->path).isFile())
             return false;
         base->md5 = getFileMD5Ex(base->path);
+        base->size = QFileInfo(base->path).size();
         return !base->md5.isEmpty() || fail(QStringLiteral("cannot read %1").arg(base->path));
     }
     const auto it = previous.entries.constFind(installPath);
@@ -427,6 +431,7 @@ bool ReleasePublisher::previousBase(const PreviousRelease &previous, const QStri
     base->path =
             QFileInfo(previous.path).dir().filePath(it->directory + QLatin1Char('/') + it->name);
     base->md5 = it->installedMd5();
+    base->size = qint64(it->installedSize());
     base->packed = it->md5 != it->unpackedMd5 && it->isPacked();
     return QFileInfo(base->path).isFile();
 }

@@ -310,10 +310,11 @@ void tst_UpdatePublish::errors_data()
     const QString release = "%R/release";
     const QString root = "%R/mirror";
     const QStringList publish = {release, "client", "12", root};
-    row("bad names and locations", {"%R/none", "a.b", "012", "%R/file"},
+    row("bad names and locations", {"%R/none", "a.b", "012", "%R/file", "--patch-cache", "%R/file"},
         {"client type \"a.b\" must consist of letters, digits, '_' and '-'",
          "version \"012\" is not a decimal number (digits only, no leading zeros)",
-         "release directory %R/none does not exist", "output root %R/file is not a directory"},
+         "release directory %R/none does not exist", "output root %R/file is not a directory",
+         "patch cache %R/file is not a directory"},
         "file");
     row("reserved type, release not a directory", {"%R/file", "Delete", "12", root},
         {"client type \"Delete\" is reserved in the product list",
