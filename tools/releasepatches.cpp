@@ -111,6 +111,11 @@ QString ReleasePatches::directory() const
     return QDir(versionDirectory).filePath(patchesFolder + QLatin1Char('/') + clientType);
 }
 
+QString ReleasePatches::makerCache() const
+{
+    return QDir(cacheDirectory).filePath(QLatin1String(patchMakerName));
+}
+
 bool ReleasePatches::prepare()
 {
     QDir folder(directory());
@@ -153,8 +158,8 @@ bool ReleasePatches::make()
         return problems.isEmpty();
     if (!QDir().mkpath(directory()))
         problems.append(QStringLiteral("cannot create directory %1").arg(directory()));
-    if (!cacheDirectory.isEmpty() && !QDir().mkpath(cacheDirectory))
-        problems.append(QStringLiteral("cannot create the patch cache %1").arg(cacheDirectory));
+    if (!cacheDirectory.isEmpty() && !QDir().mkpath(makerCache()))
+        problems.append(QStringLiteral("cannot create the patch cache %1").arg(makerCache()));
     if (!problems.isEmpty())
         return false;
 
@@ -219,7 +224,7 @@ ReleasePatches::Outcome ReleasePatches::run(const Job &job) const
     const QString cachePath =
             cacheDirectory.isEmpty()
                     ? QString()
-                    : QDir(cacheDirectory)
+                    : QDir(makerCache())
                               .filePath(sha256Text(base) + QLatin1Char('-') + sha256Text(target));
     // A cached patch that does not make the new file is made anew and replaced.
     for (const bool fromCache : {true, false}) {

@@ -32,8 +32,8 @@ public:
 
     ReleasePatches(const QString &versionDirectory, const QString &clientType);
 
-    // Patches made before are looked up in, and new ones kept in, this directory, by the
-    // SHA-256 of base and new file; it is made when missing.
+    // Patches made before are looked up in, and new ones kept in, this directory, by the maker
+    // and the SHA-256 of base and new file; it is made when missing.
     void setCacheDirectory(const QString &directory) { cacheDirectory = directory; }
 
     // Removes what an earlier publication of this type and version left in the folder.
@@ -69,6 +69,7 @@ private:
     bool keep(const Job &job, const QString &basePath, const QByteArray &patch,
               Outcome *outcome) const;
     QString directory() const;
+    QString makerCache() const;
 
     QString versionDirectory;
     QString clientType;
