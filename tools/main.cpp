@@ -97,17 +97,26 @@ std::optional<PackFormat> packFormatNamed(const QString &name)
     return std::nullopt;
 }
 
-QString patchSummary(const QList<PatchRecord> &patches)
+QString patchSummary(const QList<PatchRecord> &patches, int cached)
 {
     if (patches.isEmpty())
         return QString();
     quint64 bytes = 0;
     for (const PatchRecord &patch : patches)
         bytes += patch.size;
-    return QStringLiteral(", %1 patches (%2 bytes)").arg(patches.size()).arg(bytes);
+    return QStringLiteral(", %1 patches (%2 bytes, %3 from the patch cache)")
+            .arg(patches.size())
+            .arg(bytes)
+            .arg(cached);
 }
 
-int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
+struct PatchOptions
+{
+    QStringList previous;
+    QString cache;
+};
+
+int runPublish(const QStringList &arguments, const QString &packing, const PatchOptions &patches,
                bool force, const QString &signingKey, const QString &compression, bool dereference)
 {
     QTextStream err(stderr);
@@ -130,7 +139,9 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     publisher.setPacking(packings.value(packing));
     publisher.setPackFormat(*format);
     publisher.setDereference(dereference);
-    publisher.setPreviousRelease(previous);
+    for (const QString &previous : patches.previous)
+        publisher.addPreviousRelease(previous);
+    publisher.setPatchCache(patches.cache);
     publisher.setReplaceExisting(force);
     publisher.setSigningKey(signingKey);
     if (!publisher.publish()) {
@@ -144,8 +155,8 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     QTextStream out(stdout);
     out << publisher.listPath() << ": " << entries.size() << " files (" << publisher.packedCount()
         << " packed, " << mirrorBytes << " bytes on the mirror), "
-        << publisher.deletedPaths().size() << " to delete" << patchSummary(publisher.patches())
-        << Qt::endl;
+        << publisher.deletedPaths().size() << " to delete"
+        << patchSummary(publisher.patches(), publisher.cachedPatchCount()) << Qt::endl;
     return 0;
 }
 
@@ -210,13 +221,19 @@ int main(int argc, char *argv[])
                            "link's name, instead of refusing the link."));
     const QCommandLineOption previousOption(
             QStringLiteral("previous"),
-            QStringLiteral("The previous release (its directory, or the product list it was "
-                           "published with, beside its files): its files that this release "
-                           "lacks are listed for deletion, and those it changes get binary "
-                           "patches under VERSION/patches/TYPE/ where a patch takes at most "
-                           "%1% of the file on the mirror.")
+            QStringLiteral("A previous release (its directory, or the product list it was "
+                           "published with, beside its files); may be given once for each "
+                           "release users may still run. Its files that this release lacks are "
+                           "listed for deletion, and those it changes get binary patches from "
+                           "it under VERSION/patches/TYPE/ where a patch takes at most %1% of "
+                           "the file on the mirror.")
                     .arg(ReleasePatches::maximumPercent),
             QStringLiteral("path"));
+    const QCommandLineOption patchCacheOption(
+            QStringLiteral("patch-cache"),
+            QStringLiteral("Keep the patches made in this directory, by the SHA-256 of both "
+                           "files, and take them from there instead of making them again."),
+            QStringLiteral("dir"));
     const QCommandLineOption forceOption(
             QStringLiteral("force"),
             QStringLiteral("Replace a product list already published for this type and version."));
@@ -248,9 +265,9 @@ int main(int argc, char *argv[])
                            "refresh it before. Default: %1.")
                     .arg(LatestPublisher::defaultLifetimeDays),
             QStringLiteral("days"));
-    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption, forceOption,
-                       checkOption, signOption, keyOption, keygenOption, latestOption,
-                       expiresOption});
+    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption,
+                       patchCacheOption, forceOption, checkOption, signOption, keyOption,
+                       keygenOption, latestOption, expiresOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -279,10 +296,11 @@ int main(int argc, char *argv[])
                             << arguments.size() << " arguments (see --help)" << Qt::endl;
         return 1;
     }
-    const int published =
-            runPublish(arguments, parser.value(packOption), parser.value(previousOption),
-                       parser.isSet(forceOption), parser.value(signOption),
-                       parser.value(compressOption), parser.isSet(dereferenceOption));
+    const int published = runPublish(
+            arguments, parser.value(packOption),
+            {parser.values(previousOption), parser.value(patchCacheOption)},
+            parser.isSet(forceOption), parser.value(signOption), parser.value(compressOption),
+            parser.isSet(dereferenceOption));
     if (published != 0 || !latest)
         return published;
     return runLatest(arguments.at(3), arguments.at(1), arguments.at(2), parser.value(expiresOption),
