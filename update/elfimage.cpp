@@ -27,6 +27,8 @@ bool ElfImage::parse(const uchar *data, qint64 size)
     loaded.clear();
     executable.clear();
     relocations.clear();
+    symbols.clear();
+    frameRange = frameIndexRange = {};
     if (size < qint64(sizeof(Elf64_Ehdr)))
         return false;
     const auto header = readAt<Elf64_Ehdr>(data, 0);
@@ -34,7 +36,8 @@ bool ElfImage::parse(const uchar *data, qint64 size)
         || header.e_ident[EI_DATA] != ELFDATA2LSB || header.e_machine != EM_X86_64)
         return false;
     return parseSegments(data, size, qint64(header.e_phoff), header.e_phnum, header.e_phentsize)
-           && parseSections(data, size, qint64(header.e_shoff), header.e_shnum, header.e_shentsize);
+           && parseSections(data, size, qint64(header.e_shoff), header.e_shnum, header.e_shentsize,
+                            header.e_shstrndx);
 }
 
 bool ElfImage::parseSegments(const uchar *data, qint64 size, qint64 table, int count, int entrySize)
@@ -55,29 +58,46 @@ bool ElfImage::parseSegments(const uchar *data, qint64 size, qint64 table, int c
     return !loaded.empty();
 }
 
-bool ElfImage::parseSections(const uchar *data, qint64 size, qint64 table, int count, int entrySize)
+bool ElfImage::parseSections(const uchar *data, qint64 size, qint64 table, int count, int entrySize,
+                             int names)
 {
     if (count == 0)
         return true;
     if (entrySize != sizeof(Elf64_Shdr) || table < 0
         || !inside(quint64(table), quint64(count) * sizeof(Elf64_Shdr), size))
         return false;
+    const auto sectionAt = [&](int i) {
+        return readAt<Elf64_Shdr>(data, table + i * qint64(sizeof(Elf64_Shdr)));
+    };
+    const Elf64_Shdr nameTable = names < count ? sectionAt(names) : Elf64_Shdr{};
+    if (!inside(nameTable.sh_offset, nameTable.sh_size, size))
+        return false;
+    // A name that does not end inside the name table is no name.
+    const auto isNamed = [&](const Elf64_Shdr &section, const char *name) {
+        const size_t length = std::strlen(name) + 1;
+        return section.sh_name < nameTable.sh_size && nameTable.sh_size - section.sh_name >= length
+               && std::memcmp(data + nameTable.sh_offset + section.sh_name, name, length) == 0;
+    };
     for (int i = 0; i < count; ++i) {
-        const auto section = readAt<Elf64_Shdr>(data, table + i * qint64(sizeof(Elf64_Shdr)));
-        const bool isCode = section.sh_type == SHT_PROGBITS && (section.sh_flags & SHF_EXECINSTR);
-        const bool isRela = section.sh_type == SHT_RELA && section.sh_entsize == sizeof(Elf64_Rela);
-        if (!isCode && !isRela)
+        const auto section = sectionAt(i);
+        if (section.sh_type == SHT_NOBITS || section.sh_type == SHT_NULL)
             continue;
         if (!inside(section.sh_offset, section.sh_size, size))
             return false;
         const Range range{qint64(section.sh_offset), qint64(section.sh_size), section.sh_addr};
-        if (isCode)
+        // Tables keep only their whole entries.
+        const Range entries{range.offset, range.size / 24 * 24, range.address};
+        if (section.sh_type == SHT_PROGBITS && (section.sh_flags & SHF_EXECINSTR))
             executable.push_back(range);
-        else
-            relocations.push_back(
-                    {range.offset,
-                     range.size / qint64(sizeof(Elf64_Rela)) * qint64(sizeof(Elf64_Rela)),
-                     range.address});
+        else if (section.sh_type == SHT_RELA && section.sh_entsize == sizeof(Elf64_Rela))
+            relocations.push_back(entries);
+        else if ((section.sh_type == SHT_SYMTAB || section.sh_type == SHT_DYNSYM)
+                 && section.sh_entsize == sizeof(Elf64_Sym))
+            symbols.push_back(entries);
+        else if (isNamed(section, ".eh_frame"))
+            frameRange = range;
+        else if (isNamed(section, ".eh_frame_hdr"))
+            frameIndexRange = range;
     }
     return true;
 }

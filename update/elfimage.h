@@ -5,7 +5,8 @@
 #include <vector>
 
 // The parts of an ELF64 x86-64 file that locate its references: loaded segments (file offsets
-// and addresses), executable sections and RELA relocation tables. Every table is checked to lie
+// and addresses), executable sections, RELA relocation tables, symbol tables and the unwind
+// tables (.eh_frame and its index .eh_frame_hdr). Every table is checked to lie
 // inside the file, so that readers may index the data without further checks.
 class ElfImage
 {
@@ -29,15 +30,24 @@ public:
     const std::vector<Range> &code() const { return executable; }
     // Tables of 24-byte relocations with addends.
     const std::vector<Range> &relocationTables() const { return relocations; }
+    // Tables of 24-byte symbols.
+    const std::vector<Range> &symbolTables() const { return symbols; }
+    // Empty ranges when the file has none.
+    const Range &frames() const { return frameRange; }
+    const Range &frameIndex() const { return frameIndexRange; }
 
     // The file offset that holds address, or -1 when it lies in no segment's file bytes.
     qint64 offsetOf(quint64 address) const;
 
 private:
     bool parseSegments(const uchar *data, qint64 size, qint64 table, int count, int entrySize);
-    bool parseSections(const uchar *data, qint64 size, qint64 table, int count, int entrySize);
+    bool parseSections(const uchar *data, qint64 size, qint64 table, int count, int entrySize,
+                       int names);
 
     std::vector<Segment> loaded;
     std::vector<Range> executable;
     std::vector<Range> relocations;
+    std::vector<Range> symbols;
+    Range frameRange = {};
+    Range frameIndexRange = {};
 };
