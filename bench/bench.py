@@ -130,6 +130,7 @@ class Entry:
     size: int
     install_path: str
     packed: bool
+    installed_md5: str
 
     @property
     def remote_path(self):
@@ -157,7 +158,8 @@ def read_product_list(path):
             packed = len(fields) == 5 and fields[4] != ""
             install = fields[4] if packed else name
             entries.append(Entry(section, name, fields[0], int(fields[1]), install,
-                                 packed and fields[0] != fields[2]))
+                                 packed and fields[0] != fields[2],
+                                 fields[2] if len(fields) == 5 else fields[0]))
     return entries
 
 

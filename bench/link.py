@@ -131,25 +131,24 @@ class Mirror:
 
 # --- releases ------------------------------------------------------------------------------------
 
-def fetch_debs(downloads):
-    """The two versions of the package as .deb files, downloaded once into downloads."""
+def fetch_debs(downloads, package=PACKAGE, versions=PACKAGE_VERSIONS):
+    """The versions of the package as .deb files, downloaded once into downloads."""
     downloads.mkdir(parents=True, exist_ok=True)
-    cached = {deb_version(d): d for d in downloads.glob(PACKAGE + "_*.deb")}
-    wanted = PACKAGE_VERSIONS
+    cached = {deb_version(d): d for d in downloads.glob(package + "_*.deb")}
+    wanted = versions
     if not all(v in cached for v in wanted):
-        listed = subprocess.run(["apt-cache", "madison", PACKAGE], stdout=subprocess.PIPE,
+        listed = subprocess.run(["apt-cache", "madison", package], stdout=subprocess.PIPE,
                                 text=True, check=True).stdout
         available = [line.split("|")[1].strip() for line in listed.splitlines()]
         if not all(v in available for v in wanted):
-            # Superseded versions leave the archive: the two newest tell the same story.
-            newest = sorted(set(available), key=VersionKey, reverse=True)[:2]
+            # Superseded versions leave the archive: the newest tell the same story.
+            newest = sorted(set(available), key=VersionKey, reverse=True)[:len(versions)]
             wanted = list(reversed(newest))
-            log("%s %s are gone; using %s" % (PACKAGE, " ".join(PACKAGE_VERSIONS),
-                                              " ".join(wanted)))
+            log("%s %s are gone; using %s" % (package, " ".join(versions), " ".join(wanted)))
         for v in wanted:
             if v not in cached:
-                run_checked(["apt-get", "download", "-q", "%s=%s" % (PACKAGE, v)], cwd=downloads)
-        cached = {deb_version(d): d for d in downloads.glob(PACKAGE + "_*.deb")}
+                run_checked(["apt-get", "download", "-q", "%s=%s" % (package, v)], cwd=downloads)
+        cached = {deb_version(d): d for d in downloads.glob(package + "_*.deb")}
     return [(v, cached[v]) for v in wanted]
 
 

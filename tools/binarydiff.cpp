@@ -238,21 +238,6 @@ void Differ::writeStretch(Index scan, Index lengthBack, Index position)
     lastOffset = position - scan;
 }
 
-const uchar *mapWhole(QFile &file, QString *error)
-{
-    static const uchar empty = 0;
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
-        return nullptr;
-    }
-    if (file.size() == 0)
-        return &empty;
-    const uchar *data = file.map(0, file.size());
-    if (!data)
-        *error = QStringLiteral("cannot map %1: %2").arg(file.fileName(), file.errorString());
-    return data;
-}
-
 } // namespace
 
 bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSize,
@@ -265,23 +250,19 @@ bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSi
     return true;
 }
 
-bool writeBinaryPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
-                      QString *error)
+QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString *error)
 {
-    QFile oldFile(oldPath);
-    QFile newFile(newPath);
-    const uchar *old = mapWhole(oldFile, error);
-    const uchar *now = old ? mapWhole(newFile, error) : nullptr;
-    if (!now)
-        return false;
-    if (oldFile.size() > binaryPatchBaseLimit) {
-        *error = QStringLiteral("%1 is too large to patch from").arg(oldPath);
-        return false;
+    if (old.size() > binaryPatchBaseLimit) {
+        *error = QStringLiteral("the base is too large to patch from");
+        return QByteArray();
     }
+    const auto bytes = [](const QByteArray &data) {
+        return reinterpret_cast<const uchar *>(data.constData());
+    };
     BinaryDiff streams;
-    if (!diffBinary(old, oldFile.size(), now, newFile.size(), &streams)) {
-        *error = QStringLiteral("cannot sort the suffixes of %1").arg(oldPath);
-        return false;
+    if (!diffBinary(bytes(old), old.size(), bytes(now), now.size(), &streams)) {
+        *error = QStringLiteral("cannot sort the suffixes of the base");
+        return QByteArray();
     }
     QByteArray control;
     QByteArray diff;
@@ -289,18 +270,54 @@ bool writeBinaryPatch(const QString &oldPath, const QString &newPath, const QStr
     if (!BlockWriter().pack(streams.control, &control) || !BlockWriter().pack(streams.diff, &diff)
         || !BlockWriter().pack(streams.extra, &extra)) {
         *error = QStringLiteral("bzip2 failed to pack the patch");
-        return false;
+        return QByteArray();
     }
 
     char header[32] = "BSDIFF40";
     encodeNumber(control.size(), header + 8);
     encodeNumber(diff.size(), header + 16);
-    encodeNumber(newFile.size(), header + 24);
-    QSaveFile patch(patchPath);
-    if (!patch.open(QIODevice::WriteOnly) || patch.write(header, sizeof header) < 0
-        || patch.write(control) < 0 || patch.write(diff) < 0 || patch.write(extra) < 0
-        || !patch.commit()) {
-        *error = QStringLiteral("cannot write %1: %2").arg(patchPath, patch.errorString());
+    encodeNumber(now.size(), header + 24);
+    QByteArray patch;
+    patch.reserve(qsizetype(sizeof header) + control.size() + diff.size() + extra.size());
+    patch.append(header, qsizetype(sizeof header));
+    patch.append(control).append(diff).append(extra);
+    return patch;
+}
+
+bool mapFile(QFile &file, QByteArray *bytes, QString *error)
+{
+    static const char empty = 0;
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read %1: %2").arg(file.fileName(), file.errorString());
+        return false;
+    }
+    const uchar *data = file.size() == 0 ? nullptr : file.map(0, file.size());
+    if (file.size() > 0 && !data) {
+        *error = QStringLiteral("cannot map %1: %2").arg(file.fileName(), file.errorString());
+        return false;
+    }
+    *bytes = QByteArray::fromRawData(data ? reinterpret_cast<const char *>(data) : &empty,
+                                     file.size());
+    return true;
+}
+
+bool writeBinaryPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
+                      QString *error)
+{
+    QFile oldFile(oldPath);
+    QFile newFile(newPath);
+    QByteArray old;
+    QByteArray now;
+    if (!mapFile(oldFile, &old, error) || !mapFile(newFile, &now, error))
+        return false;
+    const QByteArray patch = makeBinaryPatch(old, now, error);
+    if (patch.isEmpty()) {
+        error->prepend(oldPath + QStringLiteral(": "));
+        return false;
+    }
+    QSaveFile file(patchPath);
+    if (!file.open(QIODevice::WriteOnly) || file.write(patch) != patch.size() || !file.commit()) {
+        *error = QStringLiteral("cannot write %1: %2").arg(patchPath, file.errorString());
         return false;
     }
     return true;

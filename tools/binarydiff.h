@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+class QFile;
+
 // The suffix array of the old file takes four bytes per byte of it, with 32-bit indexes.
 constexpr qint64 binaryPatchBaseLimit = 0x7ffffffe;
 
@@ -20,9 +22,16 @@ struct BinaryDiff
 bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSize,
                 BinaryDiff *streams);
 
-// Writes a binary patch from oldPath to newPath in the BSDIFF40 format of bsdiff 4.3, which
-// Debian's bspatch applies as well as the updater. Both files are mapped; the old file must not
-// be larger than binaryPatchBaseLimit. Nothing is left at patchPath after a failure, whose
-// reason goes to error.
+// A binary patch from old to now in the BSDIFF40 format of bsdiff 4.3, which Debian's bspatch
+// applies as well as the updater; old must not be larger than binaryPatchBaseLimit. Empty after
+// a failure, whose reason goes to error.
+QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString *error);
+
+// The same from oldPath to newPath, written to patchPath. Both files are mapped. Nothing is left
+// at patchPath after a failure.
 bool writeBinaryPatch(const QString &oldPath, const QString &newPath, const QString &patchPath,
                       QString *error);
+
+// The whole of file, opened here, as a view of its mapping that lives as long as file stays
+// open: large files are read as they are used, never copied.
+bool mapFile(QFile &file, QByteArray *bytes, QString *error);

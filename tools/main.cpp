@@ -96,19 +96,27 @@ std::optional<PackFormat> packFormatNamed(const QString &name)
     return std::nullopt;
 }
 
-QString patchSummary(const QList<PatchRecord> &patches)
+QString patchSummary(const QList<PatchRecord> &patches, int cached)
 {
     if (patches.isEmpty())
         return QString();
     quint64 bytes = 0;
     for (const PatchRecord &patch : patches)
         bytes += patch.size;
-    return QStringLiteral(", %1 patches (%2 bytes)").arg(patches.size()).arg(bytes);
+    return QStringLiteral(", %1 patches (%2 bytes, %3 from the patch cache)")
+            .arg(patches.size())
+            .arg(bytes)
+            .arg(cached);
 }
 
-int runPublish(const QStringList &arguments, const QString &packing, const QString &previous,
-               bool force, const QString &signingKey, const QString &compression,
-               bool dereference)
+struct PatchOptions
+{
+    QStringList previous;
+    QString cache;
+};
+
+int runPublish(const QStringList &arguments, const QString &packing, const PatchOptions &patches,
+               bool force, const QString &signingKey, const QString &compression, bool dereference)
 {
     QTextStream err(stderr);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
@@ -130,7 +138,9 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     publisher.setPacking(packings.value(packing));
     publisher.setPackFormat(*format);
     publisher.setDereference(dereference);
-    publisher.setPreviousRelease(previous);
+    for (const QString &previous : patches.previous)
+        publisher.addPreviousRelease(previous);
+    publisher.setPatchCache(patches.cache);
     publisher.setReplaceExisting(force);
     publisher.setSigningKey(signingKey);
     if (!publisher.publish()) {
@@ -144,8 +154,8 @@ int runPublish(const QStringList &arguments, const QString &packing, const QStri
     QTextStream out(stdout);
     out << publisher.listPath() << ": " << entries.size() << " files (" << publisher.packedCount()
         << " packed, " << mirrorBytes << " bytes on the mirror), "
-        << publisher.deletedPaths().size() << " to delete" << patchSummary(publisher.patches())
-        << Qt::endl;
+        << publisher.deletedPaths().size() << " to delete"
+        << patchSummary(publisher.patches(), publisher.cachedPatchCount()) << Qt::endl;
     return 0;
 }
 
@@ -188,13 +198,19 @@ int main(int argc, char *argv[])
                            "link's name, instead of refusing the link."));
     const QCommandLineOption previousOption(
             QStringLiteral("previous"),
-            QStringLiteral("The previous release (its directory, or the product list it was "
-                           "published with, beside its files): its files that this release "
-                           "lacks are listed for deletion, and those it changes get binary "
-                           "patches under VERSION/patches/TYPE/ where a patch takes at most "
-                           "%1% of the file on the mirror.")
+            QStringLiteral("A previous release (its directory, or the product list it was "
+                           "published with, beside its files); may be given once for each "
+                           "release users may still run. Its files that this release lacks are "
+                           "listed for deletion, and those it changes get binary patches from "
+                           "it under VERSION/patches/TYPE/ where a patch takes at most %1% of "
+                           "the file on the mirror.")
                     .arg(ReleasePatches::maximumPercent),
             QStringLiteral("path"));
+    const QCommandLineOption patchCacheOption(
+            QStringLiteral("patch-cache"),
+            QStringLiteral("Keep the patches made in this directory, by the SHA-256 of both "
+                           "files, and take them from there instead of making them again."),
+            QStringLiteral("dir"));
     const QCommandLineOption forceOption(
             QStringLiteral("force"),
             QStringLiteral("Replace a product list already published for this type and version."));
@@ -216,8 +232,9 @@ int main(int argc, char *argv[])
             QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
                            "0600) and update-keys.pub, which installations trust."),
             QStringLiteral("dir"));
-    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption, forceOption,
-                       checkOption, signOption, keyOption, keygenOption});
+    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption,
+                       patchCacheOption, forceOption, checkOption, signOption, keyOption,
+                       keygenOption});
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -242,7 +259,8 @@ int main(int argc, char *argv[])
                             << arguments.size() << " arguments (see --help)" << Qt::endl;
         return 1;
     }
-    return runPublish(arguments, parser.value(packOption), parser.value(previousOption),
+    return runPublish(arguments, parser.value(packOption),
+                      {parser.values(previousOption), parser.value(patchCacheOption)},
                       parser.isSet(forceOption), parser.value(signOption),
                       parser.value(compressOption), parser.isSet(dereferenceOption));
 }

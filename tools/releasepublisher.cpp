@@ -110,7 +110,7 @@ bool ReleasePublisher::publish()
     files.clear();
     deleted.clear();
     patchRecords.clear();
-    previousEntries.clear();
+    cachedPatches = 0;
     if (!validateArguments())
         return false;
     const bool filesOk = collectFiles();
@@ -194,6 +194,9 @@ void ReleasePublisher::validateLocations()
     const QFileInfo root(outputRoot);
     if (root.exists() && !root.isDir())
         fail(QStringLiteral("output root %1 is not a directory").arg(outputRoot));
+    const QFileInfo cache(patchCache);
+    if (!patchCache.isEmpty() && cache.exists() && !cache.isDir())
+        fail(QStringLiteral("patch cache %1 is not a directory").arg(patchCache));
 }
 
 bool ReleasePublisher::collectFiles()
@@ -216,32 +219,38 @@ bool ReleasePublisher::collectFiles()
     return ok;
 }
 
-bool ReleasePublisher::collectDeletedPaths()
+bool ReleasePublisher::collectPreviousPaths(PreviousRelease &previous, QStringList *paths)
 {
-    if (previousRelease.isEmpty())
-        return true;
-    QStringList previous;
-    const QFileInfo info(previousRelease);
-    if (info.isDir()) {
-        if (!listReleaseFiles(previousRelease, dereference, &previous, &problems))
-            return false;
-    } else if (info.isFile() && info.isReadable()) {
-        // A product list published before: its install paths are what the previous release had.
-        QSettings settings(previousRelease, QSettings::IniFormat);
-        TaskSpecification task;
-        settings.childGroups();
-        if (settings.status() != QSettings::NoError || !task.initializeByProductIni(&settings))
-            return fail(
-                    QStringLiteral("previous product list %1 cannot be read").arg(previousRelease));
-        for (const FileSpecification &entry : std::as_const(task.files)) {
-            previous.append(entry.installPath());
-            previousEntries.insert(previous.last(), entry);
-        }
-    } else {
+    previous.entries.clear();
+    const QFileInfo info(previous.path);
+    if (info.isDir())
+        return listReleaseFiles(previous.path, dereference, paths, &problems);
+    if (!info.isFile() || !info.isReadable())
         return fail(QStringLiteral("previous release %1 is neither a directory nor a readable "
                                    "product list")
-                            .arg(previousRelease));
+                            .arg(previous.path));
+    // A product list published before: its install paths are what the previous release had.
+    QSettings settings(previous.path, QSettings::IniFormat);
+    TaskSpecification task;
+    settings.childGroups();
+    if (settings.status() != QSettings::NoError || !task.initializeByProductIni(&settings))
+        return fail(QStringLiteral("previous product list %1 cannot be read").arg(previous.path));
+    for (const FileSpecification &entry : std::as_const(task.files)) {
+        paths->append(entry.installPath());
+        previous.entries.insert(entry.installPath(), entry);
     }
+    return true;
+}
+
+bool ReleasePublisher::collectDeletedPaths()
+{
+    // What any of the previous releases had and this one lacks.
+    QStringList previous;
+    bool read = true;
+    for (PreviousRelease &release : previousReleases)
+        read = collectPreviousPaths(release, &previous) && read;
+    if (!read)
+        return false;
 
     QSet<QString> seen;
     for (const ReleaseFile &file : std::as_const(files))
@@ -384,46 +393,47 @@ bool ReleasePublisher::describe(ReleaseFile &file, const QString &source,
 bool ReleasePublisher::writePatches()
 {
     ReleasePatches patches(QDir(outputRoot).filePath(version), clientType);
+    patches.setCacheDirectory(patchCache);
     // Without a previous release, this only clears what an earlier publication left.
     bool ok = patches.prepare();
-    for (auto file = files.cbegin(); ok && file != files.cend(); ++file) {
-        QTemporaryFile scratch;
-        const QString previous = previousFile(file->installPath, &scratch);
-        if (!previous.isEmpty())
-            ok = patches.add(file->installPath, previous,
-                             QDir(releaseDirectory).filePath(file->installPath), file->entry.size);
+    for (const ReleaseFile &file : std::as_const(files)) {
+        QList<ReleasePatches::Base> bases;
+        for (const PreviousRelease &previous : std::as_const(previousReleases)) {
+            ReleasePatches::Base base;
+            if (previousBase(previous, file.installPath, &base))
+                bases.append(base);
+        }
+        patches.add(file.installPath, bases, QDir(releaseDirectory).filePath(file.installPath),
+                    file.entry.installedMd5(), file.entry.size);
     }
+    ok = ok && problems.isEmpty() && patches.make();
     problems += patches.errors();
     patchRecords = patches.records();
+    cachedPatches = patches.cachedCount();
     return ok && problems.isEmpty();
 }
 
 // A previous product list stands for the mirror tree beside it, which holds its files.
-QString ReleasePublisher::previousFile(const QString &installPath, QTemporaryFile *scratch)
+bool ReleasePublisher::previousBase(const PreviousRelease &previous, const QString &installPath,
+                                    ReleasePatches::Base *base)
 {
-    if (previousRelease.isEmpty())
-        return QString();
-    if (QFileInfo(previousRelease).isDir()) {
-        const QString path = QDir(previousRelease).filePath(installPath);
-        return QFileInfo(path).isFile() ? path : QString();
+    if (QFileInfo(previous.path).isDir()) {
+        base->path = QDir(previous.path).filePath(installPath);
+        if (!QFileInfo(base->path).isFile())
+            return false;
+        base->md5 = getFileMD5Ex(base->path);
+        base->size = QFileInfo(base->path).size();
+        return !base->md5.isEmpty() || fail(QStringLiteral("cannot read %1").arg(base->path));
     }
-    const auto it = previousEntries.constFind(installPath);
-    if (it == previousEntries.cend())
-        return QString();
-    const QString held =
-            QFileInfo(previousRelease).dir().filePath(it->directory + QLatin1Char('/') + it->name);
-    if (!QFileInfo::exists(held))
-        return QString();
-    if (!it->isPacked())
-        return held;
-    QString md5;
-    if (!scratch->open() || !unpackFileWithMD5(scratch->fileName(), held, &md5)
-        || md5 != it->unpackedMd5) {
-        fail(QStringLiteral("%1: the previous release's file %2 does not unpack as its list says")
-                     .arg(installPath, held));
-        return QString();
-    }
-    return scratch->fileName();
+    const auto it = previous.entries.constFind(installPath);
+    if (it == previous.entries.cend())
+        return false;
+    base->path =
+            QFileInfo(previous.path).dir().filePath(it->directory + QLatin1Char('/') + it->name);
+    base->md5 = it->installedMd5();
+    base->size = qint64(it->installedSize());
+    base->packed = it->md5 != it->unpackedMd5 && it->isPacked();
+    return QFileInfo(base->path).isFile();
 }
 
 bool ReleasePublisher::writeList()
@@ -498,8 +508,7 @@ bool ReleasePublisher::writeManifest(const QString &list)
 bool ReleasePublisher::writeServedFile(const QString &path, const QByteArray &content)
 {
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()
-        || !file.commit())
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size() || !file.commit())
         return fail(QStringLiteral("cannot write %1: %2").arg(path, file.errorString()));
     QFile::setPermissions(path, servedPermissions);
     return true;

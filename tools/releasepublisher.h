@@ -43,10 +43,13 @@ public:
     // Publishes what a symbolic link points to under the link's name; without it a link is an
     // error, since the list has no form for one.
     void setDereference(bool dereference) { this->dereference = dereference; }
-    // A previous release directory, or the product list it was published with: the install
-    // paths it had and this release lacks make up the list's "delete" group, and its files that
-    // this release changes get binary patches (ReleasePatches) where those pay.
-    void setPreviousRelease(const QString &path) { previousRelease = path; }
+    // A previous release directory, or the product list it was published with, one call for
+    // each earlier release that users may still run: the install paths they had and this
+    // release lacks make up the list's "delete" group, and their files that this release
+    // changes get binary patches (ReleasePatches) where those pay.
+    void addPreviousRelease(const QString &path) { previousReleases.append({path, {}}); }
+    // Where patches made once are kept for the next publication; none when empty.
+    void setPatchCache(const QString &directory) { patchCache = directory; }
     // Allows replacing a list that was published before for this type and version.
     void setReplaceExisting(bool replace) { replaceExisting = replace; }
     // An unencrypted minisign secret key file to sign the manifest with.
@@ -64,6 +67,8 @@ public:
     QStringList deletedPaths() const { return deleted; }
     // The patches that the last successful publish() wrote, for the release manifest.
     QList<PatchRecord> patches() const { return patchRecords; }
+    // How many of the patches the last publish() wrote came from the patch cache.
+    int cachedPatchCount() const { return cachedPatches; }
     int packedCount() const;
 
 private:
@@ -87,10 +92,18 @@ private:
     QString packedSuffix() const;
     bool packFile(const QString &source, QTemporaryFile *scratch, bool mayKeepRaw, bool *packed);
     bool describe(ReleaseFile &file, const QString &source, const QString &destination, bool plain);
+    struct PreviousRelease
+    {
+        QString path;
+        // By install path, when the release is a product list.
+        QHash<QString, FileSpecification> entries;
+    };
+
+    bool collectPreviousPaths(PreviousRelease &previous, QStringList *paths);
     bool writePatches();
-    // The previous release's file at installPath, unpacked into scratch when the previous
-    // release is a product list; empty when it had none.
-    QString previousFile(const QString &installPath, QTemporaryFile *scratch);
+    // The previous release's file at installPath as a patch base; false when it had none.
+    bool previousBase(const PreviousRelease &previous, const QString &installPath,
+                      ReleasePatches::Base *base);
     bool writeList();
     bool writeManifest(const QString &list);
     bool writeServedFile(const QString &path, const QByteArray &content);
@@ -104,7 +117,8 @@ private:
     QString clientType;
     QString version;
     QString outputRoot;
-    QString previousRelease;
+    QList<PreviousRelease> previousReleases;
+    QString patchCache;
     Packing packing = Packing::Auto;
     PackFormat packFormat = PackFormat::Gzip;
     bool replaceExisting = false;
@@ -115,7 +129,6 @@ private:
     QList<ReleaseFile> files;
     QStringList deleted;
     QList<PatchRecord> patchRecords;
-    // The previous release's entries by install path, when it is a product list.
-    QHash<QString, FileSpecification> previousEntries;
+    int cachedPatches = 0;
     QStringList problems;
 };

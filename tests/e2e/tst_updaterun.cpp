@@ -161,7 +161,8 @@ private slots:
         release = work.filePath("release-12");
         const QByteArray updater = readTestFile(UPDATE_BINARY);
         QVERIFY(!updater.isEmpty());
-        QVERIFY(writeTree(work.path(), {{"release-11/update", updater},
+        QVERIFY(writeTree(work.path(), {{"release-10/update", updater + "\nOrlivo update 10\n"},
+                                        {"release-11/update", updater},
                                         {"release-11/readme.txt", "Orlivo 11\n"},
                                         {"release-11/codec-old.dat", patternBytes(3000, 1)},
                                         {"release-11/lib/libvoice.so", noiseBytes(20000, 2)},
@@ -174,7 +175,8 @@ private slots:
         // nginx and pyftpdlib report canonical paths.
         mirrorRoot = QFileInfo(work.path()).canonicalFilePath() + "/mirror";
         QVERIFY(execute(UPDATE_PUBLISH,
-                        {release, clientType, "12", mirrorRoot, "--previous", previousRelease}));
+                        {release, clientType, "12", mirrorRoot, "--previous", previousRelease,
+                         "--previous", work.filePath("release-10")}));
         // The release's files lie in sections; the list, its manifest and the patches beside them.
         for (const QString &file : treeBelow(mirrorRoot + "/12").keys()) {
             if (file.contains('/') && !file.startsWith("patches/"))
@@ -464,13 +466,15 @@ private slots:
         }
     }
 
-    // The changed updater comes as a patch to the installed one; a patch that cannot serve, or
-    // an installed file that is no patch's base, costs only the whole file.
+    // The changed updater comes as a patch to the installed one, from whichever of the two
+    // previous releases it is; a patch that cannot serve, or an installed file that is no
+    // patch's base, costs only the whole file.
     void patches_data()
     {
         QTest::addColumn<QString>("trouble");
         QTest::addColumn<QByteArray>("logLine");
         QTest::newRow("installed base") << "" << QByteArray("update made from a patch");
+        QTest::newRow("base of the release before") << "older" << QByteArray("made from a patch");
         QTest::newRow("installed file matching no base") << "changed" << QByteArray("Update fin");
         QTest::newRow("patch damaged on the way") << "corrupt" << QByteArray("fetching the whole");
     }
@@ -479,21 +483,24 @@ private slots:
     {
         QFETCH(QString, trouble);
         QFETCH(QByteArray, logLine);
-        const QString patch =
-                "/12/" + treeBelow(mirrorRoot + "/12").keys().filter("patches/").value(0);
+        // Still the running program, but no longer the base of the release before.
+        if (trouble == "older" || trouble == "changed")
+            QVERIFY(writeTestFile(at("update"), readTestFile(work.filePath("release-10/update"))
+                                                        + (trouble == "changed" ? "\n" : "")));
+        const QStringList patches = treeBelow(mirrorRoot + "/12").keys().filter("patches/");
+        const QString patch = "/12/" + patches.filter(md5Of(readTestFile(at("update")))).value(0);
         const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
         fault = LoopbackServer::faultHttp(mirrorRoot);
-        QVERIFY(fault && patch.endsWith(".bsdiff") && !whole.isEmpty());
+        QVERIFY(fault && patches.size() == 2 && !whole.isEmpty());
         if (trouble == "corrupt")
             fault->setFaults(patch, {"corrupt"});
-        // Still the running program, but no longer the patch's base.
-        QVERIFY(trouble != "changed"
-                || writeTestFile(at("update"), readTestFile(at("update")) + '\n'));
         writeMirrors({"fault"});
         QVERIFY(runs(0, logLine));
         const QStringList requests = fault->logLines();
+        QCOMPARE(requests.filter("/patches/").size(), trouble == "changed" ? 0 : 1);
         QCOMPARE(requests.filter(' ' + patch + ' ').size(), trouble == "changed" ? 0 : 1);
-        QCOMPARE(requests.filter(' ' + whole + ' ').size(), trouble.isEmpty() ? 0 : 1);
+        QCOMPARE(requests.filter(' ' + whole + ' ').size(),
+                 trouble.isEmpty() || trouble == "older" ? 0 : 1);
         verifyHolds(release, "_old_update");
     }
 

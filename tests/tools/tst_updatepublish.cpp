@@ -13,6 +13,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,6 +29,8 @@ const QByteArray packable = QByteArray("a line that packs well\n").repeated(300)
 // A library that neither packs nor changes much between the releases: it gets a patch.
 const QByteArray oldLibrary = noiseBytes(50000, 1);
 const QByteArray newLibrary = QByteArray(oldLibrary).insert(20000, "new code").append("more");
+// The same library a release before: users who skipped a release patch from it too.
+const QByteArray olderLibrary = QByteArray(oldLibrary).remove(30000, 100);
 
 const TestTree oldRelease = {{"orlivo", "old client"},
                              {"gone dir/x y.txt", "3"},
@@ -159,8 +163,16 @@ void tst_UpdatePublish::roundTrip()
     publisher.setPacking(packing);
     publisher.setPackFormat(format);
     publisher.setDereference(true);
-    publisher.setPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
+    publisher.addPreviousRelease(previousAsList ? old.listPath() : dir.filePath("old"));
+    // Its unchanged client is no base, and its library is one patch however often it comes.
+    const TestTree olderRelease = {{"orlivo", QByteArray("client ").repeated(20)},
+                                   {"lib/libbig.so", olderLibrary}};
+    QVERIFY(writeTree(dir.filePath("older"), olderRelease));
+    publisher.addPreviousRelease(dir.filePath("older"));
+    publisher.addPreviousRelease(dir.filePath("older"));
+    publisher.setPatchCache(dir.filePath("cache"));
     QVERIFY2(publisher.publish(), qPrintable(publisher.errors().join('\n')));
+    QCOMPARE(publisher.cachedPatchCount(), 0);
     QCOMPARE(publisher.deletedPaths(),
              QStringList({"gone dir/x y.txt", QString::fromUtf8("gone dir/ünï=;.txt"), "plugins"}));
     QCOMPARE(problemsOf(publisher.listPath()), QStringList());
@@ -186,16 +198,23 @@ void tst_UpdatePublish::roundTrip()
     packedFound.sort();
     QCOMPARE(packedFound, packed);
 
-    // The changed library gets a patch from its previous version, which the list never names.
-    const QList<PatchRecord> patches = publisher.patches();
-    QCOMPARE(patches.size(), 1);
-    QCOMPARE(patches[0].installPath, QString("lib/libbig.so"));
-    QCOMPARE(patches[0].baseMd5, md5Of(oldLibrary));
+    // The changed library gets a patch from each of its previous versions, on paths of their
+    // own, which the list never names.
+    QList<PatchRecord> patches = publisher.patches();
+    std::sort(patches.begin(), patches.end(),
+              [](const PatchRecord &a, const PatchRecord &b) { return a.baseMd5 < b.baseMd5; });
+    QCOMPARE(patches.size(), 2);
+    QVERIFY(patches[0].path != patches[1].path);
+    for (const PatchRecord &record : std::as_const(patches)) {
+        QCOMPARE(record.installPath, QString("lib/libbig.so"));
+        const QString base = record.baseMd5 == md5Of(oldLibrary) ? "old" : "older";
+        QCOMPARE(record.baseMd5, md5Of(base == "old" ? oldLibrary : olderLibrary));
+        QString md5;
+        QVERIFY(applyBinaryPatch(dir.filePath("patched"), dir.filePath(base + "/lib/libbig.so"),
+                                 dir.filePath("mirror/12/" + record.path), &md5));
+        QCOMPARE(readTestFile(dir.filePath("patched")), newLibrary);
+    }
     const QString patch = dir.filePath("mirror/12/" + patches[0].path);
-    QString md5;
-    QVERIFY(applyBinaryPatch(dir.filePath("patched"), dir.filePath("old/lib/libbig.so"), patch,
-                             &md5));
-    QCOMPARE(readTestFile(dir.filePath("patched")), newLibrary);
     installAndCompare(publisher.listPath(), dir.filePath("install"), expected);
 
     // The check finds damage on the mirror; publishing again replaces whatever it finds.
@@ -220,8 +239,10 @@ void tst_UpdatePublish::roundTrip()
              key("x/y/f") + ": missing"});
     damage.sort();
     QCOMPARE(found, damage);
+    // The patches are not made again.
     publisher.setReplaceExisting(true);
     QVERIFY(publisher.publish());
+    QCOMPARE(publisher.cachedPatchCount(), 2);
     QCOMPARE(problemsOf(list), QStringList());
 
     const QString upperCase = listed["orlivo"].md5.toUpper();
@@ -289,10 +310,11 @@ void tst_UpdatePublish::errors_data()
     const QString release = "%R/release";
     const QString root = "%R/mirror";
     const QStringList publish = {release, "client", "12", root};
-    row("bad names and locations", {"%R/none", "a.b", "012", "%R/file"},
+    row("bad names and locations", {"%R/none", "a.b", "012", "%R/file", "--patch-cache", "%R/file"},
         {"client type \"a.b\" must consist of letters, digits, '_' and '-'",
          "version \"012\" is not a decimal number (digits only, no leading zeros)",
-         "release directory %R/none does not exist", "output root %R/file is not a directory"},
+         "release directory %R/none does not exist", "output root %R/file is not a directory",
+         "patch cache %R/file is not a directory"},
         "file");
     row("reserved type, release not a directory", {"%R/file", "Delete", "12", root},
         {"client type \"Delete\" is reserved in the product list",
