@@ -2,9 +2,9 @@
 
 #include "update/addressmap.h"
 #include "update/elfimage.h"
+#include "update/instructionscanner.h"
 
-#include <Zydis/Decoder.h>
-
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -52,28 +52,22 @@ private:
     qint64 size;
     const ElfImage &elf;
     const AddressMap &map;
+    InstructionScanner scanner;
 };
 
 void Projector::sweep(const ElfImage::Range &code)
 {
-    ZydisDecoder decoder;
-    ZydisDecoderInit(&decoder, ZYDIS_MACHINE_MODE_LONG_64, ZYDIS_STACK_WIDTH_64);
-    ZydisDecodedInstruction instruction;
+    InstructionScanner::Instruction instruction;
     for (qint64 at = 0; at < code.size;) {
         const qint64 offset = code.offset + at;
         // Bytes that do not decode (data in code, padding) are stepped over one at a time.
-        if (!ZYAN_SUCCESS(ZydisDecoderDecodeInstruction(&decoder, nullptr, data + offset,
-                                                        ZyanUSize(code.size - at), &instruction))) {
+        if (!scanner.decode(data + offset, code.size - at, &instruction)) {
             ++at;
             continue;
         }
-        const quint64 end = code.address + quint64(at) + instruction.length;
-        const auto &raw = instruction.raw;
-        if (raw.imm[0].is_relative && raw.imm[0].size == 32)
-            moveRelative(offset + raw.imm[0].offset, end);
-        else if ((instruction.attributes & ZYDIS_ATTRIB_HAS_MODRM) && raw.modrm.mod == 0
-                 && raw.modrm.rm == 5 && raw.disp.size == 32)
-            moveRelative(offset + raw.disp.offset, end);
+        if (instruction.relative >= 0)
+            moveRelative(offset + instruction.relative,
+                         code.address + quint64(at) + quint64(instruction.length));
         at += instruction.length;
     }
 }
@@ -153,6 +147,10 @@ void Projector::moveFrameIndex(const ElfImage::Range &index)
 
 void projectReferences(uchar *data, qint64 size, const ElfImage &elf, const AddressMap &map)
 {
+    // Nothing moved, nothing to rewrite: files that barely changed skip the sweep.
+    if (std::all_of(map.regions().begin(), map.regions().end(),
+                    [](const AddressMap::Region &region) { return region.displacement == 0; }))
+        return;
     Projector projector(data, size, elf, map);
     for (const ElfImage::Range &code : elf.code())
         projector.sweep(code);
