@@ -1,14 +1,21 @@
 #!/usr/bin/env python3
-"""Binary patches: applying one, the updater's own applier against Debian's bspatch on the same
-patch file, run alternately, with wall time and peak memory; and, with --behind, the bytes that
-users one and two releases behind fetch when a release carries patches from several previous ones.
+"""Binary patches of real Debian files: Debian's bsdiff and bspatch against the updater's bsdiff
+writer and applier and its executable-aware format, with sizes, wall time and peak memory; and,
+with --behind, the bytes that users one and two releases behind fetch when a release carries
+patches from several previous ones.
 
-usage: bench/patch.py [--rounds N] [--build-dir DIR] [--downloads DIR] [--old FILE --new FILE]
+usage: bench/patch.py [--rounds N] [--only NAMES] [--build-dir DIR] [--downloads DIR]
        bench/patch.py --behind [--rounds N] [--build-dir DIR] [--downloads DIR]
 
-The pair, unless --old and --new name one: libmergedlo.so (69 MB) of Debian's libreoffice-core
-u13 and u14, from the .deb files the link benchmark keeps in its download directory. The patch is
-made once with the updater's own writer (it is Debian bsdiff's, byte for byte, only faster).
+The pairs (old and new version of one file, from two .deb files that `apt-get download` fetches
+once into the download directory):
+- libmergedlo.so (69 MB) and libcuilo.so (3.4 MB) of libreoffice-core u13 to u14: the pair the
+  project measures its patches on, a large library and a nearly unchanged one;
+- libcrypto.so.3 of libssl3 3.0.20 to 3.0.22: a security update of a library that every native
+  client bundles or links;
+- postgres of postgresql-15 15.18 to 15.20: a point release of a large executable (PIE), not a
+  library.
+Each applier runs --rounds times, alternately, and must make the new file byte for byte.
 
 --behind takes Debian packages of which the archive holds three versions (CHAINS), publishes the
 newest as version 12 with --previous naming the two before (and a patch cache, timed empty and
@@ -28,7 +35,15 @@ from pathlib import Path
 import bench
 import link
 
-MEMBER = "./usr/lib/libreoffice/program/libmergedlo.so"
+LIBREOFFICE = ("libreoffice-core", "4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14")
+PAIRS = {
+    "libmergedlo.so": LIBREOFFICE + ("./usr/lib/libreoffice/program/libmergedlo.so",),
+    "libcuilo.so": LIBREOFFICE + ("./usr/lib/libreoffice/program/libcuilo.so",),
+    "libcrypto.so.3": ("libssl3", "3.0.20-1~deb12u2", "3.0.22-1~deb12u2",
+                       "./usr/lib/x86_64-linux-gnu/libcrypto.so.3"),
+    "postgres": ("postgresql-15", "15.18-0+deb12u1", "15.20-0+deb12u1",
+                 "./usr/lib/postgresql/15/bin/postgres"),
+}
 # Three versions each, oldest first: what bookworm, bookworm-updates and bookworm-security held
 # on 25 November 2026. libreoffice-core has only two there.
 CHAINS = {
@@ -45,14 +60,13 @@ def build(build_dir):
     return build_dir / "bench" / "patchtool", build_dir / "tools" / "update-publish"
 
 
-def extract(deb, work, name):
-    """The library out of one .deb, by dpkg-deb and tar."""
-    target = work / name
-    target.mkdir()
+def extract(deb, member, target):
+    """One file out of a .deb, by dpkg-deb and tar."""
+    target.mkdir(parents=True)
     tar = subprocess.Popen(["dpkg-deb", "--fsys-tarfile", str(deb)], stdout=subprocess.PIPE)
-    subprocess.run(["tar", "-x", "-C", str(target), MEMBER], stdin=tar.stdout, check=True)
+    subprocess.run(["tar", "-x", "-C", str(target), member], stdin=tar.stdout, check=True)
     tar.wait()
-    return target / MEMBER
+    return target / member
 
 
 def timed(command):
@@ -167,36 +181,71 @@ def report_behind(rows):
     print("\n" + bench.machine_line())
 
 
-def apply_pair(tool, args, work):
-    old, new = args.old, args.new
-    if not (old and new):
-        debs = sorted(args.downloads.glob("libreoffice-core_*.deb"))
-        if len(debs) < 2:
-            sys.exit("no pair: run bench/run.sh --link once, or give --old and --new")
-        old, new = extract(debs[-2], work, "old"), extract(debs[-1], work, "new")
-    patch = work / "patch"
-    made, _ = timed([str(tool), "diff", str(old), str(new), str(patch)])
-    bench.log("patch of %.1f MB from %.1f MB made in %.1f s"
-              % (patch.stat().st_size / 1e6, new.stat().st_size / 1e6, made))
-    contenders = {"bspatch": ["bspatch"], "updater's applier": [str(tool), "apply"]}
-    results = {name: [] for name in contenders}
-    for round_number in range(args.rounds):
-        for name, command in contenders.items():
-            out = work / "out"
-            out.unlink(missing_ok=True)
-            results[name].append(timed(command + [str(old), str(out), str(patch)]))
-            if md5(out) != md5(new):
-                sys.exit("%s did not make the new file" % name)
-            bench.log("%-18s round %d: %.2f s" % (name, round_number + 1, results[name][-1][0]))
+def xz_size(path):
+    packed = subprocess.run(["xz", "-9", "-T1", "-c", str(path)], stdout=subprocess.PIPE,
+                            check=True).stdout
+    return len(packed)
 
-    print("\n| applier | median s | min s | max s | peak RSS MB | vs bspatch |")
+
+def measure(name, tool, downloads, work, rounds):
+    package, old_version, new_version, member = PAIRS[name]
+    (_, old_deb), (_, new_deb) = link.fetch_debs(downloads, package, [old_version, new_version])
+    old = extract(old_deb, member, work / name / "old")
+    new = extract(new_deb, member, work / name / "new")
+    patches = {"Debian bsdiff": work / name / "debian", "ours, bsdiff format": work / name / "ours",
+               "ours, executable-aware": work / name / "executable"}
+    makers = {"Debian bsdiff": ["bsdiff"], "ours, bsdiff format": [str(tool), "diff"],
+              "ours, executable-aware": [str(tool), "xdiff"]}
+    made = {}
+    for kind, command in makers.items():
+        made[kind] = timed(command + [str(old), str(new), str(patches[kind])])
+        bench.log("%s %s: %d B in %.1f s" % (name, kind, patches[kind].stat().st_size,
+                                            made[kind][0]))
+    if patches["Debian bsdiff"].read_bytes() != patches["ours, bsdiff format"].read_bytes():
+        sys.exit("%s: our bsdiff patch differs from Debian's" % name)
+    appliers = {"bspatch": (["bspatch"], "Debian bsdiff"),
+                "ours on bsdiff": ([str(tool), "apply"], "Debian bsdiff"),
+                "ours on executable-aware": ([str(tool), "apply"], "ours, executable-aware")}
+    applied = {applier: [] for applier in appliers}
+    wanted = md5(new)
+    for round_number in range(rounds):
+        for applier, (command, kind) in appliers.items():
+            out = work / name / "out"
+            out.unlink(missing_ok=True)
+            applied[applier].append(timed(command + [str(old), str(out), str(patches[kind])]))
+            if md5(out) != wanted:
+                sys.exit("%s: %s did not make the new file" % (name, applier))
+        bench.log("%s apply round %d: %s" % (name, round_number + 1, ", ".join(
+            "%s %.2f s" % (a, runs[-1][0]) for a, runs in applied.items())))
+    sizes = {kind: path.stat().st_size for kind, path in patches.items()}
+    return {"new": new.stat().st_size, "xz": xz_size(new), "sizes": sizes, "made": made,
+            "applied": applied}
+
+
+def report(results):
+    print("\n| file | new B | Debian bsdiff B | ours, bsdiff format B | ours, executable-aware B "
+          "| executable-aware / bsdiff | xz -9 of new B |")
+    print("|---|---|---|---|---|---|---|")
+    for name, r in results.items():
+        s = r["sizes"]
+        print("| %s | %d | %d | %d | %d | %.3f | %d |"
+              % (name, r["new"], s["Debian bsdiff"], s["ours, bsdiff format"],
+                 s["ours, executable-aware"],
+                 s["ours, executable-aware"] / s["Debian bsdiff"], r["xz"]))
+    print("\n| file | making with | s | peak RSS MB |")
+    print("|---|---|---|---|")
+    for name, r in results.items():
+        for kind, (seconds, peak) in r["made"].items():
+            print("| %s | %s | %.1f | %.0f |" % (name, kind, seconds, peak))
+    print("\n| file | applier | median s | min s | peak RSS MB | median / bspatch's |")
     print("|---|---|---|---|---|---|")
-    reference = statistics.median(s for s, _ in results["bspatch"])
-    for name, runs in results.items():
-        seconds = [s for s, _ in runs]
-        print("| %s | %.2f | %.2f | %.2f | %.0f | %.2f |"
-              % (name, statistics.median(seconds), min(seconds), max(seconds),
-                 max(m for _, m in runs), statistics.median(seconds) / reference))
+    for name, r in results.items():
+        reference = statistics.median(s for s, _ in r["applied"]["bspatch"])
+        for applier, runs in r["applied"].items():
+            seconds = [s for s, _ in runs]
+            print("| %s | %s | %.2f | %.2f | %.0f | %.2f |"
+                  % (name, applier, statistics.median(seconds), min(seconds),
+                     max(m for _, m in runs), statistics.median(seconds) / reference))
 
 
 def main():
@@ -205,8 +254,8 @@ def main():
     parser.add_argument("--build-dir", type=Path, default=bench.REPO / "build-bench")
     parser.add_argument("--downloads", type=Path,
                         default=bench.REPO / "build-bench" / "downloads")
-    parser.add_argument("--old", type=Path)
-    parser.add_argument("--new", type=Path)
+    parser.add_argument("--only", default=",".join(PAIRS),
+                        help="comma-separated names of the pairs (default: all)")
     parser.add_argument("--behind", action="store_true")
     args = parser.parse_args()
 
@@ -215,7 +264,9 @@ def main():
         if args.behind:
             report_behind(behind(tool, publisher, args.downloads, args.rounds, Path(scratch)))
         else:
-            apply_pair(tool, args, Path(scratch))
+            downloads = args.downloads.resolve()
+            report({name: measure(name, tool, downloads, Path(scratch), args.rounds)
+                    for name in args.only.split(",")})
 
 
 if __name__ == "__main__":

@@ -2,9 +2,9 @@
 # The benchmark in one command on a fresh Debian 12 machine: installs what is missing (the
 # project's packages, then the peers and measuring tools), builds in Release and runs
 # bench/bench.py with the given options, or with --link first, bench/link.py (updates over an
-# emulated link, as root), or with --patch first, bench/patch.py (applying a binary patch against
-# bspatch; with --behind, what users one and two releases behind fetch), with the options after
-# it. See bench/README.md.
+# emulated link, as root), or with --patch first, bench/patch.py (binary patches of real Debian
+# files against bsdiff and bspatch; with --behind, what users one and two releases behind fetch),
+# with the options after it. See bench/README.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh

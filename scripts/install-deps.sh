@@ -8,7 +8,7 @@ packages=(
     libcurl4-openssl-dev libssl-dev zlib1g-dev
     nginx-light python3 python3-pyftpdlib tinyproxy openssl ca-certificates
     xvfb xauth xdotool imagemagick fonts-dejavu-core time
-    libzstd-dev libdivsufsort-dev libbz2-dev clang
+    libzstd-dev libdivsufsort-dev libbz2-dev liblzma-dev libzydis-dev clang
     minisign bsdiff zstd zsync iproute2
 )
 

@@ -23,8 +23,8 @@ void encodeNumber(qint64 value, char *bytes)
         bytes[7] = char(bytes[7] | 0x80);
 }
 
-// One bzip2 block of the patch, packed as it is fed, into memory: packed blocks are small
-// beside the files they describe.
+// One bzip2 block of the patch, packed into memory: packed blocks are small beside the files
+// they describe.
 class BlockWriter
 {
 public:
@@ -33,15 +33,12 @@ public:
     BlockWriter(const BlockWriter &) = delete;
     BlockWriter &operator=(const BlockWriter &) = delete;
 
-    void add(const char *data, size_t length)
+    // The packed block; false when bzip2 failed.
+    bool pack(const QByteArray &data, QByteArray *packed)
     {
         // bzip2 takes a call without input for an error.
-        if (length > 0)
-            run(data, length, BZ_RUN);
-    }
-    // The packed block; false when bzip2 failed.
-    bool finish(QByteArray *packed)
-    {
+        if (!data.isEmpty())
+            run(data.constData(), size_t(data.size()), BZ_RUN);
         run(nullptr, 0, BZ_FINISH);
         *packed = output;
         return ok;
@@ -80,11 +77,12 @@ private:
 class Differ
 {
 public:
-    Differ(const uchar *old, Index oldSize, const uchar *now, Index newSize)
+    Differ(const uchar *old, Index oldSize, const uchar *now, Index newSize, BinaryDiff *streams)
         : old(old)
         , oldSize(oldSize)
         , now(now)
         , newSize(newSize)
+        , streams(*streams)
     {}
 
     bool sortSuffixes()
@@ -95,12 +93,6 @@ public:
         return oldSize == 0 || divsufsort(old, suffixes.data() + 1, saidx_t(oldSize)) == 0;
     }
     void diff();
-    bool finish(QByteArray *control, QByteArray *diffBytes, QByteArray *extraBytes)
-    {
-        const bool controlOk = controlBlock.finish(control);
-        const bool diffOk = diffBlock.finish(diffBytes);
-        return extraBlock.finish(extraBytes) && controlOk && diffOk;
-    }
 
 private:
     Index matchLength(Index oldPosition, Index newPosition) const
@@ -124,11 +116,8 @@ private:
     Index oldSize;
     const uchar *now;
     Index newSize;
+    BinaryDiff &streams;
     std::vector<saidx_t> suffixes;
-    BlockWriter controlBlock;
-    BlockWriter diffBlock;
-    BlockWriter extraBlock;
-    std::vector<char> scratch;
     Index lastScan = 0;
     Index lastPosition = 0;
     Index lastOffset = 0;
@@ -230,18 +219,19 @@ void Differ::writeStretch(Index scan, Index lengthBack, Index position)
         lengthBack -= split;
     }
 
-    scratch.resize(size_t(lengthForward));
+    const qsizetype diffStart = streams.diff.size();
+    streams.diff.resize(diffStart + lengthForward);
+    char *to = streams.diff.data() + diffStart;
     for (Index i = 0; i < lengthForward; ++i)
-        scratch[size_t(i)] = char(now[lastScan + i] - old[lastPosition + i]);
-    diffBlock.add(scratch.data(), scratch.size());
+        to[i] = char(now[lastScan + i] - old[lastPosition + i]);
     const Index extraLength = (scan - lengthBack) - (lastScan + lengthForward);
-    extraBlock.add(reinterpret_cast<const char *>(now + lastScan + lengthForward),
-                   size_t(extraLength));
+    streams.extra.append(reinterpret_cast<const char *>(now + lastScan + lengthForward),
+                         extraLength);
     char triple[24];
     encodeNumber(lengthForward, triple);
     encodeNumber(extraLength, triple + 8);
     encodeNumber((position - lengthBack) - (lastPosition + lengthForward), triple + 16);
-    controlBlock.add(triple, sizeof triple);
+    streams.control.append(triple, sizeof triple);
 
     lastScan = scan - lengthBack;
     lastPosition = position - lengthBack;
@@ -249,6 +239,16 @@ void Differ::writeStretch(Index scan, Index lengthBack, Index position)
 }
 
 } // namespace
+
+bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSize,
+                BinaryDiff *streams)
+{
+    Differ differ(old, oldSize, now, newSize, streams);
+    if (!differ.sortSuffixes())
+        return false;
+    differ.diff();
+    return true;
+}
 
 QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString *error)
 {
@@ -259,16 +259,16 @@ QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString
     const auto bytes = [](const QByteArray &data) {
         return reinterpret_cast<const uchar *>(data.constData());
     };
-    Differ differ(bytes(old), old.size(), bytes(now), now.size());
-    if (!differ.sortSuffixes()) {
+    BinaryDiff streams;
+    if (!diffBinary(bytes(old), old.size(), bytes(now), now.size(), &streams)) {
         *error = QStringLiteral("cannot sort the suffixes of the base");
         return QByteArray();
     }
-    differ.diff();
     QByteArray control;
     QByteArray diff;
     QByteArray extra;
-    if (!differ.finish(&control, &diff, &extra)) {
+    if (!BlockWriter().pack(streams.control, &control) || !BlockWriter().pack(streams.diff, &diff)
+        || !BlockWriter().pack(streams.extra, &extra)) {
         *error = QStringLiteral("bzip2 failed to pack the patch");
         return QByteArray();
     }

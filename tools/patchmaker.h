@@ -9,4 +9,4 @@ QByteArray makePatch(const QByteArray &base, const QByteArray &target);
 
 // Names what makePatch makes: it changes whenever makePatch would make other bytes for the same
 // pair, so that patches kept from an earlier maker are not taken for this one's.
-inline constexpr char patchMakerName[] = "bsdiff40";
+inline constexpr char patchMakerName[] = "smaller-of-bsdiff40-and-elf1";

@@ -25,9 +25,9 @@ namespace {
 
 const QString patchesFolder = QStringLiteral("patches");
 
-// With the suffix array and both files mapped, a diff peaks at 6.3 bytes per byte of the base
-// (438 MB for a library of 69 MB); the rest is margin.
-constexpr qint64 memoryPerBaseByte = 7;
+// With the suffix array and both files mapped, bsdiff peaks at 6.3 bytes per byte of the base
+// (438 MB for a library of 69 MB), the executable-aware diff at 7.8 (540 MB); the rest is margin.
+constexpr qint64 memoryPerBaseByte = 9;
 
 // Lets jobs run only while their estimated memory fits; one job always runs, however large.
 class MemoryBudget

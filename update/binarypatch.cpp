@@ -1,6 +1,8 @@
 #include "update/binarypatch.h"
 
-#include "update/md5hash.h"
+#include "update/bsdiffpatcher.h"
+#include "update/executablepatch.h"
+#include "update/patchstream.h"
 
 #include <QFile>
 
@@ -13,21 +15,9 @@ namespace {
 
 constexpr qint64 headerSize = 32;
 constexpr qint64 blockSize = 262144;
-constexpr qint64 outputSize = 1048576;
-// Larger sizes or offsets come only from a hostile patch; below this bound sums cannot overflow.
-constexpr qint64 sizeLimit = qint64(1) << 61;
-
-// bsdiff's signed 64-bit numbers: magnitude little-endian, sign in the top bit of the last byte.
-qint64 decodeNumber(const unsigned char *bytes)
-{
-    quint64 magnitude = bytes[7] & 0x7f;
-    for (int i = 6; i >= 0; --i)
-        magnitude = magnitude << 8 | bytes[i];
-    return bytes[7] & 0x80 ? -qint64(magnitude) : qint64(magnitude);
-}
 
 // Reads one bzip2 block of the patch, which lies in [start, end) of the file.
-class BlockReader
+class BlockReader : public PatchStream
 {
 public:
     BlockReader(const QString &path, qint64 start, qint64 end)
@@ -38,7 +28,7 @@ public:
         opened = file.open(QIODevice::ReadOnly) && file.seek(start)
                  && BZ2_bzDecompressInit(&stream, 0, 0) == BZ_OK;
     }
-    ~BlockReader()
+    ~BlockReader() override
     {
         if (opened)
             BZ2_bzDecompressEnd(&stream);
@@ -46,8 +36,7 @@ public:
     BlockReader(const BlockReader &) = delete;
     BlockReader &operator=(const BlockReader &) = delete;
 
-    // Exactly length bytes (at most blockSize) of the unpacked block, or false.
-    bool read(char *data, qint64 length)
+    bool read(char *data, qint64 length) override
     {
         if (!opened)
             return false;
@@ -69,8 +58,7 @@ public:
         return true;
     }
 
-    // Whether the block ends here, whole: its checksum is only checked at its end.
-    bool atEnd()
+    bool atEnd() override
     {
         char byte;
         return ended || (!read(&byte, 1) && ended);
@@ -95,114 +83,36 @@ private:
     bool ended = false;
 };
 
-class Patcher
+bool applyBsdiff(QFile &output, QFile &base, QFile &patch, QString *md5, qint64 expectedSize)
 {
-public:
-    Patcher(const uchar *base, qint64 baseSize, QFile &output)
-        : base(base)
-        , baseSize(baseSize)
-        , output(output)
-        , buffer(new char[outputSize])
-    {}
+    unsigned char header[headerSize];
+    if (patch.read(reinterpret_cast<char *>(header), headerSize) != headerSize
+        || memcmp(header, "BSDIFF40", 8) != 0)
+        return false;
+    const qint64 controlSize = decodeBsdiffNumber(header + 8);
+    const qint64 diffSize = decodeBsdiffNumber(header + 16);
+    const qint64 newSize = decodeBsdiffNumber(header + 24);
+    const qint64 patchSize = patch.size();
+    if (controlSize < 0 || diffSize < 0 || newSize < 0 || newSize >= patchSizeLimit
+        || (expectedSize >= 0 && newSize != expectedSize) || controlSize > patchSize - headerSize
+        || diffSize > patchSize - headerSize - controlSize)
+        return false;
+    const qint64 baseSize = base.size();
+    const uchar *mapped = baseSize > 0 ? base.map(0, baseSize) : nullptr;
+    if (baseSize >= patchSizeLimit || (baseSize > 0 && !mapped))
+        return false;
+    const qint64 diffStart = headerSize + controlSize;
+    BlockReader control(patch.fileName(), headerSize, diffStart);
+    BlockReader diff(patch.fileName(), diffStart, diffStart + diffSize);
+    BlockReader extra(patch.fileName(), diffStart + diffSize, patchSize);
+    BsdiffPatcher patcher(mapped, baseSize, newSize, output);
+    if (!patcher.run(control, diff, extra))
+        return false;
+    *md5 = patcher.md5();
+    return true;
+}
 
-    bool run(const QString &patch, qint64 patchSize, const unsigned char *header)
-    {
-        const qint64 controlSize = decodeNumber(header + 8);
-        const qint64 diffSize = decodeNumber(header + 16);
-        newSize = decodeNumber(header + 24);
-        if (controlSize < 0 || diffSize < 0 || newSize < 0 || newSize >= sizeLimit
-            || controlSize > patchSize - headerSize
-            || diffSize > patchSize - headerSize - controlSize)
-            return false;
-        const qint64 diffStart = headerSize + controlSize;
-        BlockReader control(patch, headerSize, diffStart);
-        BlockReader diff(patch, diffStart, diffStart + diffSize);
-        BlockReader extra(patch, diffStart + diffSize, patchSize);
-        while (newPosition < newSize) {
-            unsigned char triple[24];
-            if (!control.read(reinterpret_cast<char *>(triple), sizeof triple))
-                return false;
-            const qint64 diffLength = decodeNumber(triple);
-            const qint64 extraLength = decodeNumber(triple + 8);
-            const qint64 seek = decodeNumber(triple + 16);
-            if (diffLength < 0 || diffLength > newSize - newPosition || !copyDiff(diff, diffLength)
-                || extraLength < 0 || extraLength > newSize - newPosition
-                || !copyExtra(extra, extraLength) || seek < -sizeLimit || seek > sizeLimit)
-                return false;
-            // A patch that bsdiff made never seeks outside the base.
-            basePosition += seek;
-            if (basePosition < 0 || basePosition > baseSize)
-                return false;
-        }
-        return flush() && control.atEnd() && diff.atEnd() && extra.atEnd();
-    }
-
-    QString md5() const { return hash.result(); }
-
-private:
-    // New bytes are the diff bytes plus the base bytes at the same offset; past the end of the
-    // base nothing is added.
-    bool copyDiff(BlockReader &diff, qint64 length)
-    {
-        while (length > 0) {
-            const qint64 n = room(length);
-            auto *to = reinterpret_cast<uchar *>(buffer.get() + filled);
-            if (n < 0 || !diff.read(reinterpret_cast<char *>(to), n))
-                return false;
-            const qint64 overlap = qBound(qint64(0), baseSize - basePosition, n);
-            const uchar *from = base + basePosition;
-            for (qint64 i = 0; i < overlap; ++i)
-                to[i] += from[i];
-            filled += n;
-            newPosition += n;
-            basePosition += n;
-            length -= n;
-        }
-        return true;
-    }
-
-    bool copyExtra(BlockReader &extra, qint64 length)
-    {
-        while (length > 0) {
-            const qint64 n = room(length);
-            if (n < 0 || !extra.read(buffer.get() + filled, n))
-                return false;
-            filled += n;
-            newPosition += n;
-            length -= n;
-        }
-        return true;
-    }
-
-    // How much of wanted fits into the output buffer, after writing it out when full; -1 when
-    // that failed. Patches made of many short stretches would otherwise cost a write each.
-    qint64 room(qint64 wanted)
-    {
-        if (filled == outputSize && !flush())
-            return -1;
-        return qMin(wanted, outputSize - filled);
-    }
-
-    bool flush()
-    {
-        if (output.write(buffer.get(), filled) != filled)
-            return false;
-        hash.addData(buffer.get(), filled);
-        filled = 0;
-        return true;
-    }
-
-    const uchar *base;
-    qint64 baseSize;
-    QFile &output;
-    std::unique_ptr<char[]> buffer;
-    qint64 filled = 0;
-    Md5Hash hash;
-    qint64 newSize = 0;
-    qint64 newPosition = 0;
-    qint64 basePosition = 0;
-};
-
+// The one place where patch formats are told apart, by their magic bytes.
 bool patch(QFile &output, const QString &basePath, const QString &patchPath, QString *md5,
            qint64 expectedSize)
 {
@@ -210,20 +120,9 @@ bool patch(QFile &output, const QString &basePath, const QString &patchPath, QSt
     QFile patch(patchPath);
     if (!base.open(QIODevice::ReadOnly) || !patch.open(QIODevice::ReadOnly))
         return false;
-    unsigned char header[headerSize];
-    if (patch.read(reinterpret_cast<char *>(header), headerSize) != headerSize
-        || memcmp(header, "BSDIFF40", 8) != 0
-        || (expectedSize >= 0 && decodeNumber(header + 24) != expectedSize))
-        return false;
-    const qint64 baseSize = base.size();
-    const uchar *mapped = baseSize > 0 ? base.map(0, baseSize) : nullptr;
-    if (baseSize >= sizeLimit || (baseSize > 0 && !mapped))
-        return false;
-    Patcher patcher(mapped, baseSize, output);
-    if (!patcher.run(patchPath, patch.size(), header))
-        return false;
-    *md5 = patcher.md5();
-    return true;
+    if (isExecutablePatch(patch.peek(executablePatchMagicSize)))
+        return applyExecutablePatch(output, base, patch, md5, expectedSize);
+    return applyBsdiff(output, base, patch, md5, expectedSize);
 }
 
 } // namespace
