@@ -5,6 +5,7 @@
 #include "update/binarypatch.h"
 #include "update/directoryupdate.h"
 
+#include <QCryptographicHash>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
@@ -239,11 +240,20 @@ void tst_UpdatePublish::roundTrip()
              key("x/y/f") + ": missing"});
     damage.sort();
     QCOMPARE(found, damage);
-    // The patches are not made again.
+    // The patches are not made again, but one the cache holds damaged is.
+    const QStringList cached =
+            treeBelow(dir.filePath("cache"))
+                    .keys()
+                    .filter(QCryptographicHash::hash(newLibrary, QCryptographicHash::Sha256)
+                                    .toHex());
+    QCOMPARE(cached.size(), 2);
+    QVERIFY(writeTestFile(dir.filePath("cache/" + cached[0]), "damaged"));
     publisher.setReplaceExisting(true);
     QVERIFY(publisher.publish());
-    QCOMPARE(publisher.cachedPatchCount(), 2);
+    QCOMPARE(publisher.cachedPatchCount(), 1);
     QCOMPARE(problemsOf(list), QStringList());
+    QVERIFY(publisher.publish());
+    QCOMPARE(publisher.cachedPatchCount(), 2);
 
     const QString upperCase = listed["orlivo"].md5.toUpper();
     editList(list, key("orlivo"), 0, upperCase);
