@@ -27,10 +27,16 @@ AnnouncedVersion::AnnouncedVersion(const QString &clientType)
 
 int AnnouncedVersion::installedVersion()
 {
-    return QSettings(QDir(getAppRootPath()).filePath(QStringLiteral("update.ini")),
-                     QSettings::IniFormat)
-            .value(QStringLiteral("installed/version"), 0)
-            .toInt();
+    const QString recorded =
+            QSettings(QDir(getAppRootPath()).filePath(QStringLiteral("update.ini")),
+                      QSettings::IniFormat)
+                    .value(QStringLiteral("installed/version"))
+                    .toString();
+    if (recorded.isEmpty())
+        return 0;
+    bool ok = false;
+    const int version = recorded.toInt(&ok, 10);
+    return ok && version >= 0 && recorded.trimmed() == recorded ? version : -1;
 }
 
 bool AnnouncedVersion::query()

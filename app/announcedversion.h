@@ -14,7 +14,8 @@ public:
     bool query();
     QString version() const { return text; }
     bool serverAnswered() const { return answered; }
-    // The version update.ini records as installed; 0 when none is recorded.
+    // The version update.ini records as installed; 0 when none is recorded, -1 when what it
+    // records is not a decimal number.
     static int installedVersion();
 
 private:

@@ -35,7 +35,11 @@ int runVersionCheck(int argc, char **argv)
         return cannotTell;
     }
     const int installed = AnnouncedVersion::installedVersion();
-    if (installed <= 0) {
+    if (installed < 0) {
+        std::fprintf(stderr, "update.ini records an installed version that is not a number\n");
+        return cannotTell;
+    }
+    if (installed == 0) {
         std::printf("%d available, installed version unknown\n", available);
         return updateAvailable;
     }

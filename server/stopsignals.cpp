@@ -29,8 +29,11 @@ StopSignals::StopSignals(QObject *parent)
 {
     const sigset_t stops = stopSet();
     descriptor = signalfd(-1, &stops, SFD_NONBLOCK | SFD_CLOEXEC);
-    if (descriptor < 0)
+    if (descriptor < 0) {
+        // Stopped the hard way rather than never.
+        pthread_sigmask(SIG_UNBLOCK, &stops, nullptr);
         return;
+    }
     notifier = std::make_unique<QSocketNotifier>(descriptor, QSocketNotifier::Read);
     connect(notifier.get(), &QSocketNotifier::activated, this, &StopSignals::readSignal);
 }

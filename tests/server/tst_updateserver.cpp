@@ -150,29 +150,33 @@ private slots:
         QTest::addColumn<QByteArray>("reply"); // empty: nobody answers
         QTest::addColumn<QString>("pointer");
         QTest::addColumn<bool>("trusted");
-        QTest::addColumn<int>("installed");
+        QTest::addColumn<QByteArray>("installed");
         QTest::addColumn<int>("status");
         QTest::addColumn<QByteArray>("line");
-        QTest::newRow("server newer") << QByteArray("12,3060,100") << "none" << false << 11 << 10
-                                      << QByteArray("12 available, 11 installed");
-        QTest::newRow("server same")
-                << QByteArray("12") << "none" << false << 12 << 0 << QByteArray("up to date (12)");
+        QTest::newRow("server newer")
+                << QByteArray("12,3060,100") << "none" << false << QByteArray("11") << 10
+                << QByteArray("12 available, 11 installed");
+        QTest::newRow("server same") << QByteArray("12") << "none" << false << QByteArray("12") << 0
+                                     << QByteArray("up to date (12)");
         QTest::newRow("server frozen, signed pointer newer")
-                << QByteArray("11") << "signed" << true << 11 << 10
+                << QByteArray("11") << "signed" << true << QByteArray("11") << 10
                 << QByteArray("12 available, 11 installed");
         QTest::newRow("no server, signed pointer")
-                << QByteArray() << "signed" << true << 12 << 0 << QByteArray("up to date (12)");
+                << QByteArray() << "signed" << true << QByteArray("12") << 0
+                << QByteArray("up to date (12)");
         QTest::newRow("no server, unsigned pointer, no key")
-                << QByteArray() << "unsigned" << false << 11 << 10
+                << QByteArray() << "unsigned" << false << QByteArray("11") << 10
                 << QByteArray("12 available, 11 installed");
         QTest::newRow("no server, unsigned pointer")
-                << QByteArray() << "unsigned" << true << 11 << 1 << QByteArray();
+                << QByteArray() << "unsigned" << true << QByteArray("11") << 1 << QByteArray();
         QTest::newRow("no server, expired pointer")
-                << QByteArray() << "expired" << true << 11 << 1 << QByteArray();
+                << QByteArray() << "expired" << true << QByteArray("11") << 1 << QByteArray();
         QTest::newRow("no server, pointer below installed")
-                << QByteArray() << "signed" << true << 13 << 1 << QByteArray();
+                << QByteArray() << "signed" << true << QByteArray("13") << 1 << QByteArray();
         QTest::newRow("no server, no pointer")
-                << QByteArray() << "none" << true << 11 << 1 << QByteArray();
+                << QByteArray() << "none" << true << QByteArray("11") << 1 << QByteArray();
+        QTest::newRow("installed version not a number")
+                << QByteArray("12") << "none" << false << QByteArray("12a") << 1 << QByteArray();
     }
 
     void check()
@@ -180,7 +184,7 @@ private slots:
         QFETCH(QByteArray, reply);
         QFETCH(QString, pointer);
         QFETCH(bool, trusted);
-        QFETCH(int, installed);
+        QFETCH(QByteArray, installed);
         QFETCH(int, status);
         QFETCH(QByteArray, line);
         const QString latest = mirrorRoot + '/' + clientType + ".latest";
@@ -206,8 +210,8 @@ private slots:
             port = QByteArray::number(server->port);
         }
         QByteArray out, err;
-        QCOMPARE(check("[update]\nserver=127.0.0.1:" + port
-                               + "\n[installed]\nversion=" + QByteArray::number(installed) + '\n',
+        QCOMPARE(check("[update]\nserver=127.0.0.1:" + port + "\n[installed]\nversion=" + installed
+                               + '\n',
                        trusted, &out, &err),
                  status);
         QCOMPARE(out, line.isEmpty() ? line : line + '\n');
