@@ -467,6 +467,7 @@ def prepare_many(work, publisher, deb, dereference, options):
     stamp = root / "stamp"
     if not stamp.exists():
         shutil.rmtree(root, ignore_errors=True)
+        root.mkdir(parents=True)
         unpack(deb, root / "files", dereference)
         publish(publisher, root / "files", VERSION, root / "mirror" / "many", options)
         stamp.touch()
@@ -742,7 +743,9 @@ def main():
     work = (args.work or Path(os.environ.get("TMPDIR", "/tmp")) / ("orlivo-link-%d" % os.getpid()))
     work = work.resolve()
     work.mkdir(parents=True, exist_ok=True)
-    names = args.only.split(",") if args.only else ["libreoffice", "resume", "many", "mirrors"]
+    # The smoke run leaves out the workloads that need a large download or many minutes.
+    names = (args.only.split(",") if args.only else
+             ["libreoffice", "resume"] + ([] if args.tiny else ["many", "mirrors"]))
     args.delays = [int(d) for d in args.many_delays.split(",")]
     dereference = bench.publisher_offers(publisher, "--dereference")
     options = list(args.publish_option) + (["--dereference"] if dereference else [])
