@@ -245,7 +245,7 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
         record->stream->getProgress(&done, &size);
         const double remaining = double(size) - double(done);
         const double slowRate = record->transferRate(qint64(done));
-        if (remaining <= 0 || slowRate * 2 > fastRate)
+        if (remaining <= 0 || !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))
             continue;
         const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
         const double gainMs = slowMs - remaining * 1000 / fastRate;

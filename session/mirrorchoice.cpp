@@ -153,5 +153,10 @@ double MirrorChoice::rate(int m) const
 
 bool MirrorChoice::isMuchSlower(int m, int than) const
 {
-    return rate(m) > 0 && rate(than) >= muchSlowerFactor * rate(m);
+    return rate(m) > 0 && isMuchSlowerRate(rate(m), rate(than));
+}
+
+bool MirrorChoice::isMuchSlowerRate(double rate, double than)
+{
+    return than > 0 && than >= muchSlowerFactor * rate;
 }

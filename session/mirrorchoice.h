@@ -34,6 +34,8 @@ public:
     double rate(int m) const;
     // Both are measured and than delivers many times what m does.
     bool isMuchSlower(int m, int than) const;
+    // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
+    static bool isMuchSlowerRate(double rate, double than);
 
 private:
     struct Rate

@@ -292,7 +292,8 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
     // Requests that start together wait for the first connection rather than open their own.
     if (mayMultiplex())
         set(CURLOPT_PIPEWAIT, 1L);
-    if (current && current->expectedLength > largeReceiveBuffer)
+    // Not over HTTP/2: libcurl 7.88 fails a stream whose buffer differs from its connection's.
+    if (!mayMultiplex() && current && current->expectedLength > largeReceiveBuffer)
         set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
     if (!headOnly && current && current->offset > 0) {
         // HTTP gets a plain range: with RESUME_FROM libcurl fails on a server that sends the
