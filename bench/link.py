@@ -360,6 +360,7 @@ CONTENDERS = [("updater", None, updater("patched")),
 class LinkContext(bench.Context):
     link: Link = None
     publisher: str = None
+    baseline: str = None
 
 
 def run_update(ctx, update, rounds):
@@ -508,8 +509,8 @@ def updater_in(rnd, update_bin, urls):
     return [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION], env
 
 
-def run_updater_at(ctx, launcher, urls, rnd):
-    command, env = updater_in(rnd, ctx.update_bin, urls)
+def run_updater_at(ctx, launcher, urls, rnd, update_bin=None):
+    command, env = updater_in(rnd, update_bin or ctx.update_bin, urls)
     return bench.measure(command, rnd, env=env, stamps=bench.UPDATER_PHASES, launcher=launcher)
 
 
@@ -545,6 +546,9 @@ def link_contenders(ctx, launcher, links, entries, https):
     base = links[0].url("many")
     found = []
     found.append(("updater", lambda rnd: run_updater_at(ctx, launcher, [base], rnd)))
+    if ctx.baseline:
+        found.append(("updater before", lambda rnd: run_updater_at(ctx, launcher, [base], rnd,
+                                                                  ctx.baseline)))
     for n in (4, 16):
         found.append(("curl --parallel %d, HTTP/1.1" % n, lambda rnd, n=n: run_curl_at(
             launcher, base, entries, rnd, "--http1.1 --parallel-max %d" % n)))
@@ -633,12 +637,15 @@ def report_link_tables(tables, rate):
         print("%s: %d files, %.1f MB on the mirror; the link's limit (bytes / rate) %.2f s"
               % (label, count, size / 1e6, limit))
         print()
-        print("| contender | median s | min s | median / limit |")
-        print("|---|---|---|---|")
+        print("| contender | median s | min s | median / limit | updater's download s |")
+        print("|---|---|---|---|---|")
         for name, ms in results.items():
             times = [m.seconds for m in ms]
-            print("| %s | %.2f | %.2f | %.2f |" % (name, statistics.median(times), min(times),
-                                                   statistics.median(times) / limit))
+            downloads = [m.phases["Download finished."] for m in ms
+                         if "Download finished." in m.phases]
+            print("| %s | %.2f | %.2f | %.2f | %s |" % (
+                name, statistics.median(times), min(times), statistics.median(times) / limit,
+                "%.2f" % statistics.median(downloads) if downloads else ""))
 
 
 # --- reporting -----------------------------------------------------------------------------------
@@ -702,6 +709,8 @@ def parse_arguments():
                         help="passed to every publish, e.g. --publish-option=--compress=zstd")
     parser.add_argument("--rate", default="20mbit")
     parser.add_argument("--delay-ms", type=int, default=20, help="held in each direction")
+    parser.add_argument("--baseline-update", type=Path,
+                        help="an earlier update binary, timed beside this one in many")
     parser.add_argument("--many-delays", default="20,50",
                         help="ms held in each direction for the many and mirrors workloads")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
@@ -775,7 +784,9 @@ def main():
         use_namespace = namespace.name is not None
         link = Link(work / "releases" / "mirrors", work / "nginx", namespace, args.delay_ms)
         ctx = LinkContext(Path(update_bin).resolve(), work, launcher=namespace.launcher,
-                          link=link, publisher=publisher)
+                          link=link, publisher=publisher,
+                          baseline=str(args.baseline_update.resolve()) if args.baseline_update
+                          else None)
         if update:
             results = run_update(ctx, update, args.rounds)
         if "many" in names:
