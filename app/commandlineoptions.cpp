@@ -72,22 +72,22 @@ QString parseCommandLineOptions(CommandLineOptions *options, const QString &fall
     if (count < 2 || count > 4)
         return defaultParametersResult(options, fallbackVersion);
 
-    options->runMode = 0;
+    options->runMode = CommandLineOptions::RunModeNotSet;
     QString error;
     if (count == 3) {
-        options->runMode = 1;
+        options->runMode = CommandLineOptions::Interactive;
         error = getClientTypeVersion(options, arguments, 1);
     } else if (arguments.at(1) != unattendedSwitch) {
         error = QStringLiteral("--nouser option is missed");
     } else if (count == 4) {
-        options->runMode = 2;
+        options->runMode = CommandLineOptions::Unattended;
         error = getClientTypeVersion(options, arguments, 2);
     } else if (getDefaultParameters(options, fallbackVersion)) {
-        options->runMode = 2;
+        options->runMode = CommandLineOptions::Unattended;
     } else {
         error = defaultsFailedText();
     }
-    if (options->runMode != 0)
+    if (options->runMode != CommandLineOptions::RunModeNotSet)
         return error;
 
     // A wrong first argument counts as no arguments at all, and a failed derivation under
@@ -143,6 +143,6 @@ bool getDefaultParameters(CommandLineOptions *options, const QString &fallbackVe
     options->clientVersion = toVersionNumber(version, &ok);
     if (!ok)
         return false;
-    options->runMode = 1;
+    options->runMode = CommandLineOptions::Interactive;
     return true;
 }

@@ -7,8 +7,9 @@
 // What the command line asks for: the client build to install and whether nobody watches.
 struct CommandLineOptions
 {
-    // 0 not set, 1 interactive, 2 unattended ("--nouser").
-    int runMode = 0;
+    // Unattended: "--nouser".
+    enum RunMode { RunModeNotSet, Interactive, Unattended };
+    RunMode runMode = RunModeNotSet;
     QString clientType;
     int clientVersion = 0;
     // The version is the update server's announcement, not the user's choice.

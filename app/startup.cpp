@@ -129,7 +129,7 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
     for (const QString &line : recovery)
         window->onAppendText(line);
     window->show();
-    if (options.runMode == 2) {
+    if (options.runMode == CommandLineOptions::Unattended) {
         auto *autoStart = new QTimer(window.get());
         autoStart->setSingleShot(true);
         autoStart->setInterval(autoStartDelayMs);

@@ -1,9 +1,9 @@
 #include "app/updatechecker.h"
 
 #include "app/apppaths.h"
+#include "app/updatesettings.h"
 
 #include <QDir>
-#include <QSettings>
 
 #include <memory>
 
@@ -28,9 +28,10 @@ struct ServerAddress
 // The built-in host, unless update.ini names another one as "host" or "host:port".
 bool readServerAddress(ServerAddress *address)
 {
-    const QSettings settings(QDir(getAppRootPath()).absoluteFilePath(QStringLiteral("update.ini")),
-                             QSettings::IniFormat);
-    const QString configured = settings.value(QStringLiteral("update/server")).toString();
+    const QString configured =
+            UpdateSettings::read(
+                    QDir(getAppRootPath()).absoluteFilePath(QStringLiteral("update.ini")), 1)
+                    .server;
     if (configured.isEmpty()) {
         address->host = QByteArrayLiteral(ORLIVO_UPDATE_SERVER);
         return true;

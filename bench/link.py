@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Times updates with real releases over an emulated link: 20 Mbit/s, 40 ms of round trip.
 
-usage: bench/link.py [--rounds N] [--only libreoffice,resume] [--tiny] [--downloads DIR] ...
+usage: bench/link.py [--rounds N] [--only libreoffice,resume,many,mirrors] [--tiny] ...
 
 Everything runs in a network namespace of its own: its loopback is throttled by tbf, and a
 delaying relay (bench/relay.py) stands between every client and nginx, counting the bytes it
@@ -10,6 +10,7 @@ delivers. See bench/README.md, "On a real link".
 import argparse
 import dataclasses
 import os
+import re
 import shlex
 import shutil
 import signal
@@ -27,6 +28,12 @@ OLD_VERSION = str(int(VERSION) - 1)
 PACKAGE = "libreoffice-core"
 PACKAGE_VERSIONS = ["4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14"]
 RESUME_SIZE = 200 * MIB
+# A fresh install of many small files (median 1.4 KB).
+MANY_PACKAGE, MANY_VERSION = "libreoffice-common", "4:7.4.7-1+deb12u14"
+# The same release on a mirror at the link's rate and on one at a tenth of it.
+MIRRORS_RELEASE = bench.Release("mirrors", 20, 0, 2 * MIB)
+SLOW_RATE = "2mbit"
+SYSTEM_CAS = "/etc/ssl/certs/ca-certificates.crt"
 
 
 # --- the link ------------------------------------------------------------------------------------
@@ -72,21 +79,26 @@ class Link:
     """nginx on a Unix socket serving the mirrors' root, behind the relay's loopback port. Only
     the relay's client side crosses the throttled loopback, so every byte is paid for once."""
 
-    def __init__(self, root, work, namespace, delay_ms):
+    def __init__(self, root, work, namespace, delay_ms, tls=None, rate=None):
+        """tls: (certificate, key) makes nginx speak HTTPS with HTTP/2 by ALPN; rate (bytes a
+        second) holds this mirror below the link's rate."""
         self.processes = []
+        self.scheme = "https" if tls else "http"
         self.launcher = list(namespace.launcher)
         # A short path: Unix socket names are limited to 108 bytes.
         self.socket_dir = Path(tempfile.mkdtemp(prefix="orlivo-link-"))
         sock = self.socket_dir / "mirror.sock"
         work.mkdir(parents=True, exist_ok=True)
         config = work / "nginx.conf"
-        config.write_text(bench.NGINX_CONFIG.format(work=work, listen="unix:%s" % sock,
-                                                    root=root))
+        listen = "unix:%s" % sock
+        if tls:
+            listen += " ssl http2; ssl_certificate %s; ssl_certificate_key %s" % tls
+        config.write_text(bench.NGINX_CONFIG.format(work=work, listen=listen, root=root))
         nginx = self.start(["/usr/sbin/nginx", "-p", str(work), "-c", str(config), "-e", "stderr"],
                            stderr=subprocess.DEVNULL)
         bench.wait_for_server(sock, nginx)
         self.relay = self.start(["/usr/bin/python3", str(Path(__file__).parent / "relay.py"),
-                                 str(delay_ms), str(sock)],
+                                 str(delay_ms), str(sock)] + ([str(rate)] if rate else []),
                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
         words = self.relay.stdout.readline().split()
         if len(words) != 2 or words[0] != "ready":
@@ -99,7 +111,7 @@ class Link:
         return process
 
     def url(self, mirror):
-        return "http://127.0.0.1:%d/%s/" % (self.port, mirror)
+        return "%s://127.0.0.1:%d/%s/" % (self.scheme, self.port, mirror)
 
     def delivered(self):
         """Bytes the relay has delivered to clients so far."""
@@ -347,6 +359,7 @@ CONTENDERS = [("updater", None, updater("patched")),
 class LinkContext(bench.Context):
     link: Link = None
     publisher: str = None
+    baseline: str = None
 
 
 def run_update(ctx, update, rounds):
@@ -430,6 +443,210 @@ def resume_case(ctx, size):
     return partial, size, result
 
 
+# --- many small files, uneven mirrors -------------------------------------------------------------
+
+def rate_bytes(rate):
+    """tc's "20mbit" in bytes a second."""
+    number, unit = re.fullmatch(r"([\d.]+)([km]?)bit", rate).groups()
+    return float(number) * {"": 1, "k": 1e3, "m": 1e6}[unit] / 8
+
+
+def fetch_many_deb(downloads):
+    downloads.mkdir(parents=True, exist_ok=True)
+    for deb in downloads.glob(MANY_PACKAGE + "_*.deb"):
+        if deb_version(deb) == MANY_VERSION:
+            return deb
+    run_checked(["apt-get", "download", "-q", "%s=%s" % (MANY_PACKAGE, MANY_VERSION)],
+                cwd=downloads)
+    return next(d for d in downloads.glob(MANY_PACKAGE + "_*.deb")
+                if deb_version(d) == MANY_VERSION)
+
+
+def prepare_many(work, publisher, deb, dereference, options):
+    root = work / "releases" / "many"
+    stamp = root / "stamp"
+    if not stamp.exists():
+        shutil.rmtree(root, ignore_errors=True)
+        root.mkdir(parents=True)
+        unpack(deb, root / "files", dereference)
+        publish(publisher, root / "files", VERSION, root / "mirror" / "many", options)
+        stamp.touch()
+    return root
+
+
+def make_test_ca(directory):
+    """A certificate for 127.0.0.1, its own CA, and the system's CAs with it in one bundle."""
+    directory.mkdir(parents=True, exist_ok=True)
+    cert, key, bundle = directory / "server.pem", directory / "server.key", directory / "cas.pem"
+    run_checked(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                 "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                 "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", str(key), "-out", str(cert)],
+                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    bundle.write_bytes(Path(SYSTEM_CAS).read_bytes() + cert.read_bytes())
+    return (str(cert), str(key)), bundle
+
+
+def trusting(launcher, bundle):
+    """launcher, in a mount namespace of its own where the system's CA bundle also holds the
+    test CA: every contender trusts it as it trusts any CA, with nothing to configure."""
+    return list(launcher) + ["unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+                             'mount --bind "$0" %s && exec "$@"' % SYSTEM_CAS, str(bundle)]
+
+
+def updater_in(rnd, update_bin, urls):
+    """The updater with default settings: mirrors.ini naming urls in order, no streams key."""
+    shutil.copy2(update_bin, rnd.install / "update")
+    (rnd.install / "mirrors.ini").write_text(
+        "[mirrors]\nsize=%d\n" % len(urls)
+        + "".join("%d\\mirror=m%d\n" % (i + 1, i) for i in range(len(urls)))
+        + "".join("\n[m%d]\nurl=%s\n" % (i, u) for i, u in enumerate(urls)))
+    (rnd.install / "update.ini").write_text("[update]\n")
+    runtime = rnd.dir / "runtime"
+    runtime.mkdir(mode=0o700)
+    env = dict(os.environ, QT_QPA_PLATFORM="offscreen", TMPDIR=str(rnd.tmp),
+               XDG_RUNTIME_DIR=str(runtime), LC_ALL="C.UTF-8", LANG="C.UTF-8")
+    return [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION], env
+
+
+def run_updater_at(ctx, launcher, urls, rnd, update_bin=None):
+    command, env = updater_in(rnd, update_bin or ctx.update_bin, urls)
+    return bench.measure(command, rnd, env=env, stamps=bench.UPDATER_PHASES, launcher=launcher)
+
+
+def run_curl_at(launcher, base, entries, rnd, options):
+    config = rnd.dir / "curl.config"
+    config.write_text("".join('url = "%s%s"\noutput = "%s"\n' % (base, e.remote_path,
+                                                                 rnd.stage / e.staged_path)
+                              for e in entries))
+    fetch = ("curl --silent --show-error --fail --create-dirs --parallel %s --config %s"
+             % (options, config))
+    return bench.measure(bench.peer_script(entries, rnd, fetch), rnd, launcher=launcher)
+
+
+def run_aria2_at(launcher, bases, entries, rnd):
+    """aria2c -j16; with several mirrors each file lists them all and its adaptive selector
+    chooses."""
+    lines = []
+    for e in entries:
+        target = rnd.stage / e.staged_path
+        lines += ["\t".join(b + e.remote_path for b in bases), "  dir=%s" % target.parent,
+                  "  out=%s" % target.name, "  checksum=md5=%s" % e.md5]
+    inputs = rnd.dir / "aria2.input"
+    inputs.write_text("\n".join(lines) + "\n")
+    fetch = ("aria2c -q -j16 -x1 -s1 --uri-selector=adaptive --file-allocation=none "
+             "--allow-overwrite=true --auto-file-renaming=false --summary-interval=0 "
+             "--input-file=%s" % inputs)
+    return bench.measure(bench.peer_script(entries, rnd, fetch, check=False), rnd,
+                         launcher=launcher)
+
+
+def link_contenders(ctx, launcher, links, entries, https):
+    """name, how it runs; links[0] is the mirror the single-mirror contenders use."""
+    base = links[0].url("many")
+    found = []
+    found.append(("updater", lambda rnd: run_updater_at(ctx, launcher, [base], rnd)))
+    if ctx.baseline:
+        found.append(("updater before", lambda rnd: run_updater_at(ctx, launcher, [base], rnd,
+                                                                  ctx.baseline)))
+    for n in (4, 16):
+        found.append(("curl --parallel %d, HTTP/1.1" % n, lambda rnd, n=n: run_curl_at(
+            launcher, base, entries, rnd, "--http1.1 --parallel-max %d" % n)))
+    if https:
+        found.append(("curl --parallel 100, HTTP/2", lambda rnd: run_curl_at(
+            launcher, base, entries, rnd, "--http2 --parallel-max 100")))
+    if shutil.which("aria2c"):
+        found.append(("aria2c -j16", lambda rnd: run_aria2_at(launcher, [base], entries, rnd)))
+    return found
+
+
+def time_contenders(ctx, label, contenders, rounds, release_files, links):
+    results = {name: [] for name, _ in contenders}
+    runs = ctx.work / "runs"
+    runs.mkdir(exist_ok=True)
+    for r in range(rounds):
+        order = contenders[r % len(contenders):] + contenders[:r % len(contenders)]
+        for name, runner in order:
+            rnd = bench.Round(ctx.work, "%s-%d-%d" % (label.replace(" ", "-"),
+                                                      list(results).index(name), r), r == 0)
+            before = sum(link.delivered() for link in links)
+            result = runner(rnd)
+            result.received = sum(link.delivered() for link in links) - before
+            bench.verify_installation(rnd.install, release_files)
+            results[name].append(result)
+            log("%-28s %-32s round %d: %6.2f s, %6.2f MB" % (label, name, r + 1, result.seconds,
+                                                            result.received / 1e6))
+            rnd.remove()
+    return results
+
+
+def many_case(ctx, namespace, root, args, tls, bundle):
+    """The fresh install over one mirror, over HTTPS (HTTP/2) and plain HTTP, at each delay."""
+    files = root / "files"
+    entries = bench.read_product_list(root / "mirror" / "many" / VERSION / (CLIENT_TYPE + ".ini"))
+    size = sum(e.size for e in entries)
+    tables = []
+    for delay in args.delays:
+        for https in (True, False):
+            link = Link(root / "mirror", ctx.work / "nginx-many", namespace, delay,
+                        tls=tls if https else None)
+            try:
+                launcher = trusting(namespace.launcher, bundle) if https else namespace.launcher
+                contenders = link_contenders(ctx, launcher, [link], entries, https)
+                label = "many %s %d ms" % (link.scheme, 2 * delay)
+                results = time_contenders(ctx, label, contenders, args.rounds, files, [link])
+            finally:
+                link.stop()
+            tables.append((label, len(entries), size, results))
+    return tables
+
+
+def mirrors_case(ctx, namespace, root, args):
+    """Two mirrors of one release, at the link's rate and at SLOW_RATE, each listed first."""
+    tables = []
+    for delay in args.delays:
+        fast = Link(root, ctx.work / "nginx-fast", namespace, delay)
+        slow = Link(root, ctx.work / "nginx-slow", namespace, delay, rate=rate_bytes(SLOW_RATE))
+        try:
+            urls = [fast.url("mirror"), slow.url("mirror")]
+            entries = bench.read_product_list(root / "mirror" / VERSION / (CLIENT_TYPE + ".ini"))
+            launcher = namespace.launcher
+            contenders = [
+                ("updater, fast mirror alone",
+                 lambda rnd: run_updater_at(ctx, launcher, urls[:1], rnd)),
+                ("updater, fast first", lambda rnd: run_updater_at(ctx, launcher, urls, rnd)),
+                ("updater, slow first",
+                 lambda rnd: run_updater_at(ctx, launcher, urls[::-1], rnd))]
+            if shutil.which("aria2c"):
+                contenders.append(("aria2c -j16, both mirrors",
+                                   lambda rnd: run_aria2_at(launcher, urls, entries, rnd)))
+            label = "mirrors %d ms" % (2 * delay)
+            results = time_contenders(ctx, label, contenders, args.rounds, root / "files",
+                                      [fast, slow])
+        finally:
+            fast.stop()
+            slow.stop()
+        tables.append((label, len(entries), sum(e.size for e in entries), results))
+    return tables
+
+
+def report_link_tables(tables, rate):
+    for label, count, size, results in tables:
+        limit = size / rate_bytes(rate)
+        print()
+        print("%s: %d files, %.1f MB on the mirror; the link's limit (bytes / rate) %.2f s"
+              % (label, count, size / 1e6, limit))
+        print()
+        print("| contender | median s | min s | median / limit | updater's download s |")
+        print("|---|---|---|---|---|")
+        for name, ms in results.items():
+            times = [m.seconds for m in ms]
+            downloads = [m.phases["Download finished."] for m in ms
+                         if "Download finished." in m.phases]
+            print("| %s | %.2f | %.2f | %.2f | %s |" % (
+                name, statistics.median(times), min(times), statistics.median(times) / limit,
+                "%.2f" % statistics.median(downloads) if downloads else ""))
+
+
 # --- reporting -----------------------------------------------------------------------------------
 
 def report_update(update, results):
@@ -479,7 +696,7 @@ def report_resume(resume):
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--only", help="comma-separated: libreoffice, resume")
+    parser.add_argument("--only", help="comma-separated: libreoffice, resume, many, mirrors")
     parser.add_argument("--tiny", action="store_true",
                         help="a few synthetic files and a 4 MiB resume, one round")
     parser.add_argument("--build-dir", type=Path, default=bench.REPO / "build-bench")
@@ -491,6 +708,10 @@ def parse_arguments():
                         help="passed to every publish, e.g. --publish-option=--compress=zstd")
     parser.add_argument("--rate", default="20mbit")
     parser.add_argument("--delay-ms", type=int, default=20, help="held in each direction")
+    parser.add_argument("--baseline-update", type=Path,
+                        help="an earlier update binary, timed beside this one in many")
+    parser.add_argument("--many-delays", default="20,50",
+                        help="ms held in each direction for the many and mirrors workloads")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
     parser.add_argument("--keep", action="store_true",
                         help="keep the published releases in --work for the next run")
@@ -530,12 +751,16 @@ def main():
     work = (args.work or Path(os.environ.get("TMPDIR", "/tmp")) / ("orlivo-link-%d" % os.getpid()))
     work = work.resolve()
     work.mkdir(parents=True, exist_ok=True)
-    names = args.only.split(",") if args.only else ["libreoffice", "resume"]
+    # The smoke run leaves out the workloads that need a large download or many minutes.
+    names = (args.only.split(",") if args.only else
+             ["libreoffice", "resume"] + ([] if args.tiny else ["many", "mirrors"]))
+    args.delays = [int(d) for d in args.many_delays.split(",")]
     dereference = bench.publisher_offers(publisher, "--dereference")
     options = list(args.publish_option) + (["--dereference"] if dereference else [])
     bench.log(bench.machine_line())
     namespace = link = None
     update = results = resume = None
+    tables = []
     try:
         if "libreoffice" in names:
             if args.tiny:
@@ -558,9 +783,19 @@ def main():
         use_namespace = namespace.name is not None
         link = Link(work / "releases" / "mirrors", work / "nginx", namespace, args.delay_ms)
         ctx = LinkContext(Path(update_bin).resolve(), work, launcher=namespace.launcher,
-                          link=link, publisher=publisher)
+                          link=link, publisher=publisher,
+                          baseline=str(args.baseline_update.resolve()) if args.baseline_update
+                          else None)
         if update:
             results = run_update(ctx, update, args.rounds)
+        if "many" in names:
+            deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve())
+            tls, bundle = make_test_ca(work / "ca")
+            many = prepare_many(work, publisher, deb, dereference, options)
+            tables += many_case(ctx, namespace, many, args, tls, bundle)
+        if "mirrors" in names:
+            release = bench.prepare_release(MIRRORS_RELEASE, work, publisher)
+            tables += mirrors_case(ctx, namespace, release, args)
         if "resume" in names:
             if use_namespace:
                 resume = resume_case(ctx, 4 * MIB if args.tiny else RESUME_SIZE)
@@ -578,6 +813,7 @@ def main():
         report_update(update, results)
     if resume:
         report_resume(resume)
+    report_link_tables(tables, args.rate)
     print("\nlink: %s, %d ms each way; machine: %s" % (args.rate, args.delay_ms,
                                                         bench.machine_line()))
 

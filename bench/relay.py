@@ -1,9 +1,10 @@
 #!/usr/bin/python3
 """A TCP relay that adds a round trip: each chunk is held DELAY_MS in each direction.
 
-usage: relay.py DELAY_MS TARGET
+usage: relay.py DELAY_MS TARGET [RATE]
 TARGET is a Unix socket path (the mirror), so that only the relay's client side crosses the
-throttled loopback. Listens on an ephemeral port of 127.0.0.1 and prints "ready <port>". Every
+throttled loopback. With RATE (bytes a second) all clients together get no more than that: a
+slower mirror on the same link. Listens on an ephemeral port of 127.0.0.1 and prints "ready <port>". Every
 line read on standard input is answered with the bytes sent so far to clients and to the target:
 "<down> <up>".
 """
@@ -17,6 +18,8 @@ QUEUE_CHUNKS = 16
 CHUNK = 16 * 1024
 
 sent = {"down": 0, "up": 0}
+# The moment the shared rate allows the next byte towards the clients.
+rate = {"bytes": None, "next": 0.0}
 
 
 async def forward(reader, writer, delay, direction):
@@ -41,6 +44,11 @@ async def forward(reader, writer, delay, direction):
                 await asyncio.sleep(wait)
             if not data:
                 break
+            if direction == "down" and rate["bytes"]:
+                start = max(loop.time(), rate["next"])
+                rate["next"] = start + len(data) / rate["bytes"]
+                if start > loop.time():
+                    await asyncio.sleep(start - loop.time())
             # A side that went away (a killed client) ends this direction: asyncio would take
             # the writes and drop them, and they would be counted for the next client.
             if writer.is_closing():
@@ -83,6 +91,8 @@ def answer_counts():
 async def main():
     delay = int(sys.argv[1]) / 1000.0
     target = sys.argv[2]
+    if len(sys.argv) > 3:
+        rate["bytes"] = float(sys.argv[3])
     server = await asyncio.start_server(
         lambda r, w: serve_client(delay, target, r, w), "127.0.0.1", 0)
     print("ready", server.sockets[0].getsockname()[1], flush=True)

@@ -28,6 +28,28 @@ bool DownloadStream::adjustStream(const QUrl &url)
     return true;
 }
 
+void DownloadStream::startTransfer()
+{
+    unsigned long long done = 0;
+    if (stream)
+        stream->getProgress(&done, nullptr);
+    doneAtStart = lastDone = qint64(done);
+    transferClock.start();
+}
+
+qint64 DownloadStream::takeDelivered(qint64 done)
+{
+    const qint64 delivered = qMax<qint64>(0, done - lastDone);
+    lastDone = done;
+    return delivered;
+}
+
+double DownloadStream::transferRate(qint64 done) const
+{
+    const qint64 elapsed = transferClock.isValid() ? transferClock.elapsed() : 0;
+    return elapsed > 0 ? double(done - doneAtStart) * 1000.0 / double(elapsed) : 0;
+}
+
 void DownloadStream::postFailedToConnect(const QString &text)
 {
     QMetaObject::invokeMethod(

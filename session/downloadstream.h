@@ -2,6 +2,7 @@
 
 #include "streams/downloadstreamidentifiedsignals.h"
 
+#include <QElapsedTimer>
 #include <QString>
 
 class QUrl;
@@ -31,6 +32,17 @@ public:
     int fileIndex = -1;
     SingleFileDownloadStream *stream = nullptr;
 
+    // A file was handed to the stream: its speed is measured from here.
+    void startTransfer();
+    // Bytes of the current file that arrived since the last call; done is where it stands.
+    qint64 takeDelivered(qint64 done);
+    // Bytes a second of the current file's transfer so far.
+    double transferRate(qint64 done) const;
+    QElapsedTimer transferClock;
+
 private:
     void relayStreamSignals();
+
+    qint64 doneAtStart = 0;
+    qint64 lastDone = 0;
 };

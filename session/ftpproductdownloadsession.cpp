@@ -1,7 +1,7 @@
 #include "session/ftpproductdownloadsession.h"
 
 #include "app/apppaths.h"
-#include "app/randomgenerator.h"
+#include "app/updatesettings.h"
 #include "session/downloadstream.h"
 #include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
@@ -9,42 +9,29 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSettings>
 #include <QTimer>
 #include <QUrl>
 
-#include <limits>
-
 namespace {
 
-// More parallel streams only open more connections to the same mirrors.
-constexpr int maxStreams = 16;
-constexpr int maxMirrors = 100;
-constexpr int maxRetries = 100;
-constexpr int maxTimeoutSeconds = 3600;
-
-// An unsigned key taken as a signed int: a number that is negative, or too large for an int,
-// comes out negative, so that the caller falls back to its default; text that is no number
-// reads as 0; a missing key gives the default.
-int readUnsignedAsInt(const QSettings &settings, const QString &key, int defaultValue)
-{
-    const QVariant value = settings.value(key);
-    if (!value.isValid())
-        return defaultValue;
-    bool ok = false;
-    const qlonglong number = value.toLongLong(&ok);
-    if (!ok)
-        return 0;
-    if (number < 0 || number > std::numeric_limits<int>::max())
-        return -1;
-    return int(number);
-}
+// Over HTTP/2 a stream costs a request, not a connection: this many keep a far-away mirror's
+// pipe full of small files. Well below what servers allow on one connection (nginx: 128).
+constexpr int requestsInFlightPerMirror = 64;
+// A transfer is judged by its speed only after this long.
+constexpr qint64 settleMs = 1000;
+// Taking a file over costs a request; below this gain it is not worth it.
+constexpr double minimumTakeoverGainMs = 1000;
+constexpr int takeoverCheckMs = 250;
 
 } // namespace
 
 FTPProductDownloadSession::FTPProductDownloadSession()
     : appDirectory(getAppRootPath())
-{}
+{
+    takeoverTimer.setSingleShot(true);
+    takeoverTimer.setInterval(takeoverCheckMs);
+    connect(&takeoverTimer, &QTimer::timeout, this, &FTPProductDownloadSession::retryTakeovers);
+}
 
 // The streams are the last member, so they go first: each record disconnects and deletes its
 // object, which tears its transport down, and signals still queued for the record are dropped
@@ -57,72 +44,35 @@ bool FTPProductDownloadSession::initialize(const InitialParameters &p)
     streamCount = p.defaultStreams;
     readMirrors();
     readUpdateSettings();
-    trustedKeys = loadTrustedKeys(appDirectory.absolutePath());
+    releaseFetch = ReleaseFetch(p.productListName, p.versionPath);
+    releaseFetch.setTrustedKeys(loadTrustedKeys(appDirectory.absolutePath()));
     return !mirrors.isEmpty();
 }
 
 void FTPProductDownloadSession::readMirrors()
 {
-    QSettings settings(parameters.mirrorsFile, QSettings::IniFormat);
-    mirrors.clear();
-    int size = settings.beginReadArray("mirrors");
-    if (size > maxMirrors) {
-        emit message(QString("%1 lists %2 mirrors, the first %3 are used")
-                             .arg(parameters.mirrorsFile)
-                             .arg(size)
-                             .arg(maxMirrors));
-        size = maxMirrors;
-    }
-    for (int i = 0; i < size; ++i) {
-        settings.setArrayIndex(i);
-        MarkedSiteData mirror;
-        mirror.name = settings.value("mirror").toString();
-        mirrors.append(mirror);
-    }
-    settings.endArray();
-
-    for (MarkedSiteData &mirror : mirrors) {
-        settings.beginGroup(mirror.name);
-        mirror.url = settings.value("url").toString();
-        if (!mirror.url.endsWith('/'))
-            mirror.url += '/';
-        mirror.url += parameters.versionPath;
-        mirror.retries = readUnsignedAsInt(settings, "retries", 5);
-        if (mirror.retries <= 0)
-            mirror.retries = 5;
-        mirror.retries = qMin(mirror.retries, maxRetries);
-        // Unlike the retries, a timeout of 0 is a valid choice: repeat at once.
-        mirror.timeout = readUnsignedAsInt(settings, "timeout", 15);
-        if (mirror.timeout < 0)
-            mirror.timeout = 15;
-        mirror.timeout = qMin(mirror.timeout, maxTimeoutSeconds);
-        settings.endGroup();
-    }
+    const QString warning = mirrors.readMirrors(parameters.mirrorsFile, parameters.versionPath);
+    if (!warning.isEmpty())
+        emit message(warning);
 }
 
 void FTPProductDownloadSession::readUpdateSettings()
 {
     if (parameters.updateDataFile.isEmpty())
         return;
-    QSettings settings(parameters.updateDataFile, QSettings::IniFormat);
-    settings.beginGroup("update");
-    proxy = settings.value("proxy").toString();
-    streamCount = settings.value("streams", parameters.defaultStreams).toInt();
-    if (streamCount <= 0)
-        streamCount = 1;
-    if (streamCount > maxStreams) {
-        emit message(
-                QString("streams=%1 is too many, %2 are used").arg(streamCount).arg(maxStreams));
-        streamCount = maxStreams;
-    }
-    settings.endGroup();
+    const UpdateSettings settings =
+            UpdateSettings::read(parameters.updateDataFile, parameters.defaultStreams);
+    proxy = settings.proxy;
+    streamCount = settings.streams;
+    if (!settings.warning.isEmpty())
+        emit message(settings.warning);
 }
 
 void FTPProductDownloadSession::startUpdate()
 {
     arrangeStreams();
     state = SessionStarting;
-    if (trustedKeys.isEmpty())
+    if (!releaseFetch.hasTrustedKeys())
         emit message("No trusted key: signatures of releases are not checked.");
     if (mirrors.isEmpty()) {
         emit message(
@@ -141,6 +91,7 @@ void FTPProductDownloadSession::arrangeStreams()
     streams.reserve(n);
     for (int i = 0; i < n; ++i)
         createDownloadStream();
+    baseStreamCount = n;
 }
 
 DownloadStream *FTPProductDownloadSession::createDownloadStream()
@@ -181,16 +132,7 @@ void FTPProductDownloadSession::connectStreamToMirror(int s, int m)
 
 int FTPProductDownloadSession::getNextMirror(int)
 {
-    const int n = mirrors.size();
-    if (n == 0)
-        return -1;
-    const int start = randomNumber() % n;
-    for (int k = 0; k < n; ++k) {
-        const int m = (start + k) % n;
-        if (!mirrors.at(m).failed)
-            return m;
-    }
-    return -1;
+    return mirrors.getNextMirror();
 }
 
 int FTPProductDownloadSession::getNextFileIndex()
@@ -209,16 +151,39 @@ int FTPProductDownloadSession::getNextFileIndex()
 
 bool FTPProductDownloadSession::assignNextFile(int s)
 {
-    DownloadStream *record = streams[s].get();
     const int i = getNextFileIndex();
     if (i < 0) {
-        emit message(QString("Stream %1 shutting down").arg(s));
-        if (record->stream)
-            record->stream->cancel();
-        record->mirrorIndex = -1;
-        record->fileIndex = -1;
+        if (takeOverSlowFile(s))
+            return true;
+        // A slower mirror's transfer may yet prove worth taking over; until then this waits.
+        if (runsElsewhere(s)) {
+            streams[s]->fileIndex = -1;
+            takeoverTimer.start();
+            return false;
+        }
+        shutDownStream(s);
         return false;
     }
+    if (leaveSlowMirror(s)) {
+        task.resetPendingMark(i);
+        return false;
+    }
+    return startFile(s, i);
+}
+
+void FTPProductDownloadSession::shutDownStream(int s)
+{
+    DownloadStream *record = streams[s].get();
+    emit message(QString("Stream %1 shutting down").arg(s));
+    if (record->stream)
+        record->stream->cancel();
+    record->mirrorIndex = -1;
+    record->fileIndex = -1;
+}
+
+bool FTPProductDownloadSession::startFile(int s, int i)
+{
+    DownloadStream *record = streams[s].get();
     QString directory;
     QString name;
     QString md5;
@@ -231,11 +196,117 @@ bool FTPProductDownloadSession::assignNextFile(int s)
     if (const PatchRecord *patch = patches.patchFor(i)) {
         // No MD5 is known of a patch: its SHA-256 from the manifest holds it.
         record->stream->getFile(patch->path, QString(), qint64(patch->size), patch->sha256);
+    } else {
+        record->stream->getFile(directory + "/" + name, md5, qint64(size),
+                                releaseFetch.sha256(directory + "/" + name));
+    }
+    record->startTransfer();
+    return true;
+}
+
+// New work goes to the faster mirrors: a stream on a much slower one moves, an extra stream of a
+// multiplexing mirror simply ends. The slow mirror stays usable; nothing marks it failed.
+bool FTPProductDownloadSession::leaveSlowMirror(int s)
+{
+    DownloadStream *record = streams[s].get();
+    const int m = record->mirrorIndex;
+    const int fastest = mirrors.fastest();
+    if (m < 0 || fastest < 0 || fastest == m || !mirrors.isMuchSlower(m, fastest))
+        return false;
+    if (s >= baseStreamCount) {
+        shutDownStream(s);
         return true;
     }
-    record->stream->getFile(directory + "/" + name, md5, qint64(size),
-                            haveManifest ? manifest.sha256(directory + "/" + name) : QString());
+    record->stream->cancel();
+    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(fastest));
+    connectStreamToMirror(s, fastest);
+    emit streamSwitchMirror(s);
     return true;
+}
+
+// At the end of the list an idle stream takes over the file that a much slower mirror would
+// take longest to finish, from the byte it has reached; the slow transfer is dropped.
+bool FTPProductDownloadSession::takeOverSlowFile(int s)
+{
+    const int m = streams[s]->mirrorIndex;
+    const double fastRate = m >= 0 ? mirrors.rate(m) : 0;
+    if (fastRate <= 0)
+        return false;
+    int slowest = -1;
+    double bestGainMs = minimumTakeoverGainMs;
+    for (const auto &record : streams) {
+        if (record->fileIndex < 0 || record->mirrorIndex < 0 || record->mirrorIndex == m
+            || !record->stream || patches.patchFor(record->fileIndex)
+            || record->transferClock.elapsed() < settleMs) {
+            continue;
+        }
+        unsigned long long done = 0;
+        unsigned long long size = 0;
+        record->stream->getProgress(&done, &size);
+        const double remaining = double(size) - double(done);
+        const double slowRate = record->transferRate(qint64(done));
+        if (remaining <= 0 || !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))
+            continue;
+        const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
+        const double gainMs = slowMs - remaining * 1000 / fastRate;
+        if (gainMs > bestGainMs) {
+            bestGainMs = gainMs;
+            slowest = record->index;
+        }
+    }
+    if (slowest < 0)
+        return false;
+    const int i = streams[slowest]->fileIndex;
+    QString name;
+    task.get(i, nullptr, &name, nullptr, nullptr);
+    emit message(QString("Stream %1 takes over %2 from stream %3").arg(s).arg(name).arg(slowest));
+    // The bytes that arrived stay in the file; the new transfer continues from its end.
+    shutDownStream(slowest);
+    return startFile(s, i);
+}
+
+bool FTPProductDownloadSession::runsElsewhere(int s) const
+{
+    const int m = streams[s]->mirrorIndex;
+    for (const auto &record : streams) {
+        if (record->fileIndex >= 0 && record->mirrorIndex >= 0 && record->mirrorIndex != m)
+            return true;
+    }
+    return false;
+}
+
+void FTPProductDownloadSession::retryTakeovers()
+{
+    for (int s = 0; s < int(streams.size()); ++s) {
+        const DownloadStream *record = streams[s].get();
+        if (state == SessionDownloading && record->mirrorIndex >= 0 && record->fileIndex < 0
+            && record->stream && record->stream->getState() == DownloadStream_Connected) {
+            assignNextFile(s);
+        }
+    }
+}
+
+// Over HTTP/2 more streams on the mirror cost requests, not connections: enough of them are
+// opened to keep many small files in flight.
+void FTPProductDownloadSession::addMultiplexedStreams(int m)
+{
+    int onMirror = 0;
+    for (const auto &record : streams)
+        onMirror += record->mirrorIndex == m ? 1 : 0;
+    int unclaimed = 0;
+    const unsigned int marks =
+            FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
+    for (int i = task.readyBound + 1; i < task.getSize(); ++i)
+        unclaimed += (task.getFlags(i) & marks) == 0 ? 1 : 0;
+    const int wanted = qMin(requestsInFlightPerMirror, onMirror + unclaimed);
+    for (int r = baseStreamCount; onMirror < wanted; ++r) {
+        if (r == int(streams.size()))
+            createDownloadStream();
+        if (streams[r]->mirrorIndex >= 0)
+            continue;
+        connectStreamToMirror(r, m);
+        ++onMirror;
+    }
 }
 
 void FTPProductDownloadSession::changeStreamMirror(int s)
@@ -243,11 +314,18 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
     DownloadStream *record = streams[s].get();
     // A stream that was shut down may still report; it has no mirror to blame.
     if (record->mirrorIndex >= 0)
-        mirrors[record->mirrorIndex].failed = true;
+        mirrors.markFailed(record->mirrorIndex);
     record->mirrorIndex = -1;
     if (record->fileIndex >= 0)
         task.resetPendingMark(record->fileIndex);
     record->fileIndex = -1;
+    // Extra streams exist only for a multiplexing mirror; elsewhere they would be connections.
+    if (s >= baseStreamCount) {
+        shutDownStream(s);
+        if (!hasStreamWithMirror())
+            emit processCancelled();
+        return;
+    }
 
     const int m = getNextMirror(s);
     if (m >= 0) {
@@ -290,8 +368,11 @@ void FTPProductDownloadSession::onConnected(int s)
     emit message(QString("Stream %1 connected").arg(s));
     DownloadStream *record = streams[s].get();
     if (state == SessionDownloading) {
-        if (record->stream && record->stream->getState() == DownloadStream_Connected)
+        if (record->stream && record->stream->getState() == DownloadStream_Connected) {
+            if (s < baseStreamCount && record->stream->isMultiplexed())
+                addMultiplexedStreams(record->mirrorIndex);
             assignNextFile(s);
+        }
         return;
     }
     if (state == SessionStarting && s == 0) {
@@ -320,8 +401,15 @@ void FTPProductDownloadSession::onDisconnected(int s)
     connectStreamToMirror(s, m);
 }
 
-void FTPProductDownloadSession::onProgressCount(int, qint64, qint64)
+void FTPProductDownloadSession::onProgressCount(int s, qint64, qint64)
 {
+    // The stream's own count, not the signal's: the signal may be older than the stream's file.
+    DownloadStream *reporter = streams[s].get();
+    if (reporter->fileIndex >= 0 && reporter->mirrorIndex >= 0 && reporter->stream) {
+        unsigned long long done = 0;
+        reporter->stream->getProgress(&done, nullptr);
+        mirrors.noteDelivered(reporter->mirrorIndex, reporter->takeDelivered(qint64(done)));
+    }
     quint64 sum = 0;
     for (const auto &record : streams) {
         if (record->fileIndex < 0 || !record->stream)
@@ -359,19 +447,26 @@ void FTPProductDownloadSession::onFileFinished(int s)
     }
     if (state != SessionRetrievingList || s != 0)
         return;
-    if (listStep == FetchingManifest) {
-        onManifestFinished(s);
-    } else if (listStep == FetchingSignature) {
-        onSignatureFinished(s);
-    } else if (manifestCoversList(s)) {
+    const QString listPath = record->stream->getDestFilePath();
+    QString note;
+    switch (releaseFetch.fileArrived(listPath, &note)) {
+    case ReleaseFetch::FetchNext:
+        if (!note.isEmpty())
+            emit message(note);
+        requestListFile();
+        break;
+    case ReleaseFetch::Refused:
+        refuseMirrorList(s, note);
+        break;
+    case ReleaseFetch::ListReady:
         emit message("Download file list retrieved.");
         state = SessionDownloading;
-        const QString listPath = record->stream->getDestFilePath();
         if (checkAllFiles(parameters.resumeSession, listPath)) {
             startDownloadBySessionState();
             return;
         }
         refuseMirrorList(s, tr("Unable to initialize session with %1.").arg(listPath));
+        break;
     }
 }
 
@@ -386,15 +481,15 @@ void FTPProductDownloadSession::refuseMirrorList(int s, const QString &reason)
 
 void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, const QString &text)
 {
-    if (state == SessionRetrievingList && s == 0 && listStep != FetchingList
-        && error != DownloadStream_LocalFileError) {
-        // Releases published before manifests existed have none; without a key that is fine.
-        if (trustedKeys.isEmpty()) {
-            emit message(QString("No release manifest at %1").arg(listFileUrl(s, ".manifest")));
-            requestListFile(".ini");
+    if (state == SessionRetrievingList && s == 0 && error != DownloadStream_LocalFileError) {
+        QString note;
+        const ReleaseFetch::Outcome outcome = releaseFetch.fileFailed(&note);
+        if (!note.isEmpty())
+            emit message(note);
+        if (outcome == ReleaseFetch::FetchNext) {
+            requestListFile();
             return;
         }
-        emit message(QString("Signature of %1 is not valid.").arg(listFileUrl(s, ".manifest")));
     }
     if (state == SessionDownloading && error != DownloadStream_LocalFileError
         && patches.patchFor(streams[s]->fileIndex)) {
@@ -417,93 +512,16 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
 void FTPProductDownloadSession::retrieveSessionState()
 {
     state = SessionRetrievingList;
-    manifestText.clear();
-    manifest = ReleaseManifest();
-    haveManifest = false;
-    requestListFile(".manifest");
+    releaseFetch.start(mirrors.at(streams[0]->mirrorIndex).url);
+    requestListFile();
 }
 
-// The manifest, its signature or the list, by the suffix to the product list's name.
-void FTPProductDownloadSession::requestListFile(const QString &suffix)
+// The manifest, its signature or the list, as the fetch chain is.
+void FTPProductDownloadSession::requestListFile()
 {
-    listStep = suffix == ".manifest" ? FetchingManifest
-                                     : (suffix == ".ini" ? FetchingList : FetchingSignature);
     DownloadStream *record = streams[0].get();
     record->fileIndex = -1;
-    record->stream->getFile(parameters.productListName + suffix, QString(), 0);
-}
-
-QString FTPProductDownloadSession::listFileUrl(int s, const QString &suffix) const
-{
-    const int m = streams[s]->mirrorIndex;
-    const QString base = m >= 0 ? mirrors.at(m).url : QString();
-    return base + "/" + parameters.productListName + suffix;
-}
-
-void FTPProductDownloadSession::onManifestFinished(int s)
-{
-    QFile file(streams[s]->stream->getDestFilePath());
-    manifestText = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    if (!trustedKeys.isEmpty()) {
-        requestListFile(".manifest.minisig");
-        return;
-    }
-    haveManifest = manifest.parse(manifestText) && manifest.type() == parameters.productListName
-                   && manifest.version() == parameters.versionPath;
-    if (!haveManifest)
-        emit message(QString("Release manifest %1 is not usable").arg(listFileUrl(s, ".manifest")));
-    requestListFile(".ini");
-}
-
-void FTPProductDownloadSession::onSignatureFinished(int s)
-{
-    QFile file(streams[s]->stream->getDestFilePath());
-    // A signature file is four short lines.
-    if (!file.open(QIODevice::ReadOnly) || !acceptsSignature(file.read(4096))) {
-        refuseSignature(s);
-        return;
-    }
-    haveManifest = true;
-    requestListFile(".ini");
-}
-
-// A trusted key signed the manifest, and both its trusted comment and its release name the
-// product and version asked for, so that no other release can be replayed in their place.
-bool FTPProductDownloadSession::acceptsSignature(const QByteArray &signatureText)
-{
-    MinisignSignature signature;
-    const QByteArray expected = QString("orlivo %1 %2")
-                                        .arg(parameters.productListName, parameters.versionPath)
-                                        .toUtf8();
-    return parseMinisignSignature(signatureText, &signature)
-           && verifyMinisign(manifestText, signature, trustedKeys)
-           && signature.trustedComment == expected && manifest.parse(manifestText)
-           && manifest.type() == parameters.productListName
-           && manifest.version() == parameters.versionPath;
-}
-
-// The list is the one the manifest was made for; with a trusted key it must be.
-bool FTPProductDownloadSession::manifestCoversList(int s)
-{
-    if (!haveManifest)
-        return true;
-    QString md5;
-    QString sha256;
-    const QString listPath = streams[s]->stream->getDestFilePath();
-    if (getFileDigests(listPath, &md5, &sha256) && sha256 == manifest.listSha256())
-        return true;
-    if (!trustedKeys.isEmpty()) {
-        refuseSignature(s);
-        return false;
-    }
-    refuseMirrorList(s, QString("Release manifest %1 does not match the list")
-                                .arg(listFileUrl(s, ".manifest")));
-    return false;
-}
-
-void FTPProductDownloadSession::refuseSignature(int s)
-{
-    refuseMirrorList(s, QString("Signature of %1 is not valid.").arg(listFileUrl(s, ".manifest")));
+    record->stream->getFile(releaseFetch.fileName(), QString(), 0);
 }
 
 bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
@@ -515,7 +533,8 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     if (!task.initializeByProductIni(listPath) || task.getSize() == 0)
         return false;
     // A signed manifest vouches for every file of the list, or for none.
-    for (int i = 0; haveManifest && !trustedKeys.isEmpty() && i < task.getSize(); ++i) {
+    const bool signedRelease = releaseFetch.haveManifest() && releaseFetch.hasTrustedKeys();
+    for (int i = 0; signedRelease && i < task.getSize(); ++i) {
         FileSpecification file;
         task.get(i, &file);
         if (!ReleaseManifest::isSha256Text(getFileSha256(file)))
@@ -523,7 +542,8 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     }
     emit progressCount(0, task.totalSize);
     task.resetMarks();
-    patches.offer(haveManifest ? manifest.patches() : QList<PatchRecord>());
+    patches.offer(releaseFetch.haveManifest() ? releaseFetch.manifest().patches()
+                                              : QList<PatchRecord>());
     quint64 done = 0;
     for (int i = 0; i < task.getSize(); ++i) {
         FileSpecification file;
@@ -581,7 +601,7 @@ bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) cons
 
 QString FTPProductDownloadSession::getFileSha256(const FileSpecification &file) const
 {
-    return haveManifest ? manifest.sha256(file.directory + "/" + file.name) : QString();
+    return releaseFetch.sha256(file.directory + "/" + file.name);
 }
 
 QString FTPProductDownloadSession::getTempFilePath(const FileSpecification &file) const
@@ -597,17 +617,30 @@ void FTPProductDownloadSession::startDownloadBySessionState()
         return;
     }
     emit progressCount(task.downloadedSize, task.totalSize);
-    int m = 0;
+    // Mirrors already known failed are left out; each stream goes to the mirror that has
+    // fewest, the faster one first.
+    const QVector<int> order = mirrors.dealOrder();
+    QVector<int> load(mirrors.size());
     for (const auto &record : streams) {
         if (record->mirrorIndex >= 0)
-            continue;
-        connectStreamToMirror(record->index, m);
-        m = (m + 1) % mirrors.size();
+            ++load[record->mirrorIndex];
     }
-    for (int k = 0; k < int(streams.size()); ++k) {
+    for (const auto &record : streams) {
+        if (record->mirrorIndex >= 0 || order.isEmpty())
+            continue;
+        int m = order.first();
+        for (int candidate : order)
+            m = load.at(candidate) < load.at(m) ? candidate : m;
+        ++load[m];
+        connectStreamToMirror(record->index, m);
+    }
+    for (int k = 0; k < baseStreamCount; ++k) {
         const SingleFileDownloadStream *stream = streams[k]->stream;
-        if (stream && stream->getState() == DownloadStream_Connected)
+        if (stream && stream->getState() == DownloadStream_Connected) {
+            if (stream->isMultiplexed())
+                addMultiplexedStreams(streams[k]->mirrorIndex);
             assignNextFile(k);
+        }
     }
 }
 

@@ -3,15 +3,16 @@
 #include "session/ftpproductdownloadsessionstate.h"
 #include "session/initialparameters.h"
 #include "session/markedsitedata.h"
+#include "session/mirrorchoice.h"
 #include "session/patchplan.h"
+#include "session/releasefetch.h"
 #include "streams/downloadstreamtypes.h"
-#include "tasks/releasemanifest.h"
 #include "tasks/taskstate.h"
-#include "update/minisign.h"
 
 #include <QDir>
 #include <QObject>
 #include <QString>
+#include <QTimer>
 #include <QVector>
 
 #include <memory>
@@ -41,7 +42,7 @@ public:
     bool createInitialFileList(const QString &path);
 
     FTPProductDownloadSession_State getState() const { return state; }
-    const QVector<MarkedSiteData> &getMirrors() const { return mirrors; }
+    const QVector<MarkedSiteData> &getMirrors() const { return mirrors.getMirrors(); }
     int getStreamCount() const { return streamCount; }
     QString getProxy() const { return proxy; }
     const TaskState &getTask() const { return task; }
@@ -78,17 +79,19 @@ private:
     int getNextMirror(int stream);
     int getNextFileIndex();
     bool assignNextFile(int s);
+    bool startFile(int s, int i);
+    void shutDownStream(int s);
+    bool leaveSlowMirror(int s);
+    bool takeOverSlowFile(int s);
+    void addMultiplexedStreams(int m);
+    // Another mirror still has a transfer under way.
+    bool runsElsewhere(int s) const;
+    void retryTakeovers();
     void changeStreamMirror(int s);
     bool hasStreamWithMirror() const;
 
     void retrieveSessionState();
-    void requestListFile(const QString &suffix);
-    QString listFileUrl(int s, const QString &suffix) const;
-    void onManifestFinished(int s);
-    void onSignatureFinished(int s);
-    bool acceptsSignature(const QByteArray &signatureText);
-    bool manifestCoversList(int s);
-    void refuseSignature(int s);
+    void requestListFile();
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
     // The MD5 of the installed copy of file; empty when there is none.
@@ -108,16 +111,13 @@ private:
     QDir appDirectory;
     QString proxy;
     int streamCount = 1;
-    QVector<MarkedSiteData> mirrors;
+    // The streams made at the start; those after them serve multiplexing mirrors only.
+    int baseStreamCount = 0;
+    MirrorChoice mirrors;
     TaskState task;
-    // Before the list: its manifest and, when a key is trusted, the manifest's signature.
-    enum ListStep { FetchingManifest, FetchingSignature, FetchingList };
-    ListStep listStep = FetchingManifest;
-    QList<MinisignPublicKey> trustedKeys;
-    QByteArray manifestText;
-    ReleaseManifest manifest;
-    bool haveManifest = false;
+    ReleaseFetch releaseFetch;
     PatchPlan patches;
+    QTimer takeoverTimer;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
 

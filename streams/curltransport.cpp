@@ -1,14 +1,13 @@
 #include "streams/curltransport.h"
 
+#include "streams/curlmulti.h"
+
 #include <QFileDevice>
 #include <QIODevice>
 #include <QPointer>
-#include <QSocketNotifier>
 #include <QTimer>
 
-#include <climits>
 #include <deque>
-#include <map>
 #include <optional>
 
 #include <curl/curl.h>
@@ -41,7 +40,7 @@ bool isFinalRefusal(long status)
 
 } // namespace
 
-class CurlTransport::Private
+class CurlTransport::Private : public CurlMulti::Client
 {
 public:
     enum class Kind { Connect, Login, Get };
@@ -60,12 +59,6 @@ public:
         qint64 offset = 0;
     };
 
-    struct SocketWatch
-    {
-        std::unique_ptr<QSocketNotifier> read;
-        std::unique_ptr<QSocketNotifier> write;
-    };
-
     explicit Private(CurlTransport *q);
     ~Private();
 
@@ -78,11 +71,9 @@ public:
     void removeTransfer();
     void finish(Error kind, const QString &text = {});
 
-    void socketAction(curl_socket_t socket, int events);
-    void kick();
-    void afterAction(CURLMcode result, bool mayKick);
-    void collectFinished(bool mayKick);
-    bool isWatchingSockets() const;
+    void transferProgress() override;
+    void transferDone(CURLcode result) override;
+    void transferBroken(const QString &text) override;
     void reportProgress();
     void endTransfer(CURLcode result);
     void endGet(CURLcode result);
@@ -90,30 +81,23 @@ public:
     QString curlErrorText(CURLcode result) const;
 
     // Called by libcurl: they only record, never call back into libcurl or emit.
-    static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *);
-    static int timerCallback(CURLM *, long timeoutMs, void *userp);
     static size_t headerCallback(char *data, size_t size, size_t count, void *userp);
     static size_t writeCallback(char *data, size_t size, size_t count, void *userp);
-    void watchSocket(curl_socket_t socket, int what);
-    void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
-                        QSocketNotifier::Type type, bool wanted, int events);
-    void scheduleCurlTimer(long timeoutMs);
     size_t receiveHeader(const char *data, size_t length);
     size_t receiveBody(const char *data, size_t length);
     bool startBody();
     bool emptyDevice();
 
     bool isFtp() const { return server.scheme() == QLatin1String("ftp"); }
+    // HTTP/2 is only ever negotiated over TLS; there the requests share one connection.
+    bool mayMultiplex() const { return server.scheme() == QLatin1String("https"); }
+    CurlMulti *transferMulti();
 
     CurlTransport *q;
-    CURLM *multi = nullptr;
+    std::shared_ptr<CurlMulti> multi;
     CURL *easy = nullptr;
-    bool ready = false;
     char errorBuffer[CURL_ERROR_SIZE] = {};
-    std::map<curl_socket_t, SocketWatch> sockets;
-    QTimer curlTimer;
     QTimer startTimer;
-    QTimer kickTimer;
 
     std::deque<Command> pending;
     std::optional<Command> current;
@@ -148,6 +132,7 @@ public:
     QString writeFailure;
     qint64 reportedDone = 0;
     qint64 reportedTotal = 0;
+    bool multiplexed = false;
 
     Error error = NoError;
     QString errorText;
@@ -155,36 +140,27 @@ public:
 
 CurlTransport::Private::Private(CurlTransport *q)
     : q(q)
-    , multi(curl_multi_init())
     , easy(curl_easy_init())
 {
-    curlTimer.setSingleShot(true);
-    curlTimer.setTimerType(Qt::PreciseTimer);
     startTimer.setSingleShot(true);
     startTimer.setInterval(0);
-    kickTimer.setSingleShot(true);
-    kickTimer.setInterval(0);
-    QObject::connect(&curlTimer, &QTimer::timeout, q,
-                     [this] { socketAction(CURL_SOCKET_TIMEOUT, 0); });
     QObject::connect(&startTimer, &QTimer::timeout, q, [this] { startNext(); });
-    QObject::connect(&kickTimer, &QTimer::timeout, q, [this] { kick(); });
-
-    ready = multi && easy
-            && curl_multi_setopt(multi, CURLMOPT_SOCKETFUNCTION, socketCallback) == CURLM_OK
-            && curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this) == CURLM_OK
-            && curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, timerCallback) == CURLM_OK
-            && curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this) == CURLM_OK;
 }
 
 CurlTransport::Private::~Private()
 {
     removeTransfer();
-    // Closing cached connections still calls watchSocket(), so the notifiers must outlive this.
-    const CURLMcode cleaned = multi ? curl_multi_cleanup(multi) : CURLM_OK;
-    if (cleaned != CURLM_OK)
-        qWarning("Closing the transfers failed: %s", curl_multi_strerror(cleaned));
     if (easy)
         curl_easy_cleanup(easy);
+}
+
+// Chosen at the first transfer, when the server is known. Plain HTTP and FTP keep a multi handle
+// of their own, which leaves a stalled FTP data connection to be noticed per transport.
+CurlMulti *CurlTransport::Private::transferMulti()
+{
+    if (!multi)
+        multi = mayMultiplex() ? CurlMulti::shared() : CurlMulti::create();
+    return multi.get();
 }
 
 int CurlTransport::Private::enqueue(Command command)
@@ -253,7 +229,7 @@ void CurlTransport::Private::startFtpSession()
 
 void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
 {
-    if (!ready) {
+    if (!easy || !transferMulti()->isReady()) {
         finish(TransferFailed, QStringLiteral("libcurl could not be initialised"));
         return;
     }
@@ -276,7 +252,7 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
         finish(TransferFailed, curlErrorText(setup));
         return;
     }
-    const CURLMcode added = curl_multi_add_handle(multi, easy);
+    const CURLMcode added = multi->add(easy, this);
     if (added != CURLM_OK) {
         finish(TransferFailed, QString::fromUtf8(curl_multi_strerror(added)));
         return;
@@ -310,7 +286,14 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
     set(CURLOPT_WRITEFUNCTION, writeCallback);
     set(CURLOPT_WRITEDATA, this);
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    if (current && current->expectedLength > largeReceiveBuffer)
+    // HTTP/2 only where TLS negotiates it: libcurl 7.88 breaks multiplexed cleartext HTTP/2.
+    set(CURLOPT_HTTP_VERSION,
+        long(mayMultiplex() ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+    // Requests that start together wait for the first connection rather than open their own.
+    if (mayMultiplex())
+        set(CURLOPT_PIPEWAIT, 1L);
+    // Not over HTTP/2: libcurl 7.88 fails a stream whose buffer differs from its connection's.
+    if (!mayMultiplex() && current && current->expectedLength > largeReceiveBuffer)
         set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
     if (!headOnly && current && current->offset > 0) {
         // HTTP gets a plain range: with RESUME_FROM libcurl fails on a server that sends the
@@ -365,9 +348,7 @@ void CurlTransport::Private::removeTransfer()
     if (!transferRunning)
         return;
     transferRunning = false;
-    const CURLMcode removed = curl_multi_remove_handle(multi, easy);
-    if (removed != CURLM_OK)
-        qWarning("Stopping a transfer failed: %s", curl_multi_strerror(removed));
+    multi->remove(easy);
 }
 
 void CurlTransport::Private::finish(Error kind, const QString &text)
@@ -384,64 +365,23 @@ void CurlTransport::Private::finish(Error kind, const QString &text)
         scheduleStart();
 }
 
-void CurlTransport::Private::socketAction(curl_socket_t socket, int events)
+void CurlTransport::Private::transferProgress()
 {
-    int running = 0;
-    afterAction(curl_multi_socket_action(multi, socket, events, &running), true);
+    reportProgress();
 }
 
-// libcurl 7.88 can leave a transfer with nothing to wait on but its connect timeout: when a
-// passive-mode reply arrives together with the request, the data connection is only opened on
-// the transfer's next run. Running all transfers once more opens it and announces its socket.
-void CurlTransport::Private::kick()
+void CurlTransport::Private::transferDone(CURLcode result)
 {
-    if (!transferRunning)
-        return;
-    int running = 0;
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    const CURLMcode result = curl_multi_socket_all(multi, &running);
-#pragma GCC diagnostic pop
-    afterAction(result, false);
-}
-
-void CurlTransport::Private::afterAction(CURLMcode result, bool mayKick)
-{
-    if (result != CURLM_OK && transferRunning) {
-        removeTransfer();
-        finish(TransferFailed, QString::fromUtf8(curl_multi_strerror(result)));
-        return;
-    }
-    collectFinished(mayKick);
-}
-
-void CurlTransport::Private::collectFinished(bool mayKick)
-{
-    // Drain all messages before anything else: handlers may remove the handle or add new ones.
-    std::optional<CURLcode> finished;
-    int left = 0;
-    while (CURLMsg *message = curl_multi_info_read(multi, &left)) {
-        if (message->msg == CURLMSG_DONE && message->easy_handle == easy)
-            finished = message->data.result;
-    }
-    if (!transferRunning)
-        return;
-    // Once per event at most, so that a transfer that only waits for its timer is not spun.
-    if (!finished && mayKick && !isWatchingSockets())
-        kickTimer.start();
     const QPointer<CurlTransport> alive(q);
     reportProgress();
-    if (alive && transferRunning && finished)
-        endTransfer(*finished);
+    if (alive && transferRunning)
+        endTransfer(result);
 }
 
-bool CurlTransport::Private::isWatchingSockets() const
+void CurlTransport::Private::transferBroken(const QString &text)
 {
-    for (const auto &[socket, watch] : sockets) {
-        if ((watch.read && watch.read->isEnabled()) || (watch.write && watch.write->isEnabled()))
-            return true;
-    }
-    return false;
+    transferRunning = false;
+    finish(TransferFailed, text);
 }
 
 void CurlTransport::Private::reportProgress()
@@ -467,6 +407,9 @@ void CurlTransport::Private::reportProgress()
 
 void CurlTransport::Private::endTransfer(CURLcode result)
 {
+    long version = 0;
+    if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0)
+        multiplexed = version == CURL_HTTP_VERSION_2_0;
     removeTransfer();
     switch (current->kind) {
     case Kind::Connect:
@@ -541,19 +484,6 @@ QString CurlTransport::Private::curlErrorText(CURLcode result) const
     return QString::fromUtf8(curl_easy_strerror(result));
 }
 
-int CurlTransport::Private::socketCallback(CURL *, curl_socket_t socket, int what, void *userp,
-                                           void *)
-{
-    static_cast<Private *>(userp)->watchSocket(socket, what);
-    return 0;
-}
-
-int CurlTransport::Private::timerCallback(CURLM *, long timeoutMs, void *userp)
-{
-    static_cast<Private *>(userp)->scheduleCurlTimer(timeoutMs);
-    return 0;
-}
-
 size_t CurlTransport::Private::headerCallback(char *data, size_t size, size_t count, void *userp)
 {
     return static_cast<Private *>(userp)->receiveHeader(data, size * count);
@@ -562,42 +492,6 @@ size_t CurlTransport::Private::headerCallback(char *data, size_t size, size_t co
 size_t CurlTransport::Private::writeCallback(char *data, size_t size, size_t count, void *userp)
 {
     return static_cast<Private *>(userp)->receiveBody(data, size * count);
-}
-
-void CurlTransport::Private::watchSocket(curl_socket_t socket, int what)
-{
-    // Deleted at once: libcurl may hand out the same descriptor again before control returns.
-    if (what == CURL_POLL_REMOVE) {
-        sockets.erase(socket);
-        return;
-    }
-    SocketWatch &watch = sockets[socket];
-    watchDirection(watch.read, socket, QSocketNotifier::Read, what & CURL_POLL_IN, CURL_CSELECT_IN);
-    watchDirection(watch.write, socket, QSocketNotifier::Write, what & CURL_POLL_OUT,
-                   CURL_CSELECT_OUT);
-}
-
-void CurlTransport::Private::watchDirection(std::unique_ptr<QSocketNotifier> &notifier,
-                                            curl_socket_t socket, QSocketNotifier::Type type,
-                                            bool wanted, int events)
-{
-    if (notifier) {
-        notifier->setEnabled(wanted);
-        return;
-    }
-    if (!wanted)
-        return;
-    notifier = std::make_unique<QSocketNotifier>(socket, type);
-    QObject::connect(notifier.get(), &QSocketNotifier::activated, q,
-                     [this, socket, events] { socketAction(socket, events); });
-}
-
-void CurlTransport::Private::scheduleCurlTimer(long timeoutMs)
-{
-    if (timeoutMs < 0)
-        curlTimer.stop();
-    else
-        curlTimer.start(int(qMin(timeoutMs, long(INT_MAX))));
 }
 
 size_t CurlTransport::Private::receiveHeader(const char *data, size_t length)
@@ -747,6 +641,11 @@ void CurlTransport::abort()
     d->removeTransfer();
     d->current.reset();
     d->foldedLoginId = -1;
+}
+
+bool CurlTransport::isMultiplexed() const
+{
+    return d->multiplexed;
 }
 
 CurlTransport::Error CurlTransport::error() const

@@ -19,6 +19,7 @@ constexpr qint64 maxUncheckedLength = 64 * 1024 * 1024;
 
 SingleFileDownloadStream::SingleFileDownloadStream(const QString &destDir)
     : destDir(destDir)
+    , trustedCaFile(defaultTrustedCaFile)
 {
     repeatTimer.setSingleShot(true);
     finishTimer.setSingleShot(true);
@@ -79,6 +80,11 @@ void SingleFileDownloadStream::cancel()
     setState(DownloadStream_Idle);
 }
 
+bool SingleFileDownloadStream::isMultiplexed() const
+{
+    return transport && transport->isMultiplexed();
+}
+
 void SingleFileDownloadStream::setRepeatTimeUnit(int milliseconds)
 {
     repeatTimeUnit = milliseconds;
@@ -89,9 +95,16 @@ void SingleFileDownloadStream::setStallTimeout(int seconds)
     stallTimeout = seconds;
 }
 
+QString SingleFileDownloadStream::defaultTrustedCaFile;
+
 void SingleFileDownloadStream::setTrustedCaFile(const QString &path)
 {
     trustedCaFile = path;
+}
+
+void SingleFileDownloadStream::setDefaultTrustedCaFile(const QString &path)
+{
+    defaultTrustedCaFile = path;
 }
 
 void SingleFileDownloadStream::onDataTransferProgress(qint64 done, qint64 total)

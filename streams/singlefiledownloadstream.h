@@ -41,12 +41,16 @@ public:
     virtual void getProgress(unsigned long long *done, unsigned long long *size) const;
     virtual void cancel();
     virtual void checkGetFilePrerequisitions() = 0;
+    // The mirror answered over HTTP/2: further streams to it cost no connection of their own.
+    bool isMultiplexed() const;
     virtual int createFileRequest(QString path, QFile *file) = 0;
 
     // For tests only; the product keeps the defaults (a second, 60 s, the system's CAs).
     void setRepeatTimeUnit(int milliseconds);
     void setStallTimeout(int seconds);
     void setTrustedCaFile(const QString &path);
+    // The same for every stream made afterwards, those a session makes included.
+    static void setDefaultTrustedCaFile(const QString &path);
 
 signals:
     void stateChanged(DownloadStream_State state);
@@ -128,4 +132,5 @@ private:
     int repeatTimeUnit = 1000;
     int stallTimeout = 0;
     QString trustedCaFile;
+    static QString defaultTrustedCaFile;
 };

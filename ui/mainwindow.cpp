@@ -25,7 +25,8 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     : QWidget(nullptr)
     , options(commandLineOptions)
     , run(commandLineOptions.clientType, commandLineOptions.clientVersion,
-          commandLineOptions.versionFromServer, commandLineOptions.runMode == 2)
+          commandLineOptions.versionFromServer,
+          commandLineOptions.runMode == CommandLineOptions::Unattended)
     , clientVersion(commandLineOptions.clientVersion)
     , terminal(commandLineOptions.runMode == 2)
 {
@@ -82,7 +83,7 @@ void MainWindow::refuseToStart(const QString &text, bool critical)
     showMessageBox(this, critical ? QMessageBox::Critical : QMessageBox::Warning, tr("Error"),
                    text);
     // Nobody would press the button again.
-    if (options.runMode == 2)
+    if (options.runMode == CommandLineOptions::Unattended)
         QCoreApplication::exit(1);
 }
 
@@ -109,14 +110,14 @@ void MainWindow::onUpdateFinished(bool installed)
     if (!installed) {
         ui.startButton->setText(tr("Restart"));
         ui.startButton->setEnabled(true);
-        if (options.runMode == 2)
+        if (options.runMode == CommandLineOptions::Unattended)
             QCoreApplication::exit(3);
         return;
     }
     updateDone = true;
     ui.startButton->setText(tr("Start Orlivo"));
     ui.startButton->setEnabled(true);
-    if (options.runMode == 2)
+    if (options.runMode == CommandLineOptions::Unattended)
         close();
 }
 
@@ -210,7 +211,7 @@ void MainWindow::onProcessCancelled()
         bar->setValue(0);
     }
     // Nobody would answer the box; the program ends as soon as it has been dealt with.
-    if (options.runMode == 2)
+    if (options.runMode == CommandLineOptions::Unattended)
         QCoreApplication::exit(2);
     showMessageBox(this, QMessageBox::Critical, tr("Update"),
                    tr("Download cancelled. Push \"Details\" to check reasons."));

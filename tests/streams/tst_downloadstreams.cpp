@@ -192,6 +192,8 @@ void tst_DownloadStreams::fetchesFiles()
         return;
     }
     QCOMPARE(events.lines, QStringList({"state 1", "state 2", "connected"}));
+    // HTTP/2 by ALPN over TLS, through the proxy's tunnel too; never in the clear.
+    QCOMPARE(stream->isMultiplexed(), url.startsWith("https"));
     for (int i = 0; i < count; ++i) { // the first one empty
         const QString name = QStringLiteral("many/%1.dat").arg(i);
         const QByteArray content = readTestFile(root.filePath("pub/" + name));

@@ -7,6 +7,7 @@ import json
 import os
 import sys
 import threading
+import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import unquote
 
@@ -71,13 +72,22 @@ class Handler(BaseHTTPRequestHandler):
             body = body.translate(bytes(range(255, -1, -1)))
         elif kind in ("cut", "short", "stall"):
             body, length = body[:n], (None if kind == "short" else length)
+        elif kind == "trickle":
+            pass
         elif kind == "endless":
             status, length, body, content_range = 200, None, b"e" * 16384, None
         elif kind not in ("ok", "full"):
             raise ValueError(f"unknown behaviour {behaviour}")
         self.send_head(status, length, content_range)
         try:
-            for _ in range(200000 if kind == "endless" else 1):
+            if kind == "trickle":
+                # Ten parts spread over N milliseconds, whatever the size.
+                part = -(-len(body) // 10)
+                for start in range(0, len(body), part):
+                    time.sleep(n / 10000)
+                    self.wfile.write(body[start:start + part])
+                    self.wfile.flush()
+            for _ in range(200000 if kind == "endless" else 0 if kind == "trickle" else 1):
                 self.wfile.write(body)
             if kind == "stall":
                 # Silent until the client gives up, for five minutes at most.

@@ -51,9 +51,10 @@ LoopbackServer::~LoopbackServer()
 std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
                                                       const TestCertificates *tls)
 {
-    const QString ssl = tls ? QStringLiteral(" ssl; ssl_certificate %1; ssl_certificate_key %2")
-                                        .arg(tls->certFile, tls->keyFile)
-                            : QString();
+    const QString ssl =
+            tls ? QStringLiteral(" ssl http2; ssl_certificate %1; ssl_certificate_key %2")
+                            .arg(tls->certFile, tls->keyFile)
+                : QString();
     return start(QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
                  QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath()));
 }

@@ -48,7 +48,8 @@ public:
     // Fault server only: the next requests of path (decoded) take these behaviours in turn, then
     // it is served normally. "ok"; "status:N"; "cut:N" (full length announced, N bytes sent,
     // closed); "short:N" (no length, N bytes, closed); "stall:N" (N bytes, then silence);
-    // "endless"; "corrupt" (every byte inverted); "full" (200 and the whole file whatever range
+    // "endless"; "trickle:N" (the body in ten parts over N ms); "corrupt" (every byte inverted);
+    // "full" (200 and the whole file whatever range
     // was asked). Otherwise a range "bytes=N-" gets 206 and the behaviour applies to the rest.
     void setFaults(const QString &path, const QStringList &behaviours);
 

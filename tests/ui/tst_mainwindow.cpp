@@ -99,7 +99,8 @@ void TestMainWindow::init()
     qputenv("TMPDIR", QFile::encodeName(tempPath));
     boxes.clear();
     answer = QMessageBox::Ok;
-    window = std::make_unique<MainWindow>(CommandLineOptions{1, clientType, 7});
+    window = std::make_unique<MainWindow>(
+            CommandLineOptions{CommandLineOptions::Interactive, clientType, 7});
 }
 
 void TestMainWindow::cleanup()

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "session/markedsitedata.h"
+
+#include <QElapsedTimer>
+#include <QString>
+#include <QVector>
+
+// The mirrors of a download session, in the order of mirrors.ini, with their failed marks and
+// what each has been seen to deliver. A mirror marked failed stays so; a slow one is only
+// preferred less, never given up.
+class MirrorChoice
+{
+public:
+    // Reads the mirror list; a warning for the log when some of it is left unused.
+    QString readMirrors(const QString &mirrorsFile, const QString &versionPath);
+
+    const QVector<MarkedSiteData> &getMirrors() const { return mirrors; }
+    int size() const { return mirrors.size(); }
+    bool isEmpty() const { return mirrors.isEmpty(); }
+    const MarkedSiteData &at(int m) const { return mirrors.at(m); }
+    void markFailed(int m) { mirrors[m].failed = true; }
+
+    // A random mirror not marked failed; -1 when every one is.
+    int getNextMirror() const;
+    // The mirrors not marked failed, the fastest known first, the others in list order.
+    QVector<int> dealOrder() const;
+    // The mirror not marked failed that delivers most; -1 while none has been measured.
+    int fastest() const;
+
+    // Bytes that arrived from mirror m just now.
+    void noteDelivered(int m, qint64 bytes);
+    // Bytes a second mirror m delivers, over all its streams; 0 while unknown.
+    double rate(int m) const;
+    // Both are measured and than delivers many times what m does.
+    bool isMuchSlower(int m, int than) const;
+    // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
+    static bool isMuchSlowerRate(double rate, double than);
+
+private:
+    struct Rate
+    {
+        QElapsedTimer window;
+        qint64 windowBytes = 0;
+        // When the window's last bytes came.
+        qint64 windowLastMs = 0;
+        double rate = 0;
+    };
+
+    QVector<MarkedSiteData> mirrors;
+    QVector<Rate> rates;
+};

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <QSocketNotifier>
+#include <QString>
+#include <QTimer>
+
+#include <map>
+#include <memory>
+
+#include <curl/curl.h>
+
+// A libcurl multi handle driven from Qt's event loop: socket notifiers, one timer, and the
+// hand-over of finished transfers to their owners once libcurl has returned. Transfers of one
+// multi handle share its connections; over HTTP/2 they are streams of one connection. Held by
+// shared pointer by every transport using it; it outlives any call it is making.
+class CurlMulti : public std::enable_shared_from_this<CurlMulti>
+{
+public:
+    // One transfer's owner. Calls come from the event loop, never from inside libcurl.
+    class Client
+    {
+    public:
+        virtual void transferProgress() = 0;
+        virtual void transferDone(CURLcode result) = 0;
+        virtual void transferBroken(const QString &text) = 0;
+
+    protected:
+        ~Client() = default;
+    };
+
+    // The multi handle that every multiplexing transport of this process uses, so that the
+    // requests to one server share one connection.
+    static std::shared_ptr<CurlMulti> shared();
+    // A multi handle for one transport alone.
+    static std::shared_ptr<CurlMulti> create();
+    ~CurlMulti();
+
+    bool isReady() const { return ready; }
+    CURLMcode add(CURL *easy, Client *client);
+    void remove(CURL *easy);
+
+private:
+    struct SocketWatch
+    {
+        std::unique_ptr<QSocketNotifier> read;
+        std::unique_ptr<QSocketNotifier> write;
+    };
+    struct Transfer
+    {
+        Client *client = nullptr;
+        quint64 generation = 0;
+    };
+
+    CurlMulti();
+
+    void socketAction(curl_socket_t socket, int events);
+    void kick();
+    void afterAction(CURLMcode result, bool mayKick);
+    bool isWatchingSockets() const;
+    // The transfer still runs as the one that generation started.
+    Client *clientOf(CURL *easy, quint64 generation) const;
+
+    static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *);
+    static int timerCallback(CURLM *, long timeoutMs, void *userp);
+    void watchSocket(curl_socket_t socket, int what);
+    void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
+                        QSocketNotifier::Type type, bool wanted, int events);
+    void scheduleCurlTimer(long timeoutMs);
+
+    CURLM *multi = nullptr;
+    bool ready = false;
+    std::map<curl_socket_t, SocketWatch> sockets;
+    std::map<CURL *, Transfer> transfers;
+    quint64 lastGeneration = 0;
+    QTimer curlTimer;
+    QTimer kickTimer;
+};
