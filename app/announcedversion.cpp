@@ -1,12 +1,10 @@
 #include "app/announcedversion.h"
 
 #include "app/apppaths.h"
+#include "app/updatedatafile.h"
 #include "app/updatechecker.h"
 #include "session/latestpointerfetch.h"
 #include "session/trustedkeys.h"
-
-#include <QDir>
-#include <QSettings>
 
 #include <cstdio>
 #include <memory>
@@ -27,16 +25,10 @@ AnnouncedVersion::AnnouncedVersion(const QString &clientType)
 
 int AnnouncedVersion::installedVersion()
 {
-    const QString recorded =
-            QSettings(QDir(getAppRootPath()).filePath(QStringLiteral("update.ini")),
-                      QSettings::IniFormat)
-                    .value(QStringLiteral("installed/version"))
-                    .toString();
-    if (recorded.isEmpty())
+    std::optional<int> installed;
+    if (!UpdateDataFile().installedVersion(&installed))
         return 0;
-    bool ok = false;
-    const int version = recorded.toInt(&ok, 10);
-    return ok && version >= 0 && recorded.trimmed() == recorded ? version : -1;
+    return installed.value_or(-1);
 }
 
 bool AnnouncedVersion::query()

@@ -1,11 +1,12 @@
 #include "session/latestpointerfetch.h"
 
+#include "app/updatesettings.h"
+#include "session/mirrorchoice.h"
 #include "streams/curltransport.h"
 
 #include <QDateTime>
 #include <QDir>
 #include <QEventLoop>
-#include <QSettings>
 #include <QUrl>
 
 namespace {
@@ -13,27 +14,6 @@ namespace {
 // A pointer and its signature are a few lines; anything longer is not one.
 constexpr qint64 pointerLimit = 4096;
 constexpr int defaultMirrorTimeoutMs = 15000;
-
-// The mirrors' base URLs, as the session reads them.
-QStringList mirrorUrls(const QString &mirrorsFile)
-{
-    QSettings settings(mirrorsFile, QSettings::IniFormat);
-    QStringList names;
-    const int size = qMin(settings.beginReadArray(QStringLiteral("mirrors")), 100);
-    for (int i = 0; i < size; ++i) {
-        settings.setArrayIndex(i);
-        names << settings.value(QStringLiteral("mirror")).toString();
-    }
-    settings.endArray();
-    QStringList urls;
-    for (const QString &name : std::as_const(names)) {
-        QString url = settings.value(name + QStringLiteral("/url")).toString();
-        if (!url.endsWith(QLatin1Char('/')))
-            url += QLatin1Char('/');
-        urls << url;
-    }
-    return urls;
-}
 
 int defaultPort(const QString &scheme)
 {
@@ -52,10 +32,8 @@ LatestPointerFetch::LatestPointerFetch(const QString &appDirectory, const QStrin
     , trustedKeys(trustedKeys)
     , installedVersion(installedVersion)
 {
-    proxy = QSettings(QDir(appDirectory).filePath(QStringLiteral("update.ini")),
-                      QSettings::IniFormat)
-                    .value(QStringLiteral("update/proxy"))
-                    .toString();
+    proxy = UpdateSettings::read(QDir(appDirectory).filePath(QStringLiteral("update.ini")), 1)
+                    .proxy;
     mirrorTimeout.setSingleShot(true);
     mirrorTimeout.setInterval(defaultMirrorTimeoutMs);
     connect(&mirrorTimeout, &QTimer::timeout, this, &LatestPointerFetch::finishMirror);
@@ -68,7 +46,10 @@ int LatestPointerFetch::fetch()
     const QString mirrorsFile = QDir(appDirectory).filePath(QStringLiteral("mirrors.ini"));
     if (!QFile::exists(mirrorsFile))
         return 0;
-    for (const QString &url : mirrorUrls(mirrorsFile)) {
+    MirrorChoice mirrors;
+    mirrors.readMirrors(mirrorsFile, QString());
+    for (const MarkedSiteData &mirror : mirrors.getMirrors()) {
+        const QString &url = mirror.url;
         if (!startMirror(url))
             continue;
         QEventLoop mirrorLoop;

@@ -28,7 +28,7 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
           commandLineOptions.versionFromServer,
           commandLineOptions.runMode == CommandLineOptions::Unattended)
     , clientVersion(commandLineOptions.clientVersion)
-    , terminal(commandLineOptions.runMode == 2)
+    , terminal(commandLineOptions.runMode == CommandLineOptions::Unattended)
 {
     ui.setupUi(this);
     ui.orlivoLabel->setUrl(makerWebAddress);

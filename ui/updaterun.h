@@ -1,7 +1,7 @@
 #pragma once
 
 #include "session/initialparameters.h"
-#include "ui/updatedatafile.h"
+#include "app/updatedatafile.h"
 #include "update/installquestion.h"
 
 #include <QObject>

@@ -1,4 +1,4 @@
-#include "ui/updatedatafile.h"
+#include "app/updatedatafile.h"
 
 #include "app/apppaths.h"
 
