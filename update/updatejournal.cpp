@@ -9,6 +9,7 @@
 #include <QFileInfo>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 
 namespace {
@@ -23,6 +24,16 @@ const char actionLetters[] = {'a', 'r', 'u', 'x'};
 QString failure(const QString &path, const QString &reason)
 {
     return QStringLiteral("%1: %2").arg(path, reason);
+}
+
+// Runs step, and once more after making the directory path goes into when it failed for want
+// of that directory. Files are renamed or linked where their directory mostly exists already.
+template<typename Step>
+bool inParent(const QString &path, Step step)
+{
+    if (step())
+        return true;
+    return errno == ENOENT && QDir().mkpath(parentPath(path)) && step();
 }
 
 void removeTree(const QString &path)
@@ -70,13 +81,13 @@ QString UpdateJournal::journalPath() const
     return root + QLatin1Char('/') + journalName;
 }
 
-void UpdateJournal::planFile(const QString &relative, bool inUse)
+void UpdateJournal::planFile(const QString &relative, bool inUse, bool installed)
 {
     // Directories the switch has to make, parents first.
     QStringList missing;
     // A file in a directory's place goes first, as the "delete" group has it.
-    for (QString dir = parentPath(relative);
-         !dir.isEmpty() && !QFileInfo(installedPath(dir)).isDir(); dir = parentPath(dir)) {
+    for (QString dir = parentPath(relative); !dir.isEmpty() && !isDirectory(dir);
+         dir = parentPath(dir)) {
         missing.prepend(dir);
     }
     for (const QString &dir : std::as_const(missing)) {
@@ -84,7 +95,7 @@ void UpdateJournal::planFile(const QString &relative, bool inUse)
             newDirectories << dir;
     }
     Action action = Action::Add;
-    if (pathExists(installedPath(relative)))
+    if (installed)
         action = inUse ? Action::ReplaceInUse : Action::Replace;
     entries << Entry{action, relative};
 }
@@ -104,6 +115,14 @@ bool UpdateJournal::deletes(const QString &path) const
     });
 }
 
+bool UpdateJournal::isDirectory(const QString &relative) const
+{
+    const auto known = directories.constFind(relative);
+    if (known != directories.cend())
+        return *known;
+    return *directories.insert(relative, QFileInfo(installedPath(relative)).isDir());
+}
+
 bool UpdateJournal::begin(QString *error)
 {
     // Files go before any is added: one may stand where a new directory must be made.
@@ -120,7 +139,8 @@ bool UpdateJournal::begin(QString *error)
 
 bool UpdateJournal::write(State state, QString *error)
 {
-    QByteArray text = journalMagic + '\n'
+    QByteArray text =
+            journalMagic + '\n'
             + (state == State::Switch ? QByteArray("switch\n") : QByteArray("rollback\n"));
     for (const QString &dir : std::as_const(newDirectories))
         text += "d " + dir.toUtf8() + '\n';
@@ -153,8 +173,8 @@ bool UpdateJournal::read(State *state)
         if (line.size() < 3 || line.at(1) != ' ')
             return false;
         const QString path = QString::fromUtf8(line.mid(2));
-        const char *letter = std::find(std::begin(actionLetters), std::end(actionLetters),
-                                       line.at(0));
+        const char *letter =
+                std::find(std::begin(actionLetters), std::end(actionLetters), line.at(0));
         if (line.at(0) == 'd')
             newDirectories << path;
         else if (letter != std::end(actionLetters))
@@ -195,19 +215,21 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
             return fail(installed);
         return true;
     }
+    if (entry.action == Action::Add) {
+        // Most files of a large update are new: the rename alone tells whether it is done.
+        if (inParent(installed, [&] { return renameFile(staged, installed); }))
+            return true;
+        return !pathExists(staged) || fail(installed);
+    }
     if (!pathExists(staged))
         return true;
-    if (!QDir().mkpath(parentPath(installed)))
-        return fail(parentPath(installed));
-    if (entry.action != Action::Add && !pathExists(backup)
-        && (!QDir().mkpath(parentPath(backup)) || !linkFile(installed, backup))) {
+    if (!inParent(backup, [&] { return linkFile(installed, backup) || errno == EEXIST; }))
         return fail(installed);
-    }
     if (entry.action == Action::ReplaceInUse && !pathExists(asidePath(entry.path))
         && !linkFile(backup, asidePath(entry.path))) {
         return fail(asidePath(entry.path));
     }
-    if (!renameFile(staged, installed))
+    if (!inParent(installed, [&] { return renameFile(staged, installed); }))
         return fail(installed);
     return true;
 }

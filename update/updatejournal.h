@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -22,12 +23,15 @@ public:
 
     explicit UpdateJournal(const QString &installDir);
 
-    // Plans one file, its path relative to the installation; the action follows from what is
-    // installed now.
-    void planFile(const QString &relative, bool inUse);
+    // Plans one file, its path relative to the installation; the action follows from whether
+    // something is installed there now.
+    void planFile(const QString &relative, bool inUse, bool installed);
     void planDelete(const QString &relative);
     // True when the installed file at this absolute path goes in the switch.
     bool deletes(const QString &path) const;
+    // True when relative is a directory of the installation (or a link to one). Asked once per
+    // directory: nothing installed changes while a switch is planned.
+    bool isDirectory(const QString &relative) const;
 
     QString installedPath(const QString &relative) const;
     QString stagedPath(const QString &relative) const;
@@ -73,4 +77,5 @@ private:
     QString root;
     QList<Entry> entries;
     QStringList newDirectories;
+    mutable QHash<QString, bool> directories;
 };

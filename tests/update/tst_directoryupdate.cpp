@@ -137,6 +137,9 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QCOMPARE(readTestFile(target("lib/made.so")), "made");
     for (const char *path : {"plugins/old.so", "notdownloaded.bin", ".update-staging"})
         QVERIFY(!QFileInfo::exists(target(path)));
+    // A packed download has served once unpacked; a plain one is the installed file itself.
+    QVERIFY(!QFileInfo::exists(source("data/sound.wav.gz")));
+    QVERIFY(QFileInfo(source("bin/readme.txt")).isFile());
     // The "delete" group goes during the switch, not before anything is staged.
     QCOMPARE(log,
              (QStringList{"Update content", "Copy/unpack files...", "Switch to the new version...",
@@ -274,9 +277,9 @@ void tst_DirectoryUpdate::recoversInterruptedSwitch()
         for (const char *name : {"a.txt", "update", "b.txt"})
             QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
         journal.planDelete("gone.txt");
-        journal.planFile("a.txt", false);
-        journal.planFile("update", true);
-        journal.planFile("b.txt", false);
+        journal.planFile("a.txt", false, true);
+        journal.planFile("update", true, true);
+        journal.planFile("b.txt", false, obstacle);
         QString error;
         QVERIFY2(journal.begin(&error), qPrintable(error));
         int failed = 0;
