@@ -2,11 +2,13 @@
 
 #include "app/apppaths.h"
 #include "app/commandlineoptions.h"
+#include "app/installationlock.h"
 #include "app/messageboxes.h"
 #include "app/progresstype.h"
 #include "app/randomgenerator.h"
 #include "app/runningfiles.h"
 #include "session/ftpproductdownloadsessionstate.h"
+#include "session/trustedkeys.h"
 #include "streams/downloadstreamtypes.h"
 #include "streams/transportlibrary.h"
 #include "ui/mainwindow.h"
@@ -64,6 +66,20 @@ int answerInformationRequest(int argc, char **argv)
     return -1;
 }
 
+// One run per installation, taken before anything of it is read or changed.
+bool lockThisInstallation()
+{
+    bool busy = false;
+    QString error;
+    if (lockInstallation(getAppRootPath(), &busy, &error))
+        return true;
+    showMessageBox(nullptr, QMessageBox::Warning, QCoreApplication::translate("", "Error"),
+                   busy ? QCoreApplication::translate(
+                           "", "Another update is running in this installation.")
+                        : error);
+    return false;
+}
+
 } // namespace
 
 void registerMetaTypes()
@@ -89,9 +105,15 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
     // Before anything else: an update a killed run left half done is finished or undone, so that
     // whatever runs next finds one whole version.
     const QStringList recovery = UpdateJournal::recover(getAppRootPath());
+    // A switch that could be neither finished nor rolled back keeps the only copies of some
+    // files: nothing more may change until somebody has looked.
+    const bool stuck = UpdateJournal(getAppRootPath()).isOpen();
 
     CommandLineOptions options;
-    const QString error = parseCommandLineOptions(&options, QString(), arguments);
+    // Keys that cannot be trusted must not quietly turn the signature checks off.
+    QString error = stuck ? recovery.last() : trustedKeysProblem(getAppRootPath());
+    if (error.isEmpty())
+        error = parseCommandLineOptions(&options, QString(), arguments);
     if (!error.isEmpty()) {
         for (const QString &line : recovery)
             std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
@@ -141,8 +163,10 @@ int runUpdater(int argc, char **argv)
     // Process-wide, before any transfer; it outlives the window.
     const TransportLibrary transportLibrary;
 
+    if (!lockThisInstallation())
+        return 1;
     const std::unique_ptr<MainWindow> window = startMainWindow(QCoreApplication::arguments());
     if (!window)
-        return 1;
+        return UpdateJournal(getAppRootPath()).isOpen() ? 3 : 1;
     return application.exec();
 }

@@ -14,9 +14,10 @@ void registerMetaTypes();
 // below the working directory, for the system locale, and installs both whether found or not.
 void installTranslators(QTranslator *program, QTranslator *toolkit);
 
-// Parses the arguments (the program's own path first) and, when they hold, clears away the
-// copies left by the previous update and shows the window, which starts by itself 200 ms later
-// in an unattended run. Otherwise shows the error and returns null.
+// Finishes or rolls back a switch a killed run left open, parses the arguments (the program's own
+// path first) and, when they hold and no switch is left open, clears away the copies left by the
+// previous update and shows the window, which starts by itself 200 ms later in an unattended run.
+// Otherwise shows the error and returns null.
 std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments);
 
 // The whole program: its exit status.

@@ -99,9 +99,13 @@ bool UpdateChecker::readFromServer()
     if (!resolveIPv4(server, &target))
         return false;
 
+    // A connected socket takes datagrams from the server's address and port only: a reply from
+    // anyone else on the path cannot choose the version.
+    if (::connect(socket.descriptor, reinterpret_cast<const sockaddr *>(&target), sizeof target)
+        != 0)
+        return false;
     static const char request[] = {'2', '\0'};
-    const ssize_t sent = sendto(socket.descriptor, request, sizeof request, 0,
-                                reinterpret_cast<const sockaddr *>(&target), sizeof target);
+    const ssize_t sent = send(socket.descriptor, request, sizeof request, 0);
     if (sent <= 0)
         return false;
 

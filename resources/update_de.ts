@@ -24,6 +24,11 @@
         <translation>Ungültige Versionsnummer</translation>
     </message>
     <message>
+        <location filename="../app/startup.cpp" line="78"/>
+        <source>Another update is running in this installation.</source>
+        <translation>In dieser Installation läuft bereits eine Aktualisierung.</translation>
+    </message>
+    <message>
         <location filename="../app/commandlineoptions.cpp" line="79"/>
         <source>Wrong client type</source>
         <translation>Ungültiger Client-Typ</translation>

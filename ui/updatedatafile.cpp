@@ -6,6 +6,8 @@
 #include <QFileInfo>
 #include <QSettings>
 
+#include <algorithm>
+
 namespace {
 
 const QString currentGroup = QStringLiteral("current");
@@ -53,9 +55,24 @@ void UpdateDataFile::cleanupCurrentUpdateDataIniFile()
     settings.remove(currentGroup);
 }
 
-int UpdateDataFile::installedVersion() const
+bool UpdateDataFile::installedVersion(std::optional<int> *version) const
 {
-    return QSettings(filePath, QSettings::IniFormat).value(installedVersionKey, 0).toInt();
+    const QSettings settings(filePath, QSettings::IniFormat);
+    const bool readable = settings.status() == QSettings::NoError;
+    if (readable && !settings.contains(installedVersionKey))
+        return false;
+    // A list ("1,2") is no text at all.
+    const QVariant value = settings.value(installedVersionKey);
+    const QString text = value.typeId() == QMetaType::QString ? value.toString() : QString();
+    bool converted = false;
+    const int installed = text.toInt(&converted, 10);
+    // toInt would take " 12", "+12" and "-1" as well.
+    const bool decimal =
+            readable && converted && std::all_of(text.cbegin(), text.cend(), [](QChar c) {
+                return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+            });
+    *version = decimal ? std::optional<int>(installed) : std::nullopt;
+    return true;
 }
 
 void UpdateDataFile::recordInstalledVersion(int version)

@@ -2,6 +2,8 @@
 
 #include <QString>
 
+#include <optional>
+
 // update.ini beside the program. Its "current" group records the run in progress, so that an
 // interrupted run is found again, and its "installed" group the version last installed; this
 // class is the only code that touches them. The user's settings in group "update" are left as
@@ -19,8 +21,9 @@ public:
     void modifyUpdateData(const QString &version, const QString &dir, const QString &type);
     void cleanupCurrentUpdateDataIniFile();
 
-    // The version the last finished update installed; 0 when none is recorded.
-    int installedVersion() const;
+    // The version the last finished update installed. False when none is recorded; when one is
+    // but it is no decimal number, or the file cannot be read, version is left empty.
+    bool installedVersion(std::optional<int> *version) const;
     void recordInstalledVersion(int version);
 
 private:

@@ -116,17 +116,24 @@ InitialParameters UpdateRun::sessionParameters(const QString &version, const QSt
 
 bool UpdateRun::refusesDowngrade()
 {
-    const int installed = dataFile.installedVersion();
-    if (!announced || clientVersion >= installed)
+    if (!announced)
         return false;
+    std::optional<int> installed;
+    if (!dataFile.installedVersion(&installed)) {
+        emit message(QStringLiteral("No installed version is recorded: version %1 is taken")
+                             .arg(clientVersion));
+        return false;
+    }
+    if (installed && clientVersion >= *installed)
+        return false;
+    // A version that cannot be read is no baseline to go below.
+    const QString shown = installed ? QString::number(*installed) : QStringLiteral("(unreadable)");
     emit message(QStringLiteral("The update server announces version %1, lower than the "
                                 "installed version %2: not installed")
-                         .arg(clientVersion)
-                         .arg(installed));
+                         .arg(QString::number(clientVersion), shown));
     emit refused(tr("The update server announces version %1, older than the installed version "
                     "%2. Nothing was changed.")
-                         .arg(clientVersion)
-                         .arg(installed),
+                         .arg(QString::number(clientVersion), shown),
                  false);
     return true;
 }
@@ -148,7 +155,14 @@ bool UpdateRun::takeUpEarlierSession(QString *version, QString *dir)
     }
     if (!isValidClientType(storedType))
         return false;
-    clientType = storedType;
+    // What was asked for holds: a record of another product is dropped, never taken up.
+    if (storedType != clientType) {
+        emit message(QStringLiteral("Previous update session is for client type %1, not %2: "
+                                    "dropped")
+                             .arg(storedType, clientType));
+        removeStaleSession(storedVersion, storedDir);
+        return true;
+    }
     if (storedVersion == QString::number(clientVersion)) {
         emit message(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
         *version = storedVersion;

@@ -47,7 +47,7 @@ signals:
     void updateFinished(bool installed);
 
 private:
-    // An earlier run of the same version is taken up again, one of another version cleaned away;
+    // An earlier run of the same type and version is taken up again, any other cleaned away;
     // false when its record names a client type that cannot be a product list's name.
     bool takeUpEarlierSession(QString *version, QString *dir);
     // True, after telling so, when the update server announces an older version than the one

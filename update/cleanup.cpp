@@ -1,27 +1,80 @@
 #include "update/cleanup.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QFileInfoList>
+#include <QFile>
+
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+// Works through descriptors only: a directory swapped for a link while it is emptied is reached
+// through the descriptor it was opened as, never through the link.
+void emptyDirectory(int directory)
+{
+    const int listing = ::dup(directory);
+    DIR *entries = listing < 0 ? nullptr : ::fdopendir(listing);
+    if (!entries) {
+        if (listing >= 0)
+            ::close(listing);
+        return;
+    }
+    std::vector<std::string> subdirectories;
+    while (const dirent *entry = ::readdir(entries)) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..")
+            continue;
+        struct stat status = {};
+        if (::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            continue;
+        if (S_ISDIR(status.st_mode))
+            subdirectories.push_back(name);
+        else
+            ::unlinkat(directory, name.c_str(), 0);
+    }
+    ::closedir(entries);
+    for (const std::string &name : subdirectories) {
+        const int subdirectory = ::openat(directory, name.c_str(), directoryFlags);
+        if (subdirectory < 0)
+            continue;
+        emptyDirectory(subdirectory);
+        ::close(subdirectory);
+        ::unlinkat(directory, name.c_str(), AT_REMOVEDIR);
+    }
+}
+
+} // namespace
 
 void cleanupDirectory(const QString &path)
 {
-    // QDir would take an empty path for the current directory.
+    // An empty path would be taken for the current directory.
     if (path.isEmpty())
         return;
-    QDir dir(path);
-    // The links are filtered here rather than by QDir::NoSymLinks, which still lists a dangling
-    // link when system files are asked for.
-    const QFileInfoList entries = dir.entryInfoList(
-            QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Unsorted);
-    for (const QFileInfo &entry : entries) {
-        if (!entry.isSymLink() && !entry.isDir())
-            dir.remove(entry.fileName());
+    const int directory = ::open(QFile::encodeName(path).constData(), directoryFlags);
+    if (directory < 0)
+        return;
+    emptyDirectory(directory);
+    ::close(directory);
+}
+
+void removeTree(const QString &path)
+{
+    if (path.isEmpty())
+        return;
+    const QByteArray name = QFile::encodeName(path);
+    struct stat status = {};
+    if (::lstat(name.constData(), &status) != 0)
+        return;
+    if (!S_ISDIR(status.st_mode)) {
+        ::unlink(name.constData());
+        return;
     }
-    for (const QFileInfo &entry : entries) {
-        if (!entry.isSymLink() && entry.isDir()) {
-            cleanupDirectory(entry.filePath());
-            dir.rmdir(entry.fileName());
-        }
-    }
+    cleanupDirectory(path);
+    ::rmdir(name.constData());
 }

@@ -2,7 +2,10 @@
 
 #include <QString>
 
-// Deletes every file below path, hidden ones included, and removes its sub-directories, keeping
-// path itself. Symbolic links are neither deleted nor followed, so a directory holding one stays.
-// Whatever cannot be deleted stays, silently. An empty path names nothing.
+// Deletes every entry below path, hidden ones included, and removes its sub-directories, keeping
+// path itself. Symbolic links are deleted as links and never followed, at any depth; a path that
+// is itself a link is left alone. Whatever cannot be deleted stays, silently. An empty path names
+// nothing.
 void cleanupDirectory(const QString &path);
+// Removes path and everything below it the same way; a link at path goes as the link.
+void removeTree(const QString &path);

@@ -19,7 +19,7 @@ QByteArray name(const QString &path)
 template<typename Call>
 bool withDescriptor(const QString &path, int flags, Call call)
 {
-    const int fd = ::open(name(path).constData(), flags | O_CLOEXEC);
+    const int fd = ::open(name(path).constData(), flags | O_CLOEXEC, 0644);
     if (fd < 0)
         return false;
     const bool done = call(fd);
@@ -50,21 +50,45 @@ bool syncDirectory(const QString &path)
 
 bool writeSyncedFile(const QString &path, const QByteArray &data)
 {
-    const bool written = withDescriptor(path, O_WRONLY | O_CREAT | O_TRUNC, [&](int fd) {
-        for (qsizetype done = 0; done < data.size();) {
-            const ssize_t n = ::write(fd, data.constData() + done, size_t(data.size() - done));
-            if (n < 0 && errno != EINTR)
-                return false;
-            done += qMax<ssize_t>(n, 0);
-        }
-        return ::fsync(fd) == 0;
-    });
+    const bool written =
+            withDescriptor(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, [&](int fd) {
+                for (qsizetype done = 0; done < data.size();) {
+                    const ssize_t n =
+                            ::write(fd, data.constData() + done, size_t(data.size() - done));
+                    if (n < 0 && errno != EINTR)
+                        return false;
+                    done += qMax<ssize_t>(n, 0);
+                }
+                return ::fsync(fd) == 0;
+            });
     if (!written) {
         const int error = errno;
         ::unlink(name(path).constData());
         errno = error;
     }
     return written;
+}
+
+bool readRegularFile(const QString &path, qint64 limit, QByteArray *data)
+{
+    return withDescriptor(path, O_RDONLY | O_NONBLOCK, [&](int fd) {
+        struct stat status = {};
+        if (::fstat(fd, &status) != 0)
+            return false;
+        if (!S_ISREG(status.st_mode) || status.st_size > limit) {
+            errno = S_ISDIR(status.st_mode) ? EISDIR : S_ISREG(status.st_mode) ? EFBIG : EINVAL;
+            return false;
+        }
+        data->resize(qsizetype(status.st_size));
+        qsizetype have = 0;
+        while (have < data->size()) {
+            const ssize_t n = ::read(fd, data->data() + have, size_t(data->size() - have));
+            if (n == 0 || (n < 0 && errno != EINTR))
+                return false;
+            have += qMax<ssize_t>(n, 0);
+        }
+        return true;
+    });
 }
 
 QString parentPath(const QString &path)

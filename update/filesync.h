@@ -11,8 +11,12 @@ bool startWriteback(const QString &path);
 bool syncFileSystem(const QString &path);
 // Flushes a directory's entries (fsync of the directory).
 bool syncDirectory(const QString &path);
-// Writes data to a new file at path and flushes it; nothing is left behind on failure.
+// Writes data to a new file at path, which must not exist, and flushes it; nothing is left
+// behind on failure.
 bool writeSyncedFile(const QString &path, const QByteArray &data);
+// Reads the regular file at path, at most limit bytes long, never waiting on a pipe or device
+// that stands in its place.
+bool readRegularFile(const QString &path, qint64 limit, QByteArray *data);
 
 // What one look at a path tells, so that a file is asked about once rather than once per question.
 struct PathStatus

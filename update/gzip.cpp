@@ -4,6 +4,8 @@
 
 #include <QFile>
 
+#include <limits>
+
 #include <zlib.h>
 
 namespace {
@@ -25,8 +27,8 @@ bool failAndRemove(gzFile gzip, QFile &output)
     return false;
 }
 
-// Unpacks source into destination, adding what it writes to hash.
-bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
+// Unpacks source into destination, adding what it writes to hash, up to limit bytes.
+bool unpack(const QString &destination, const QString &source, Md5Hash *hash, qint64 limit)
 {
     // The source first: one that cannot be read must not cost the destination anything.
     gzFile gzip = openGzip(source, "rb");
@@ -40,21 +42,24 @@ bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
     gzbuffer(gzip, packedBufferSize);
     gzrewind(gzip);
     char buffer[blockSize];
-    for (;;) {
-        const int n = gzread(gzip, buffer, blockSize);
+    for (qint64 room = limit < 0 ? std::numeric_limits<qint64>::max() : limit; room > 0;) {
+        const int n = gzread(gzip, buffer, unsigned(qMin<qint64>(blockSize, room)));
         if (n < 0)
             return failAndRemove(gzip, output);
-        if (n == 0)
+        if (n == 0) {
+            // gzread ends a stream cut short like a complete one; only the error state tells
+            // them apart.
+            int error = Z_OK;
+            gzerror(gzip, &error);
+            if (error != Z_OK)
+                return failAndRemove(gzip, output);
             break;
+        }
         if (output.write(buffer, n) < n)
             return failAndRemove(gzip, output);
         hash->addData(buffer, n);
+        room -= n;
     }
-    // gzread ends a stream cut short like a complete one; only the error state tells them apart.
-    int error = Z_OK;
-    gzerror(gzip, &error);
-    if (error != Z_OK)
-        return failAndRemove(gzip, output);
     output.close();
     if (gzclose(gzip) != Z_OK || output.error() != QFileDevice::NoError) {
         output.remove();
@@ -65,10 +70,10 @@ bool unpack(const QString &destination, const QString &source, Md5Hash *hash)
 
 } // namespace
 
-bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5)
+bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5, qint64 limit)
 {
     Md5Hash hash;
-    if (!unpack(destination, source, &hash))
+    if (!unpack(destination, source, &hash, limit))
         return false;
     *md5 = hash.result();
     return true;

@@ -8,7 +8,9 @@
 
 // Unpacks source into destination and gives the MD5 of what it wrote, which then needs not be
 // read again; a source that is not gzip data at all is copied unchanged. A truncated or corrupt
-// source fails, and one that cannot be opened leaves the destination as it was.
-bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5);
+// source fails, and one that cannot be opened leaves the destination as it was. With limit not
+// negative, no more than limit bytes are written: the rest is never unpacked.
+bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5,
+                      qint64 limit = -1);
 // Packs source into destination at the highest compression level.
 bool zipFile(const QString &source, const QString &destination);

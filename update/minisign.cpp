@@ -114,16 +114,24 @@ bool parseMinisignPublicKey(const QByteArray &line, MinisignPublicKey *key)
     return true;
 }
 
-QList<MinisignPublicKey> parseMinisignKeyList(const QByteArray &text)
+QList<MinisignPublicKey> parseMinisignKeyList(const QByteArray &text, QString *damaged)
 {
     QList<MinisignPublicKey> keys;
-    for (const QByteArray &rawLine : text.split('\n')) {
-        const QByteArray line = rawLine.trimmed();
+    const QList<QByteArray> lines = text.split('\n');
+    for (qsizetype i = 0; i < lines.size(); ++i) {
+        const QByteArray line = lines.at(i).trimmed();
         if (line.isEmpty() || line.startsWith('#') || line.startsWith(untrustedPrefix))
             continue;
         MinisignPublicKey key;
-        if (parseMinisignPublicKey(line, &key))
+        if (parseMinisignPublicKey(line, &key)) {
             keys.append(key);
+        } else if (damaged && damaged->isEmpty()) {
+            const bool fullLength = !decodeBase64(line, 2 + keyIdLength + keyLength).isEmpty();
+            *damaged = QStringLiteral("line %1 \"%2\": %3")
+                               .arg(QString::number(i + 1), QString::fromUtf8(line.left(60)),
+                                    fullLength ? QStringLiteral("the algorithm is not Ed25519")
+                                               : QStringLiteral("not a minisign public key"));
+        }
     }
     return keys;
 }
@@ -218,9 +226,8 @@ QByteArray signMinisign(const QByteArray &message, const QByteArray &trustedComm
                         const MinisignSecretKey &key)
 {
     const QByteArray signature = signEd25519(key.seed, blake2b512(message));
-    const QByteArray global = signature.isEmpty()
-                                      ? QByteArray()
-                                      : signEd25519(key.seed, signature + trustedComment);
+    const QByteArray global =
+            signature.isEmpty() ? QByteArray() : signEd25519(key.seed, signature + trustedComment);
     if (global.isEmpty())
         return QByteArray();
     return "untrusted comment: signature from minisign secret key " + minisignKeyIdText(key.keyId)

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QString>
 
 // Ed25519 keys and signatures in minisign's formats, so that publishers may use the minisign
 // tool as well as update-publish. The parsers take untrusted bytes and look at nothing beyond
@@ -34,8 +35,9 @@ struct MinisignSignature
 
 bool parseMinisignPublicKey(const QByteArray &line, MinisignPublicKey *key);
 // The keys of a key file: one a line; blank lines, '#' lines and minisign's "untrusted
-// comment:" lines are skipped, and so is a line that is no key.
-QList<MinisignPublicKey> parseMinisignKeyList(const QByteArray &text);
+// comment:" lines are skipped, and so is a line that is no key. With damaged given, the first
+// such line is told there ("line N ...: reason"), empty when there is none.
+QList<MinisignPublicKey> parseMinisignKeyList(const QByteArray &text, QString *damaged = nullptr);
 bool parseMinisignSignature(const QByteArray &text, MinisignSignature *signature);
 bool parseMinisignSecretKey(const QByteArray &text, MinisignSecretKey *key);
 

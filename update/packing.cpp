@@ -26,13 +26,14 @@ QByteArray head(const QString &path, bool *ok)
 
 } // namespace
 
-bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5)
+bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5,
+                       qint64 limit)
 {
     bool readable = false;
     if (!head(source, &readable).startsWith(zstdMagic))
-        return unzipFileWithMD5(destination, source, md5);
+        return unzipFileWithMD5(destination, source, md5, limit);
     Md5Hash hash;
-    if (!unzstdFile(destination, source, &hash))
+    if (!unzstdFile(destination, source, &hash, limit))
         return false;
     *md5 = hash.result();
     return true;

@@ -8,8 +8,10 @@
 enum class PackFormat { Gzip, Zstd };
 
 // Unpacks source into destination by its format and gives the MD5 of what it wrote. Data that
-// is neither gzip nor zstd is copied unchanged, as zlib's transparent reading does.
-bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5);
+// is neither gzip nor zstd is copied unchanged, as zlib's transparent reading does. With limit
+// not negative, no more than limit bytes are ever written, whatever the source holds.
+bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5,
+                       qint64 limit = -1);
 bool packFile(const QString &source, const QString &destination, PackFormat format);
 // Whether the file begins like gzip or zstd data, which the updater would unpack rather than
 // copy; ok tells whether it could be read.

@@ -1,11 +1,11 @@
 #include "update/updatejournal.h"
 
 #include "app/runningfiles.h"
+#include "tasks/pathsafety.h"
 #include "update/cleanup.h"
 #include "update/filesync.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -36,18 +36,32 @@ bool inParent(const QString &path, Step step)
     return errno == ENOENT && QDir().mkpath(parentPath(path)) && step();
 }
 
-void removeTree(const QString &path)
+// A journal is a few lines per file; anything far larger is not one.
+constexpr qint64 journalLimit = 64 * 1024 * 1024;
+
+// Removes every link that stands as a directory on the way from base down to path's parent, so
+// that making, renaming or removing path never reaches outside through one. Directories already
+// looked at are in checked: thousands of files share a few.
+void removeLinksOnTheWay(const QString &base, const QString &path, QSet<QString> *checked)
 {
-    cleanupDirectory(path);
-    QDir().rmdir(path);
+    const QStringList parts = path.mid(base.size() + 1).split(QLatin1Char('/'));
+    QString on = base;
+    for (qsizetype i = 0; i + 1 < parts.size(); ++i) {
+        on += QLatin1Char('/') + parts.at(i);
+        if (checked->contains(on))
+            continue;
+        if (QFileInfo(on).isSymLink())
+            removeFile(on);
+        else
+            checked->insert(on);
+    }
 }
 
 } // namespace
 
 UpdateJournal::UpdateJournal(const QString &installDir)
     : root(installDir)
-{
-}
+{}
 
 QString UpdateJournal::installedPath(const QString &relative) const
 {
@@ -125,6 +139,8 @@ bool UpdateJournal::isDirectory(const QString &relative) const
 
 bool UpdateJournal::begin(QString *error)
 {
+    // A backup left by an earlier switch would be "restored" over this one's files.
+    removeTree(stagingDir() + QStringLiteral("/backup"));
     // Files go before any is added: one may stand where a new directory must be made.
     std::stable_partition(entries.begin(), entries.end(),
                           [](const Entry &entry) { return entry.action == Action::Delete; });
@@ -148,6 +164,7 @@ bool UpdateJournal::write(State state, QString *error)
         text += actionLetters[int(entry.action)] + (' ' + entry.path.toUtf8()) + '\n';
 
     const QString temporary = journalPath() + QStringLiteral(".tmp");
+    removeFile(temporary);
     if (!writeSyncedFile(temporary, text) || !renameFile(temporary, journalPath())
         || !syncDirectory(root)) {
         *error = failure(journalPath(), systemError());
@@ -159,10 +176,10 @@ bool UpdateJournal::write(State state, QString *error)
 
 bool UpdateJournal::read(State *state)
 {
-    QFile file(journalPath());
-    if (!file.open(QIODevice::ReadOnly))
+    QByteArray text;
+    if (!readRegularFile(journalPath(), journalLimit, &text))
         return false;
-    const QList<QByteArray> lines = file.readAll().split('\n');
+    const QList<QByteArray> lines = text.split('\n');
     if (lines.size() < 3 || lines.at(0) != journalMagic || !lines.last().isEmpty())
         return false;
     if (lines.at(1) != "switch" && lines.at(1) != "rollback")
@@ -173,6 +190,9 @@ bool UpdateJournal::read(State *state)
         if (line.size() < 3 || line.at(1) != ' ')
             return false;
         const QString path = QString::fromUtf8(line.mid(2));
+        // Only ever a path inside the installation, whoever wrote the journal.
+        if (!isSafeRelativePath(path))
+            return false;
         const char *letter =
                 std::find(std::begin(actionLetters), std::end(actionLetters), line.at(0));
         if (line.at(0) == 'd')
@@ -208,6 +228,8 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
         *error = failure(path, systemError());
         return false;
     };
+    removeLinksOnTheWay(root, staged, &checkedDirectories);
+    removeLinksOnTheWay(root, backup, &checkedDirectories);
     if (entry.action == Action::Delete) {
         if (!pathExists(installed) || pathExists(backup))
             return true;
@@ -215,16 +237,21 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
             return fail(installed);
         return true;
     }
-    if (entry.action == Action::Add) {
-        // Most files of a large update are new: the rename alone tells whether it is done.
-        if (inParent(installed, [&] { return renameFile(staged, installed); }))
-            return true;
-        return !pathExists(staged) || fail(installed);
-    }
-    if (!pathExists(staged))
+    // Most files of a large update are new: the rename alone does it.
+    if (entry.action == Action::Add && renameFile(staged, installed))
         return true;
-    if (!inParent(backup, [&] { return linkFile(installed, backup) || errno == EEXIST; }))
+    if (!pathExists(staged)) {
+        // Gone because it was switched already, or missing: then the switch cannot be whole.
+        const bool switched = entry.action == Action::Add
+                                      ? pathExists(installed)
+                                      : pathExists(backup) && !isSameFile(installed, backup);
+        errno = ENOENT;
+        return switched || fail(staged);
+    }
+    if (entry.action != Action::Add
+        && !inParent(backup, [&] { return linkFile(installed, backup) || errno == EEXIST; })) {
         return fail(installed);
+    }
     if (entry.action == Action::ReplaceInUse && !pathExists(asidePath(entry.path))
         && !linkFile(backup, asidePath(entry.path))) {
         return fail(asidePath(entry.path));
@@ -244,6 +271,8 @@ bool UpdateJournal::undoEntry(const Entry &entry, QString *error)
     const QString installed = installedPath(entry.path);
     const QString staged = stagedPath(entry.path);
     const QString backup = backupPath(entry.path);
+    removeLinksOnTheWay(root, staged, &checkedDirectories);
+    removeLinksOnTheWay(root, backup, &checkedDirectories);
     bool done = true;
     if (entry.action == Action::Add) {
         if (!pathExists(staged))

@@ -2,6 +2,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -78,4 +79,6 @@ private:
     QList<Entry> entries;
     QStringList newDirectories;
     mutable QHash<QString, bool> directories;
+    // Directories of staging and backups known not to be links.
+    QSet<QString> checkedDirectories;
 };

@@ -4,6 +4,7 @@
 
 #include <QFile>
 
+#include <limits>
 #include <memory>
 
 #include <zstd.h>
@@ -47,7 +48,7 @@ bool closeOutput(QFile &output)
 
 } // namespace
 
-bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash)
+bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash, qint64 limit)
 {
     QFile input(source);
     QFile output(destination);
@@ -61,7 +62,8 @@ bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash
     // Non-zero while a frame is open: input that ends there is cut short.
     size_t pending = 1;
     bool anyInput = false;
-    for (;;) {
+    qint64 room = limit < 0 ? std::numeric_limits<qint64>::max() : limit;
+    while (room > 0) {
         const qint64 n = input.read(inBuffer.get(), blockSize);
         if (n < 0)
             return failAndRemove(output);
@@ -72,12 +74,15 @@ bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash
         // A block of input may unpack to many blocks of output, and the decoder may hold output
         // back until it is asked again with room to spare.
         while (in.pos < in.size || pending > 0) {
-            ZSTD_outBuffer out = {outBuffer.get(), size_t(blockSize), 0};
+            ZSTD_outBuffer out = {outBuffer.get(), size_t(qMin(blockSize, room)), 0};
             pending = ZSTD_decompressStream(context.get(), &out, &in);
             if (ZSTD_isError(pending) || output.write(outBuffer.get(), qint64(out.pos)) < 0)
                 return failAndRemove(output);
             if (hash)
                 hash->addData(outBuffer.get(), qint64(out.pos));
+            room -= qint64(out.pos);
+            if (room == 0)
+                return closeOutput(output);
             if (out.pos < out.size && in.pos == in.size)
                 break;
         }

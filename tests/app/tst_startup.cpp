@@ -48,7 +48,8 @@ void TestStartup::initTestCase()
 void TestStartup::parse_data()
 {
     QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("server");   // update.ini's setting; empty: the test server
+    // update.ini's setting; empty: the test server; "forged": it answers from another port
+    QTest::addColumn<QString>("server");
     QTest::addColumn<QByteArray>("reply"); // empty: the server stays silent
     QTest::addColumn<QString>("result");
     QTest::addColumn<QString>("options"); // runMode clientType clientVersion
@@ -76,6 +77,8 @@ void TestStartup::parse_data()
             << "1 client_linux_amd64 7" << 1 << 0;
     QTest::newRow("only 31 bytes read, all of them commas")
             << QStringList() << "" << QByteArray(31, ',') + "7" << failed << none << 1 << 0;
+    QTest::newRow("reply from another port: not taken")
+            << QStringList() << "forged" << answer << failed << none << 1 << 1;
     QTest::newRow("port too large")
             << QStringList() << "127.0.0.1:65536" << answer << failed << none << 0 << 1;
     // Refused by sendto without SO_BROADCAST: a failure after the socket exists.
@@ -90,7 +93,10 @@ void TestStartup::parse()
     QFETCH(QByteArray, reply);
     QFETCH(int, queries);
     QFETCH(int, warnings);
-    const auto versionServer = LoopbackServer::versionServer(reply, !reply.isEmpty());
+    const bool forged = server == "forged";
+    if (forged)
+        server.clear();
+    const auto versionServer = LoopbackServer::versionServer(reply, !reply.isEmpty(), forged);
     QVERIFY(versionServer);
     const QString settings = getAppRootPath() + "/update.ini";
     QSettings(settings, QSettings::IniFormat)

@@ -6,6 +6,10 @@
 #include <QTcpServer>
 #include <QtTest>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 const QString clientType = QStringLiteral("client_linux_amd64");
@@ -38,6 +42,9 @@ struct BadRun
     QString trouble = {}; // with the machine, or with a signed release on the hostile mirror
     QByteArray list = {}; // the hostile mirror's product list; without mirrors, mirrors.ini
     QStringList arguments = {"--nouser"};
+    // update-keys.pub: @KEY@ the publisher's key line, @CUT@ it one character short, @ED@ it with
+    // the algorithm id of signatures; @DIR@ a directory in its place
+    QByteArray keyFile = {};
 };
 
 } // namespace
@@ -53,7 +60,8 @@ class TestUpdateRun : public QObject
     QTemporaryDir work;
     QString previousRelease, release, mirrorRoot, deadPort;
     QStringList mirrorFiles; // "/12/<section>/<name>"; the list and manifest lie beside them
-    std::unique_ptr<LoopbackServer> http, ftp, versionServer, garbageServer, fault, hostile;
+    std::unique_ptr<LoopbackServer> http, ftp, versionServer, garbageServer, forgedServer, fault,
+            hostile;
     QString publisherKeys; // the trusted key pair, made by minisign
     QString unknownKeys;   // one no installation trusts, made by update-publish
     std::unique_ptr<QTemporaryDir> installation, tempDir;
@@ -87,10 +95,12 @@ class TestUpdateRun : public QObject
         QVERIFY(writeTestFile(at("mirrors.ini"), mirrorsIni(urls)));
     }
 
-    void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false)
+    void startUpdater(QProcess *process, const QStringList &arguments, bool onDisplay = false,
+                      const QProcessEnvironment &extra = {})
     {
         QProcessEnvironment environment =
                 onDisplay ? display->environment() : QProcessEnvironment::systemEnvironment();
+        environment.insert(extra);
         // Unattended runs are started as on a server: no display, no platform chosen for them.
         if (!onDisplay) {
             for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
@@ -125,7 +135,7 @@ class TestUpdateRun : public QObject
     {
         TestTree expected = treeBelow(releaseDir);
         for (const QString &name :
-             QStringList{"mirrors.ini", "update.ini", "update-keys.pub", own}) {
+             QStringList{"mirrors.ini", "update.ini", "update-keys.pub", ".update-lock", own}) {
             if (QFile::exists(at(name)))
                 expected.insert(name, readTestFile(at(name)));
         }
@@ -196,7 +206,8 @@ private slots:
         ftp = LoopbackServer::ftp(mirrorRoot);
         versionServer = LoopbackServer::versionServer("12,1,1");
         garbageServer = LoopbackServer::versionServer(QByteArray("\xff\x00garbage", 9));
-        QVERIFY(http && ftp && versionServer && garbageServer);
+        forgedServer = LoopbackServer::versionServer("12,1,1", true, true);
+        QVERIFY(http && ftp && versionServer && garbageServer && forgedServer);
         QTcpServer probe;
         QVERIFY(probe.listen(QHostAddress::LocalHost));
         deadPort = QString::number(probe.serverPort());
@@ -287,6 +298,50 @@ private slots:
         verifyInstalled(true);
     }
 
+    // A second start while the first run is inside its switch changes nothing and says why; the
+    // first still finishes whole. The preloaded library holds the first run at its first rename
+    // into the installation until the test lets it go.
+    void secondStartDuringSwitch()
+    {
+        writeMirrors({"http"});
+        const QString hold = tempDir->filePath("hold");
+        QVERIFY(QDir().mkpath(hold));
+        for (const char *name : {"/held", "/go"})
+            QCOMPARE(::mkfifo(QFile::encodeName(hold + name).constData(), 0600), 0);
+        QProcessEnvironment preload;
+        preload.insert("LD_PRELOAD", HOLD_SWITCH_LIBRARY);
+        preload.insert("ORLIVO_HOLD_SWITCH", hold);
+        preload.insert("ASAN_OPTIONS",
+                       qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+        QProcess first;
+        startUpdater(&first, {"--nouser"}, false, preload);
+        const int held = ::open(QFile::encodeName(hold + "/held").constData(),
+                                O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        QVERIFY(held >= 0);
+        // QTRY evaluates its condition more than once; the byte comes only once.
+        bool inSwitch = false;
+        const auto signalled = [&] {
+            char byte = 0;
+            return inSwitch = inSwitch || ::read(held, &byte, 1) == 1;
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(signalled(), runTimeoutMs);
+        ::close(held);
+
+        const TestTree during = treeBelow(installation->path());
+        QVERIFY(during.contains(".update-journal"));
+        QVERIFY(runs(1, "Another update is running in this installation."));
+        QCOMPARE(treeBelow(installation->path()), during);
+
+        QFile go(hold + "/go");
+        QVERIFY(go.open(QIODevice::WriteOnly));
+        go.close();
+        QVERIFY(first.waitForFinished(runTimeoutMs));
+        const QByteArray firstLog = first.readAll();
+        QVERIFY2(first.exitCode() == 0 && firstLog.contains("Update finished, version: 12"),
+                 firstLog.constData());
+        verifyInstalled(true);
+    }
+
     // The right status, a line saying what was wrong, nothing touched outside the installation
     // and the working directory, and the old version kept unless the run finished. Nothing of a
     // list is used before a trusted key verified its manifest.
@@ -324,6 +379,8 @@ private slots:
         add("client type climbing out", {http, {}, 1, "Wrong client type", {}, {}, climbing});
         add("update server answering garbage",
             {http, "server=127.0.0.1:@GARBAGE@\n", 1, "Can't detect default"});
+        add("version reply from another port",
+            {http, "server=127.0.0.1:@FORGED@\n", 1, "Can't detect default"});
         add("working directory cannot be made",
             {http, {}, 1, "Unable to get temp", "working directory under a file"});
         add("working directory on a full disk",
@@ -331,6 +388,50 @@ private slots:
         const QByteArray installed13 = "[installed]\nversion=13\n";
         add("update server announcing a downgrade",
             {http, installed13, 1, "lower than the installed version 13: not installed"});
+        for (const char *garbage : {"abc", "12.0", "1,2", ""}) {
+            add(qPrintable(QString("installed version \"%1\"").arg(garbage)),
+                {http, "[installed]\nversion=" + QByteArray(garbage) + '\n', 1,
+                 "installed version (unreadable): not installed"});
+        }
+        add("resume record of another client type dropped",
+            {http,
+             "[current]\nversion=12\ndir=@OWN@\ntype=client_linux_x86\n",
+             0,
+             "client type client_linux_x86, not client_linux_amd64: dropped",
+             {},
+             {},
+             {"--nouser", clientType, "12"}});
+        const QByteArray comment = "untrusted comment: minisign public key\n";
+        const QByteArray damaged = "update-keys.pub is damaged: line 2 ";
+        add("key file: key cut short",
+            {http, {}, 1, damaged + "\"", {}, {}, {"--nouser"}, comment + "@CUT@\n"});
+        add("key file: algorithm id of a signature",
+            {http, {}, 1, damaged + "\"", {}, {}, {"--nouser"}, comment + "@ED@\n"});
+        add("key file: comments only", {http,
+                                        {},
+                                        1,
+                                        "update-keys.pub is damaged: it holds no key",
+                                        {},
+                                        {},
+                                        {"--nouser"},
+                                        comment});
+        add("key file: a directory", {http,
+                                      {},
+                                      1,
+                                      "update-keys.pub is damaged: cannot be read",
+                                      {},
+                                      {},
+                                      {"--nouser"},
+                                      "@DIR@"});
+        add("key file: key after 64 KiB of comments, only a dishonest mirror",
+            {hostile,
+             {},
+             2,
+             "all mirrors reported error",
+             "signed, list changed",
+             {},
+             {"--nouser"},
+             QByteArray(70000, '#') + "\n@KEY@\n"});
         const QStringList downgrade{"--nouser", clientType, "12"};
         add("downgrade named on the command line, streams=100000",
             {http, "streams=100000\n" + installed13, 0, "streams=100000 is too many", QString(),
@@ -392,7 +493,8 @@ private slots:
         QVERIFY(!run.ini.contains("version=11") || writeTestFile(at("session_11.ini"), "[s]\n"));
         writeSettings(run.ini.replace("@ELSEWHERE@", elsewhere.toUtf8())
                               .replace("@OWN@", own.toUtf8())
-                              .replace("@GARBAGE@", QByteArray::number(garbageServer->port())));
+                              .replace("@GARBAGE@", QByteArray::number(garbageServer->port()))
+                              .replace("@FORGED@", QByteArray::number(forgedServer->port())));
 
         // The hostile mirror serves a copy of the release, tampered with, or a list alone.
         const QString root = outside.filePath("mirror");
@@ -426,6 +528,16 @@ private slots:
                 QVERIFY(execute("minisign", {"-S", "-s", secretKey, "-t",
                                              "orlivo " + clientType + " 12", "-m", manifest}));
         }
+        if (run.keyFile == "@DIR@") {
+            QVERIFY(QDir().mkpath(at("update-keys.pub")));
+        } else if (!run.keyFile.isEmpty()) {
+            const QByteArray key = readTestFile(publisherKeys + "/update-keys.pub").trimmed();
+            const QByteArray line = key.mid(key.lastIndexOf('\n') + 1);
+            const QByteArray ed = "ED" + QByteArray::fromBase64(line).mid(2);
+            QVERIFY(writeTestFile(at("update-keys.pub"), run.keyFile.replace("@KEY@", line)
+                                                                 .replace("@CUT@", line.chopped(1))
+                                                                 .replace("@ED@", ed.toBase64())));
+        }
         QVERIFY(run.list.isEmpty()
                 || writeTestFile(run.mirrors.isEmpty() ? at("mirrors.ini") : root + listPath,
                                  run.list));
@@ -441,6 +553,12 @@ private slots:
         QVERIFY(runs(run.exitCode, run.logLine, run.arguments));
         QVERIFY(!signedRelease || !log.contains("signatures of releases are not checked"));
         QCOMPARE(treeBelow(elsewhere).keys(), QStringList{"notes.txt"});
+        // Keys that cannot be trusted stop the run before anything is asked of any server.
+        if (run.logLine.startsWith("update-keys.pub is damaged")) {
+            QCOMPARE(http->logLines().size(), requests);
+            QCOMPARE(versionServer->logLines().size(), queries);
+            QVERIFY(run.keyFile != "@DIR@" || QDir(at("update-keys.pub")).removeRecursively());
+        }
         const bool unattended = run.arguments.contains("--nouser");
         if (run.exitCode == 0 && unattended) {
             verifyInstalled(true);

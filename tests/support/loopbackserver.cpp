@@ -83,10 +83,14 @@ std::unique_ptr<LoopbackServer> LoopbackServer::faultHttp(const QString &root)
                           QDir(root).absolutePath()});
 }
 
-std::unique_ptr<LoopbackServer> LoopbackServer::versionServer(const QByteArray &reply, bool answer)
+std::unique_ptr<LoopbackServer> LoopbackServer::versionServer(const QByteArray &reply, bool answer,
+                                                              bool fromOtherPort)
 {
+    const QString hex = QString::fromLatin1(reply.toHex());
     return start(python, {supportDir + "udp_version_server.py", "@work@/server.log",
-                          answer ? QString::fromLatin1(reply.toHex()) : QStringLiteral("-")});
+                          !answer         ? QStringLiteral("-")
+                          : fromOtherPort ? "+" + hex
+                                          : hex});
 }
 
 QString LoopbackServer::url(const QString &scheme, const QString &path) const

@@ -36,9 +36,10 @@ public:
     static std::unique_ptr<LoopbackServer> proxy();
     // An HTTP/1.1 server with keep-alive serving root; see setFaults().
     static std::unique_ptr<LoopbackServer> faultHttp(const QString &root);
-    // A UDP server answering every datagram with reply, or never when answer is false.
-    static std::unique_ptr<LoopbackServer> versionServer(const QByteArray &reply,
-                                                         bool answer = true);
+    // A UDP server answering every datagram with reply, or never when answer is false; with
+    // fromOtherPort, the reply comes from another port, as a forged one would.
+    static std::unique_ptr<LoopbackServer>
+    versionServer(const QByteArray &reply, bool answer = true, bool fromOtherPort = false);
 
     quint16 port() const { return listenPort; }
     QString url(const QString &scheme, const QString &path = {}) const;

@@ -72,6 +72,8 @@ void tst_BinaryPatch::apply_data()
     };
     refused("not a patch", QByteArray("BSDIFF39") + valid.mid(8));
     refused("not the size listed", valid, 5);
+    // A bomb: a terabyte announced where the list declares 4 bytes; refused before any write.
+    refused("far longer than the size listed", damaged(24, number(qint64(1) << 40)), 4);
     refused("truncated", valid.left(valid.size() - 10));
     refused("damaged bzip2 data", damaged(48, "\xff\xff"));
     refused("blocks past the end", damaged(8, number(valid.size())));

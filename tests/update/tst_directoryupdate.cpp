@@ -2,9 +2,11 @@
 
 #include "app/apppaths.h"
 #include "tests/support/testfiles.h"
+#include "update/cleanup.h"
 #include "update/packing.h"
 #include "update/updatejournal.h"
 
+#include <QDirIterator>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -26,6 +28,8 @@ private slots:
     void failuresAreLoggedAndAsked();
     void recoversInterruptedSwitch_data();
     void recoversInterruptedSwitch();
+    void hostileStateStaysInside_data();
+    void hostileStateStaysInside();
 
 private:
     QString source(const QString &relative) const { return work->filePath("src/" + relative); }
@@ -298,6 +302,121 @@ void tst_DirectoryUpdate::recoversInterruptedSwitch()
     QCOMPARE(readTestFile(target("_old_update")), obstacle ? "" : "old updater");
     QVERIFY(!QFileInfo::exists(target(".update-staging")));
     QVERIFY(UpdateJournal::recover(work->filePath("install")).isEmpty());
+}
+
+enum class Hostile {
+    DotDotPath,
+    AbsolutePath,
+    StagingLink,
+    StagedBelowLink,
+    BackupBelowLink,
+    StaleBackup,
+    StagedMissing
+};
+Q_DECLARE_METATYPE(Hostile)
+
+// Every file and link below dir, by relative path, as content or link target; the updater's own
+// entries aside.
+static QMap<QString, QByteArray> snapshot(const QString &dir)
+{
+    QMap<QString, QByteArray> files;
+    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info(it.next());
+        const QString relative = QDir(dir).relativeFilePath(info.filePath());
+        if (relative.startsWith(".update-staging") || relative.startsWith(".update-journal"))
+            continue;
+        if (info.isSymLink())
+            files[relative] = "-> " + info.symLinkTarget().toUtf8();
+        else if (!info.isDir())
+            files[relative] = readTestFile(info.filePath());
+    }
+    return files;
+}
+
+void tst_DirectoryUpdate::hostileStateStaysInside_data()
+{
+    QTest::addColumn<Hostile>("hostile");
+    QTest::addColumn<bool>("completes");
+    QTest::newRow("journal path with ..") << Hostile::DotDotPath << false;
+    QTest::newRow("absolute journal path") << Hostile::AbsolutePath << false;
+    QTest::newRow("staging directory is a link") << Hostile::StagingLink << false;
+    QTest::newRow("staged files below a link") << Hostile::StagedBelowLink << false;
+    QTest::newRow("backups below a link") << Hostile::BackupBelowLink << true;
+    QTest::newRow("backup left from an earlier switch") << Hostile::StaleBackup << false;
+    QTest::newRow("staged file missing at the switch") << Hostile::StagedMissing << false;
+}
+
+// Whatever lies in the updater's own places, recovery touches nothing beside the installation
+// and leaves it exactly one version; an installed link goes aside and comes back as a link.
+void tst_DirectoryUpdate::hostileStateStaysInside()
+{
+    QFETCH(Hostile, hostile);
+    QFETCH(bool, completes);
+    const QString install = work->filePath("install");
+    const QString victim = work->filePath("victim");
+    for (const char *name : {"a.txt", "gone.txt", "sub/v"})
+        QVERIFY(writeTestFile(victim + '/' + name, QByteArray("victim ") + name));
+    const QMap<QString, QByteArray> victimBefore = snapshot(victim);
+    QVERIFY(writeTestFile(target("a.txt"), "old a"));
+    QVERIFY(writeTestFile(target("gone.txt"), "old gone"));
+    QVERIFY(QFile::link("a.txt", target("link.so")));
+    const QMap<QString, QByteArray> before = snapshot(install);
+
+    UpdateJournal journal(install);
+    for (const char *name : {"a.txt", "link.so", "sub/c.txt"})
+        QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
+    if (hostile == Hostile::StaleBackup)
+        QVERIFY(writeTestFile(work->filePath("install/.update-staging/backup/a.txt"), "older a"));
+    journal.planDelete("gone.txt");
+    for (const char *name : {"a.txt", "link.so", "sub/c.txt"})
+        journal.planFile(name, false, QFileInfo::exists(target(name)));
+    QString error;
+    QVERIFY2(journal.begin(&error), qPrintable(error));
+    const QMap<QString, QByteArray> after{
+            {"a.txt", "new a.txt"}, {"link.so", "new link.so"}, {"sub/c.txt", "new sub/c.txt"}};
+
+    const QString staging = journal.stagingDir();
+    QFile journalFile(work->filePath("install/.update-journal"));
+    switch (hostile) {
+    case Hostile::DotDotPath:
+    case Hostile::AbsolutePath:
+        QVERIFY(journalFile.open(QIODevice::Append));
+        journalFile.write(hostile == Hostile::DotDotPath
+                                  ? "d ../victim/sub\nx ../victim/a.txt\n"
+                                  : "x " + QFile::encodeName(victim) + "/a.txt\n");
+        journalFile.close();
+        break;
+    case Hostile::StagingLink:
+        QVERIFY(journalFile.remove());
+        removeTree(staging);
+        QVERIFY(QFile::link(victim, staging));
+        break;
+    case Hostile::StagedBelowLink:
+        removeTree(staging + "/new");
+        QVERIFY(QFile::link(victim, staging + "/new"));
+        break;
+    case Hostile::BackupBelowLink:
+        QVERIFY(QFile::link(victim, staging + "/backup"));
+        break;
+    case Hostile::StaleBackup:
+        QVERIFY(!QFileInfo::exists(staging + "/backup/a.txt"));
+        Q_FALLTHROUGH();
+    case Hostile::StagedMissing:
+        QVERIFY(QFile::remove(journal.stagedPath("sub/c.txt")));
+        break;
+    }
+    int failed = 0;
+    // A kill half way through: one file switched.
+    if (hostile == Hostile::StaleBackup)
+        QVERIFY(!journal.apply(&failed, &error));
+
+    UpdateJournal::recover(install);
+
+    QCOMPARE(snapshot(victim), victimBefore);
+    QCOMPARE(snapshot(install), completes ? after : before);
+    QCOMPARE(QFileInfo(target("link.so")).isSymLink(), !completes);
 }
 
 QTEST_MAIN(tst_DirectoryUpdate)
