@@ -153,10 +153,10 @@ QString DirectoryUpdate::replaceProblem(const QString &relative, const PathStatu
     const QString aside = journal.asidePath(relative);
     if (isSpecialFileName(name) && installed.exists && pathExists(aside))
         return problem(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside), EEXIST);
-    for (QString dir = parentPath(relative); !dir.isEmpty() && !journal.isDirectory(dir);
-         dir = parentPath(dir)) {
-        const QString absolute = journal.installedPath(dir);
-        if (pathExists(absolute) && !journal.deletes(absolute)) {
+    using Place = UpdateJournal::Place;
+    for (QString dir = parentPath(relative);
+         !dir.isEmpty() && journal.place(dir) != Place::Directory; dir = parentPath(dir)) {
+        if (journal.place(dir) == Place::Other && !journal.deletes(journal.installedPath(dir))) {
             *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
             emit message(*question);
             return *question;

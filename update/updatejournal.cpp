@@ -100,7 +100,7 @@ void UpdateJournal::planFile(const QString &relative, bool inUse, bool installed
     // Directories the switch has to make, parents first.
     QStringList missing;
     // A file in a directory's place goes first, as the "delete" group has it.
-    for (QString dir = parentPath(relative); !dir.isEmpty() && !isDirectory(dir);
+    for (QString dir = parentPath(relative); !dir.isEmpty() && place(dir) != Place::Directory;
          dir = parentPath(dir)) {
         missing.prepend(dir);
     }
@@ -129,12 +129,16 @@ bool UpdateJournal::deletes(const QString &path) const
     });
 }
 
-bool UpdateJournal::isDirectory(const QString &relative) const
+UpdateJournal::Place UpdateJournal::place(const QString &relative) const
 {
-    const auto known = directories.constFind(relative);
-    if (known != directories.cend())
+    const auto known = places.constFind(relative);
+    if (known != places.cend())
         return *known;
-    return *directories.insert(relative, QFileInfo(installedPath(relative)).isDir());
+    const QString path = installedPath(relative);
+    Place found = Place::Directory;
+    if (!QFileInfo(path).isDir())
+        found = pathExists(path) ? Place::Other : Place::Missing;
+    return *places.insert(relative, found);
 }
 
 bool UpdateJournal::begin(QString *error)

@@ -30,9 +30,10 @@ public:
     void planDelete(const QString &relative);
     // True when the installed file at this absolute path goes in the switch.
     bool deletes(const QString &path) const;
-    // True when relative is a directory of the installation (or a link to one). Asked once per
-    // directory: nothing installed changes while a switch is planned.
-    bool isDirectory(const QString &relative) const;
+    // What stands at a directory path of the installation (a link to a directory counts as
+    // one). Asked once per path: nothing installed changes while a switch is planned.
+    enum class Place { Directory, Missing, Other };
+    Place place(const QString &relative) const;
 
     QString installedPath(const QString &relative) const;
     QString stagedPath(const QString &relative) const;
@@ -78,7 +79,7 @@ private:
     QString root;
     QList<Entry> entries;
     QStringList newDirectories;
-    mutable QHash<QString, bool> directories;
+    mutable QHash<QString, Place> places;
     // Directories of staging and backups known not to be links.
     QSet<QString> checkedDirectories;
 };
