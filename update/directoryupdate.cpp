@@ -20,6 +20,8 @@ namespace {
 
 constexpr quint64 maxUnpackedSize = std::numeric_limits<qint64>::max() - 1;
 
+constexpr quint64 writebackSize = quint64(1) << 20;
+
 } // namespace
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
@@ -49,6 +51,11 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
         journal.planDelete(path);
     Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
     if (outcome != Outcome::Failed) {
+        // Unpacked and verified, a packed download has served. Gone before the flush, it is
+        // never written to the disk, and deleting it later would cost more than the whole
+        // install of a small file. A switch that fails after this fetches those files again.
+        for (const QString &path : std::as_const(servedDownloads))
+            removeFile(path);
         const Outcome switched = switchFiles(silent, !deletions.isEmpty(), &journal);
         outcome = switched == Outcome::Whole ? outcome : switched;
     } else {
@@ -68,6 +75,10 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     quint64 done = 0;
     emit progress(done, total);
 
+    stagingDirectories.clear();
+    stagedFiles.clear();
+    servedDownloads.clear();
+    const quint64 installDevice = pathStatus(journal->installedPath(QString())).device;
     bool partial = false;
     const QDir source(sourceDir);
     for (int i = 0; i < task.getSize();) {
@@ -75,40 +86,48 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         task.get(i, &entry);
         QString sourcePath =
                 source.absoluteFilePath(entry.directory + QLatin1Char('/') + entry.name);
+        PathStatus sourceStatus = pathStatus(sourcePath);
         const QString relative = entry.installPath();
         // A file made from a patch is there as it is installed, neither packed nor downloaded.
         FileSpecification form = entry;
-        if (const QString patched = entry.patchedPath(sourceDir);
-            !QFileInfo::exists(sourcePath) && QFileInfo::exists(patched)) {
-            sourcePath = patched;
-            form.md5 = entry.installedMd5();
-            form.size = entry.installedSize();
-            form.unpackedName.clear();
-            form.name = relative;
+        if (sourceStatus.size < 0) {
+            const QString patched = entry.patchedPath(sourceDir);
+            if (const PathStatus patchedStatus = pathStatus(patched); patchedStatus.size >= 0) {
+                sourcePath = patched;
+                sourceStatus = patchedStatus;
+                form.md5 = entry.installedMd5();
+                form.size = entry.installedSize();
+                form.unpackedName.clear();
+                form.name = relative;
+            }
         }
         const QString staged = journal->stagedPath(relative);
         const QString target = journal->installedPath(relative);
+        const PathStatus targetStatus = pathStatus(target);
 
         // A file that was not downloaded is installed already.
         bool stagedWell = false;
         InstallAnswer answer = InstallAnswer::Ignore;
-        if (QFileInfo::exists(sourcePath)) {
+        const bool downloaded = sourceStatus.size >= 0;
+        if (downloaded) {
             QString problem;
-            if (replaceProblem(target, *journal, &problem).isEmpty())
-                problem = stageFile(form, sourcePath, staged, target);
+            if (replaceProblem(relative, targetStatus, *journal, &problem).isEmpty())
+                problem = stageFile(form, sourcePath, sourceStatus, staged, target, targetStatus);
             stagedWell = problem.isEmpty();
             if (!stagedWell)
                 answer = ask(silent, problem);
+            else if (form.isPacked() && sourceStatus.device == installDevice)
+                servedDownloads << sourcePath;
         }
         if (answer == InstallAnswer::Abort)
             return Outcome::Failed;
         if (answer == InstallAnswer::Retry)
             continue;
         if (stagedWell) {
-            journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()));
-        } else if (QFileInfo::exists(sourcePath)) {
+            journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()),
+                              targetStatus.exists);
+        } else if (downloaded) {
             // Skipped by the user: the installed file stays, and so the version has a hole.
-            removeFile(staged);
             partial = true;
         }
         done += entry.size;
@@ -118,25 +137,26 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     return partial ? Outcome::Partial : Outcome::Whole;
 }
 
-QString DirectoryUpdate::replaceProblem(const QString &path, const UpdateJournal &journal,
-                                        QString *question)
+QString DirectoryUpdate::replaceProblem(const QString &relative, const PathStatus &installed,
+                                        const UpdateJournal &journal, QString *question)
 {
+    const QString path = journal.installedPath(relative);
     const auto problem = [&](const QString &line, int error) {
         emit message(line);
         *question = tr("Can't overwrite %1.\n%2\nDo you wish to stop update?")
                             .arg(path, qt_error_string(error));
         return line;
     };
-    const QFileInfo installed(path);
-    if (installed.isDir() && !installed.isSymLink())
+    if (installed.directory)
         return problem(QStringLiteral("FAILED to remove file: %1").arg(path), EISDIR);
-    const QString name = installed.fileName();
-    const QString aside = parentPath(path) + QLatin1Char('/') + getSpecialFileRenamePrefix() + name;
-    if (isSpecialFileName(name) && pathExists(path) && pathExists(aside))
+    const QString name = QFileInfo(relative).fileName();
+    const QString aside = journal.asidePath(relative);
+    if (isSpecialFileName(name) && installed.exists && pathExists(aside))
         return problem(QStringLiteral("FAILED to rename file: %1 to %2").arg(path, aside), EEXIST);
-    for (QString dir = parentPath(path); !dir.isEmpty() && !QFileInfo(dir).isDir();
-         dir = parentPath(dir)) {
-        if (pathExists(dir) && !journal.deletes(dir)) {
+    using Place = UpdateJournal::Place;
+    for (QString dir = parentPath(relative);
+         !dir.isEmpty() && journal.place(dir) != Place::Directory; dir = parentPath(dir)) {
+        if (journal.place(dir) == Place::Other && !journal.deletes(journal.installedPath(dir))) {
             *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
             emit message(*question);
             return *question;
@@ -146,7 +166,8 @@ QString DirectoryUpdate::replaceProblem(const QString &path, const UpdateJournal
 }
 
 QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString &source,
-                                   const QString &staged, const QString &target)
+                                   const PathStatus &sourceStatus, const QString &staged,
+                                   const QString &target, const PathStatus &installed)
 {
     QString error;
     // The system's reason is told where a call of the system failed, not for a bad checksum.
@@ -159,13 +180,17 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     };
 
     errno = 0;
-    if (!QDir().mkpath(parentPath(staged))) {
+    if (!makeStagingDirectory(parentPath(staged))) {
         fail(QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(staged)), true);
         return error;
     }
-    removeFile(staged);
+    // Unpacking into a link of a download would overwrite the download.
+    if (stagedFiles.contains(staged))
+        removeFile(staged);
+    stagedFiles.insert(staged);
     const QString relativeSource = entry.directory + QLatin1Char('/') + entry.name;
     errno = 0;
+    quint64 size = entry.installedSize();
     if (entry.isPacked()) {
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
@@ -179,9 +204,9 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
             fail(QStringLiteral("Wrong checksum %1!").arg(target));
         if (quint64(QFileInfo(staged).size()) != entry.unpackedSize)
             fail(QStringLiteral("Wrong length %1!").arg(target));
-    } else if (linkFile(source, staged)) {
+    } else if (sourceStatus.regular && linkFile(source, staged)) {
         // The very file whose checksum the download verified; nothing is copied.
-        if (quint64(QFileInfo(staged).size()) != entry.size)
+        if (quint64(sourceStatus.size) != entry.size)
             fail(QStringLiteral("Wrong length %1!").arg(target));
     } else if (errno = 0; !copyFile(source, staged)) {
         fail(QStringLiteral("Can't copy %1!").arg(relativeSource), true);
@@ -190,16 +215,29 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     } else if (quint64(QFileInfo(staged).size()) != entry.size) {
         fail(QStringLiteral("Wrong length %1!").arg(target));
     }
-    if (!error.isEmpty())
+    if (!error.isEmpty()) {
+        removeFile(staged);
         return error;
+    }
 
-    const QString relative = entry.installPath();
-    if (isExecutable(target) || relative == getClientBinaryName())
+    if (installed.executable || entry.installPath() == getClientBinaryName())
         makeFileExecutable(staged);
     makeSingleFileExecutable(staged);
-    // The flush before the switch then finds most of the data on the disk already.
-    startWriteback(staged);
+    // The flush before the switch then finds most of a large file's data on the disk already;
+    // for a small one the extra calls would cost more than the flush saves.
+    if (size >= writebackSize)
+        startWriteback(staged);
     return error;
+}
+
+bool DirectoryUpdate::makeStagingDirectory(const QString &path)
+{
+    if (stagingDirectories.contains(path))
+        return true;
+    if (!QDir().mkpath(path))
+        return false;
+    stagingDirectories.insert(path);
+    return true;
 }
 
 DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesFiles,

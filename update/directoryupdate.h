@@ -3,9 +3,11 @@
 #include "update/installquestion.h"
 
 #include <QObject>
+#include <QSet>
 #include <QString>
 
 struct FileSpecification;
+struct PathStatus;
 class TaskSpecification;
 class UpdateJournal;
 
@@ -46,16 +48,23 @@ private:
     Outcome stageFiles(bool silent, const QString &sourceDir, const TaskSpecification &task,
                        UpdateJournal *journal);
     Outcome switchFiles(bool silent, bool removesFiles, UpdateJournal *journal);
-    // Why the installed file at path could not be replaced, logged; empty when it can be. The
-    // box text of the question goes to question.
-    QString replaceProblem(const QString &path, const UpdateJournal &journal, QString *question);
-    // Puts one entry into staging and returns its error line, empty when all went well.
+    // Why the installed file at relative could not be replaced, logged; empty when it can be.
+    // The box text of the question goes to question.
+    QString replaceProblem(const QString &relative, const PathStatus &installed,
+                           const UpdateJournal &journal, QString *question);
+    // Puts one entry into staging and returns its error line, empty when all went well; what
+    // failed is not left there.
     QString stageFile(const FileSpecification &entry, const QString &source,
-                      const QString &staged, const QString &target);
-    QString checkStaged(const FileSpecification &entry, const QString &staged,
-                        const QString &target, const QString &md5);
+                      const PathStatus &sourceStatus, const QString &staged, const QString &target,
+                      const PathStatus &installed);
+    // Staging is this run's own: a directory made once stays.
+    bool makeStagingDirectory(const QString &path);
     // Abort when silent: an unattended run never installs a version with holes.
     InstallAnswer ask(bool silent, const QString &text) const;
 
     InstallQuestion question;
+    QSet<QString> stagingDirectories;
+    QSet<QString> stagedFiles;
+    // Packed downloads on the installation's file system whose content is staged.
+    QStringList servedDownloads;
 };

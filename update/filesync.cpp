@@ -97,6 +97,25 @@ QString parentPath(const QString &path)
     return slash < 0 ? QString() : path.left(slash);
 }
 
+PathStatus pathStatus(const QString &path)
+{
+    PathStatus result;
+    const QByteArray encoded = name(path);
+    struct stat status = {};
+    if (::lstat(encoded.constData(), &status) != 0)
+        return result;
+    result.exists = true;
+    result.link = S_ISLNK(status.st_mode);
+    result.directory = S_ISDIR(status.st_mode);
+    result.regular = S_ISREG(status.st_mode);
+    result.device = status.st_dev;
+    if (result.link && ::stat(encoded.constData(), &status) != 0)
+        return result;
+    result.executable = S_ISREG(status.st_mode) && (status.st_mode & 0111) != 0;
+    result.size = status.st_size;
+    return result;
+}
+
 bool pathExists(const QString &path)
 {
     struct stat status = {};
@@ -109,13 +128,6 @@ bool isSameFile(const QString &a, const QString &b)
     struct stat second = {};
     return ::lstat(name(a).constData(), &first) == 0 && ::lstat(name(b).constData(), &second) == 0
            && first.st_dev == second.st_dev && first.st_ino == second.st_ino;
-}
-
-bool isExecutable(const QString &path)
-{
-    struct stat status = {};
-    return ::stat(name(path).constData(), &status) == 0 && S_ISREG(status.st_mode)
-           && (status.st_mode & 0111) != 0;
 }
 
 bool linkFile(const QString &existing, const QString &link)

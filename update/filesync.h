@@ -18,14 +18,26 @@ bool writeSyncedFile(const QString &path, const QByteArray &data);
 // that stands in its place.
 bool readRegularFile(const QString &path, qint64 limit, QByteArray *data);
 
+// What one look at a path tells, so that a file is asked about once rather than once per question.
+struct PathStatus
+{
+    bool exists = false; // something is there, a dangling link included
+    bool link = false;
+    bool directory = false;  // a directory itself, not a link to one
+    bool regular = false;    // a regular file itself, not a link to one
+    bool executable = false; // a regular file, or a link to one, with any execute bit
+    qint64 size = -1;        // of what it names; -1 when that cannot be reached
+    quint64 device = 0;      // the file system it is on
+};
+// Looks at path without following a link, and through a link only when there is one.
+PathStatus pathStatus(const QString &path);
+
 // What path names without its last component; empty when it has only one.
 QString parentPath(const QString &path);
 // True when something, a dangling link included, is at path.
 bool pathExists(const QString &path);
 // True when both paths name the same file (hard links of one inode).
 bool isSameFile(const QString &a, const QString &b);
-// True when path is a file with any execute bit.
-bool isExecutable(const QString &path);
 bool linkFile(const QString &existing, const QString &link);
 bool renameFile(const QString &from, const QString &to);
 bool removeFile(const QString &path);

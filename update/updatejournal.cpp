@@ -26,19 +26,34 @@ QString failure(const QString &path, const QString &reason)
     return QStringLiteral("%1: %2").arg(path, reason);
 }
 
+// Runs step, and once more after making the directory path goes into when it failed for want
+// of that directory. Files are renamed or linked where their directory mostly exists already.
+template<typename Step>
+bool inParent(const QString &path, Step step)
+{
+    if (step())
+        return true;
+    return errno == ENOENT && QDir().mkpath(parentPath(path)) && step();
+}
+
 // A journal is a few lines per file; anything far larger is not one.
 constexpr qint64 journalLimit = 64 * 1024 * 1024;
 
 // Removes every link that stands as a directory on the way from base down to path's parent, so
-// that making, renaming or removing path never reaches outside through one.
-void removeLinksOnTheWay(const QString &base, const QString &path)
+// that making, renaming or removing path never reaches outside through one. Directories already
+// looked at are in checked: thousands of files share a few.
+void removeLinksOnTheWay(const QString &base, const QString &path, QSet<QString> *checked)
 {
     const QStringList parts = path.mid(base.size() + 1).split(QLatin1Char('/'));
     QString on = base;
     for (qsizetype i = 0; i + 1 < parts.size(); ++i) {
         on += QLatin1Char('/') + parts.at(i);
+        if (checked->contains(on))
+            continue;
         if (QFileInfo(on).isSymLink())
             removeFile(on);
+        else
+            checked->insert(on);
     }
 }
 
@@ -80,13 +95,13 @@ QString UpdateJournal::journalPath() const
     return root + QLatin1Char('/') + journalName;
 }
 
-void UpdateJournal::planFile(const QString &relative, bool inUse)
+void UpdateJournal::planFile(const QString &relative, bool inUse, bool installed)
 {
     // Directories the switch has to make, parents first.
     QStringList missing;
     // A file in a directory's place goes first, as the "delete" group has it.
-    for (QString dir = parentPath(relative);
-         !dir.isEmpty() && !QFileInfo(installedPath(dir)).isDir(); dir = parentPath(dir)) {
+    for (QString dir = parentPath(relative); !dir.isEmpty() && place(dir) != Place::Directory;
+         dir = parentPath(dir)) {
         missing.prepend(dir);
     }
     for (const QString &dir : std::as_const(missing)) {
@@ -94,7 +109,7 @@ void UpdateJournal::planFile(const QString &relative, bool inUse)
             newDirectories << dir;
     }
     Action action = Action::Add;
-    if (pathExists(installedPath(relative)))
+    if (installed)
         action = inUse ? Action::ReplaceInUse : Action::Replace;
     entries << Entry{action, relative};
 }
@@ -112,6 +127,18 @@ bool UpdateJournal::deletes(const QString &path) const
     return std::any_of(entries.cbegin(), entries.cend(), [&](const Entry &entry) {
         return entry.action == Action::Delete && installedPath(entry.path) == path;
     });
+}
+
+UpdateJournal::Place UpdateJournal::place(const QString &relative) const
+{
+    const auto known = places.constFind(relative);
+    if (known != places.cend())
+        return *known;
+    const QString path = installedPath(relative);
+    Place found = Place::Directory;
+    if (!QFileInfo(path).isDir())
+        found = pathExists(path) ? Place::Other : Place::Missing;
+    return *places.insert(relative, found);
 }
 
 bool UpdateJournal::begin(QString *error)
@@ -205,8 +232,8 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
         *error = failure(path, systemError());
         return false;
     };
-    removeLinksOnTheWay(root, staged);
-    removeLinksOnTheWay(root, backup);
+    removeLinksOnTheWay(root, staged, &checkedDirectories);
+    removeLinksOnTheWay(root, backup, &checkedDirectories);
     if (entry.action == Action::Delete) {
         if (!pathExists(installed) || pathExists(backup))
             return true;
@@ -214,6 +241,9 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
             return fail(installed);
         return true;
     }
+    // Most files of a large update are new: the rename alone does it.
+    if (entry.action == Action::Add && renameFile(staged, installed))
+        return true;
     if (!pathExists(staged)) {
         // Gone because it was switched already, or missing: then the switch cannot be whole.
         const bool switched = entry.action == Action::Add
@@ -222,17 +252,15 @@ bool UpdateJournal::applyEntry(const Entry &entry, QString *error)
         errno = ENOENT;
         return switched || fail(staged);
     }
-    if (!QDir().mkpath(parentPath(installed)))
-        return fail(parentPath(installed));
-    if (entry.action != Action::Add && !pathExists(backup)
-        && (!QDir().mkpath(parentPath(backup)) || !linkFile(installed, backup))) {
+    if (entry.action != Action::Add
+        && !inParent(backup, [&] { return linkFile(installed, backup) || errno == EEXIST; })) {
         return fail(installed);
     }
     if (entry.action == Action::ReplaceInUse && !pathExists(asidePath(entry.path))
         && !linkFile(backup, asidePath(entry.path))) {
         return fail(asidePath(entry.path));
     }
-    if (!renameFile(staged, installed))
+    if (!inParent(installed, [&] { return renameFile(staged, installed); }))
         return fail(installed);
     return true;
 }
@@ -247,8 +275,8 @@ bool UpdateJournal::undoEntry(const Entry &entry, QString *error)
     const QString installed = installedPath(entry.path);
     const QString staged = stagedPath(entry.path);
     const QString backup = backupPath(entry.path);
-    removeLinksOnTheWay(root, staged);
-    removeLinksOnTheWay(root, backup);
+    removeLinksOnTheWay(root, staged, &checkedDirectories);
+    removeLinksOnTheWay(root, backup, &checkedDirectories);
     bool done = true;
     if (entry.action == Action::Add) {
         if (!pathExists(staged))

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QHash>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 
@@ -22,12 +24,16 @@ public:
 
     explicit UpdateJournal(const QString &installDir);
 
-    // Plans one file, its path relative to the installation; the action follows from what is
-    // installed now.
-    void planFile(const QString &relative, bool inUse);
+    // Plans one file, its path relative to the installation; the action follows from whether
+    // something is installed there now.
+    void planFile(const QString &relative, bool inUse, bool installed);
     void planDelete(const QString &relative);
     // True when the installed file at this absolute path goes in the switch.
     bool deletes(const QString &path) const;
+    // What stands at a directory path of the installation (a link to a directory counts as
+    // one). Asked once per path: nothing installed changes while a switch is planned.
+    enum class Place { Directory, Missing, Other };
+    Place place(const QString &relative) const;
 
     QString installedPath(const QString &relative) const;
     QString stagedPath(const QString &relative) const;
@@ -73,4 +79,7 @@ private:
     QString root;
     QList<Entry> entries;
     QStringList newDirectories;
+    mutable QHash<QString, Place> places;
+    // Directories of staging and backups known not to be links.
+    QSet<QString> checkedDirectories;
 };

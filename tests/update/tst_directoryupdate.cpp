@@ -137,6 +137,9 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QCOMPARE(readTestFile(target("lib/made.so")), "made");
     for (const char *path : {"plugins/old.so", "notdownloaded.bin", ".update-staging"})
         QVERIFY(!QFileInfo::exists(target(path)));
+    // A packed download has served once unpacked; a plain one is the installed file itself.
+    QVERIFY(!QFileInfo::exists(source("data/sound.wav.gz")));
+    QVERIFY(QFileInfo(source("bin/readme.txt")).isFile());
     // The "delete" group goes during the switch, not before anything is staged.
     QCOMPARE(log,
              (QStringList{"Update content", "Copy/unpack files...", "Switch to the new version...",
@@ -288,7 +291,7 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation()
     QVERIFY(!stale || writeTestFile(journal.stagingDir() + "/backup/a.txt", appended));
     journal.planDelete("gone.txt");
     for (const QString &name : names)
-        journal.planFile(name, name == "update");
+        journal.planFile(name, name == "update", QFileInfo::exists(target(name)));
     QString error;
     QVERIFY2(journal.begin(&error), qPrintable(error));
     QFile journalFile(install + "/.update-journal");
