@@ -51,11 +51,6 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
         journal.planDelete(path);
     Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
     if (outcome != Outcome::Failed) {
-        // Unpacked and verified, a packed download has served. Gone before the flush, it is
-        // never written to the disk, and deleting it later would cost more than the whole
-        // install of a small file. A switch that fails after this fetches those files again.
-        for (const QString &path : std::as_const(servedDownloads))
-            removeFile(path);
         const Outcome switched = switchFiles(silent, !deletions.isEmpty(), &journal);
         outcome = switched == Outcome::Whole ? outcome : switched;
     } else {
@@ -77,8 +72,6 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
 
     stagingDirectories.clear();
     stagedFiles.clear();
-    servedDownloads.clear();
-    const quint64 installDevice = pathStatus(journal->installedPath(QString())).device;
     bool partial = false;
     const QDir source(sourceDir);
     for (int i = 0; i < task.getSize();) {
@@ -116,8 +109,6 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
             stagedWell = problem.isEmpty();
             if (!stagedWell)
                 answer = ask(silent, problem);
-            else if (form.isPacked() && sourceStatus.device == installDevice)
-                servedDownloads << sourcePath;
         }
         if (answer == InstallAnswer::Abort)
             return Outcome::Failed;

@@ -65,6 +65,4 @@ private:
     InstallQuestion question;
     QSet<QString> stagingDirectories;
     QSet<QString> stagedFiles;
-    // Packed downloads on the installation's file system whose content is staged.
-    QStringList servedDownloads;
 };

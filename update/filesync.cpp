@@ -108,7 +108,6 @@ PathStatus pathStatus(const QString &path)
     result.link = S_ISLNK(status.st_mode);
     result.directory = S_ISDIR(status.st_mode);
     result.regular = S_ISREG(status.st_mode);
-    result.device = status.st_dev;
     if (result.link && ::stat(encoded.constData(), &status) != 0)
         return result;
     result.executable = S_ISREG(status.st_mode) && (status.st_mode & 0111) != 0;

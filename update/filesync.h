@@ -27,7 +27,6 @@ struct PathStatus
     bool regular = false;    // a regular file itself, not a link to one
     bool executable = false; // a regular file, or a link to one, with any execute bit
     qint64 size = -1;        // of what it names; -1 when that cannot be reached
-    quint64 device = 0;      // the file system it is on
 };
 // Looks at path without following a link, and through a link only when there is one.
 PathStatus pathStatus(const QString &path);
