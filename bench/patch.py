@@ -109,7 +109,9 @@ def fetched(tool, installation, version_directory, work):
     the list and its manifest, then for each file that is not installed as listed the patch
     whose base is the installed copy, else the file as the mirror holds it."""
     listed = version_directory / (bench.CLIENT_TYPE + ".ini")
-    total = sum(p.stat().st_size for p in version_directory.glob(bench.CLIENT_TYPE + ".*"))
+    # The list and its manifest; the glob also matches the folders of subdirectories.
+    total = sum(p.stat().st_size for p in version_directory.glob(bench.CLIENT_TYPE + ".*")
+                if p.is_file())
     patches = offered_patches(version_directory)
     for entry in bench.read_product_list(listed):
         installed = installation / entry.install_path

@@ -147,7 +147,7 @@ void ReleasePatches::add(const QString &installPath, const QList<Base> &bases,
         job.patchPath =
                 patchesFolder + QLatin1Char('/') + clientType + QLatin1Char('/')
                 + names.take(QString(installPath).replace(QLatin1Char('/'), QLatin1Char('.')),
-                             QLatin1Char('.') + base.md5 + QStringLiteral(".bsdiff"));
+                             QLatin1Char('.') + base.md5 + QStringLiteral(".patch"));
         job.memory = base.size * memoryPerBaseByte + QFileInfo(newFile).size();
         jobs.append(job);
     }
