@@ -5,12 +5,12 @@ this host (as a forged reply would come), and logs it as hex."""
 import socket
 import sys
 
-log_path, spec = sys.argv[1], sys.argv[2]
-reply = None if spec == "-" else bytes.fromhex(spec.lstrip("+"))
+log_path, answer = sys.argv[1], sys.argv[2]
+reply = None if answer == "-" else bytes.fromhex(answer.lstrip("+"))
 sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 sock.bind(("127.0.0.1", 0))
 sender = sock
-if spec.startswith("+"):
+if answer.startswith("+"):
     sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     sender.bind(("127.0.0.1", 0))
 print("ready", sock.getsockname()[1], flush=True)
