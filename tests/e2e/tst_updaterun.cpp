@@ -197,10 +197,7 @@ private slots:
         // Signed with minisign; trusted only where a test puts the key into update-keys.pub.
         publisherKeys = work.filePath("keys");
         unknownKeys = work.filePath("unknown");
-        QVERIFY(QDir().mkpath(publisherKeys));
-        QVERIFY(execute("minisign", {"-G", "-W", "-p", publisherKeys + "/update-keys.pub", "-s",
-                                     publisherKeys + "/update-secret.key"}));
-        QVERIFY(execute(UPDATE_PUBLISH, {"--keygen", unknownKeys}));
+        QVERIFY(makeSigningKeys(publisherKeys, unknownKeys, UPDATE_PUBLISH));
         QVERIFY(execute("minisign", {"-S", "-s", publisherKeys + "/update-secret.key", "-t",
                                      "orlivo " + clientType + " 12", "-m",
                                      mirrorRoot + "/12/" + clientType + ".manifest"}));

@@ -129,10 +129,7 @@ private slots:
                                         {"release/lib/libvoice.so", noiseBytes(5000, 1)}}));
         keys = work.filePath("keys");
         unknownKeys = work.filePath("unknown");
-        QVERIFY(QDir().mkpath(keys));
-        QVERIFY(execute("minisign", {"-G", "-W", "-p", keys + "/update-keys.pub", "-s",
-                                     keys + "/update-secret.key"}));
-        QVERIFY(execute(UPDATE_PUBLISH, {"--keygen", unknownKeys}));
+        QVERIFY(makeSigningKeys(keys, unknownKeys, UPDATE_PUBLISH));
         mirrorRoot = QFileInfo(work.path()).canonicalFilePath() + "/mirror";
         QVERIFY(publish("12", mirrorRoot, keys));
         ftp = LoopbackServer::ftp(mirrorRoot);

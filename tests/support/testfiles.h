@@ -85,6 +85,18 @@ inline QByteArray runTool(const QString &program, const QStringList &arguments,
     return tool.readAllStandardOutput();
 }
 
+// A minisign key pair in keysDir (update-keys.pub, update-secret.key) and, in unknownDir, one made
+// by the publisher that nobody trusts.
+inline bool makeSigningKeys(const QString &keysDir, const QString &unknownDir,
+                            const QString &publisher)
+{
+    return QDir().mkpath(keysDir)
+           && QProcess::execute("minisign", {"-G", "-W", "-p", keysDir + "/update-keys.pub", "-s",
+                                             keysDir + "/update-secret.key"})
+                      == 0
+           && QProcess::execute(publisher, {"--keygen", unknownDir}) == 0;
+}
+
 // mirrors.ini listing urls in order; a failed file is tried once more, without a wait.
 inline QByteArray mirrorsIni(const QStringList &urls)
 {
