@@ -104,7 +104,7 @@ ReleaseFetch::Outcome ReleaseFetch::listArrived(const QString &path, QString *no
 bool ReleaseFetch::acceptsSignature(const QByteArray &signatureText)
 {
     MinisignSignature signature;
-    const QByteArray expected = QString("orlivo %1 %2").arg(productListName, version).toUtf8();
+    const QByteArray expected = ReleaseManifest::trustedComment(productListName, version);
     return parseMinisignSignature(signatureText, &signature)
            && verifyMinisign(manifestText, signature, trustedKeys)
            && signature.trustedComment == expected && releaseManifest.parse(manifestText)

@@ -121,7 +121,7 @@ void MirrorChecker::checkSignature(const QByteArray &text, const QString &path)
         return;
     }
     const QByteArray expected =
-            "orlivo " + manifest.type().toUtf8() + ' ' + manifest.version().toUtf8();
+            ReleaseManifest::trustedComment(manifest.type(), manifest.version());
     if (!verifyMinisign(text, signature, trustedKeys))
         report(QStringLiteral("%1 is not a valid signature by the key %2 of the manifest")
                        .arg(path, QString::fromLatin1(minisignKeyIdText(signature.keyId))));

@@ -498,8 +498,8 @@ bool ReleasePublisher::writeManifest(const QString &list)
         QFile::remove(signaturePath);
         return writeServedFile(manifestPath(), text);
     }
-    const QByteArray signature = signMinisign(
-            text, QStringLiteral("orlivo %1 %2").arg(clientType, version).toUtf8(), signingKey);
+    const QByteArray signature =
+            signMinisign(text, ReleaseManifest::trustedComment(clientType, version), signingKey);
     if (signature.isEmpty())
         return fail(QStringLiteral("cannot sign %1").arg(manifestPath()));
     return writeServedFile(manifestPath(), text) && writeServedFile(signaturePath, signature);
