@@ -9,7 +9,7 @@ packages=(
     nginx-light python3 python3-pyftpdlib tinyproxy openssl ca-certificates
     xvfb xauth xdotool imagemagick fonts-dejavu-core time
     libzstd-dev libdivsufsort-dev libbz2-dev liblzma-dev libzydis-dev clang
-    minisign bsdiff zstd zsync iproute2
+    minisign bsdiff zstd zsync iproute2 systemd
 )
 
 missing=()
