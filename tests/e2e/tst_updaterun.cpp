@@ -68,6 +68,7 @@ class TestUpdateRun : public QObject
     QString workingParent; // TMPDIR of the runs
     QByteArray log;        // of the last run
     std::unique_ptr<VirtualDisplay> display;
+    QStringList launcher; // runs the updater through this program and its arguments
 
     QString at(const QString &name) const { return installation->filePath(name); }
 
@@ -110,7 +111,11 @@ class TestUpdateRun : public QObject
         process->setProcessEnvironment(environment);
         process->setWorkingDirectory(installation->path());
         process->setProcessChannelMode(QProcess::MergedChannels);
-        process->start(at("update"), arguments);
+        if (launcher.isEmpty())
+            process->start(at("update"), arguments);
+        else
+            process->start(launcher.first(),
+                           launcher.mid(1) + QStringList{at("update")} + arguments);
     }
 
     // A run ended with exitCode and logged logLine, without crashing, hanging or letting the
@@ -225,6 +230,7 @@ private slots:
         fault.reset();
         hostile.reset();
         display.reset();
+        launcher.clear();
     }
 
     // On a virtual display a start with a bad version only shows the error box and ends with
@@ -295,6 +301,32 @@ private slots:
         for (const QString &file : mirrorFiles)
             QCOMPARE(requests.filter(' ' + file + ' ').size(), file == stalled ? 1 : 0);
         QCOMPARE(requests.filter(stalled + " ok bytes=1000-").size(), 1);
+        verifyInstalled(true);
+    }
+
+    // A signed release over HTTPS, its certificate trusted as the system's own store (bound over
+    // it in the run's own mount namespace): it arrives whole, every request of the release on one
+    // connection.
+    void overHttps()
+    {
+        TestCertificates certificates;
+        QVERIFY(QDir().mkpath(work.filePath("tls"))
+                && makeTestCertificates(work.filePath("tls"), &certificates));
+        if (QProcess::execute("unshare", {"--mount", "true"}) != 0)
+            QSKIP("needs a mount namespace of its own (root)");
+        const auto https = LoopbackServer::nginx(mirrorRoot, &certificates);
+        QVERIFY(https);
+        QVERIFY(writeTestFile(at("mirrors.ini"), mirrorsIni({https->url("https", "/")})));
+        QVERIFY(QFile::copy(publisherKeys + "/update-keys.pub", at("update-keys.pub")));
+        const QString bindCa =
+                "mount --bind \"$0\" /etc/ssl/certs/ca-certificates.crt && exec \"$@\"";
+        launcher = QStringList{"unshare", "--mount", "sh", "-c", bindCa, certificates.caFile};
+        QVERIFY(runs(0, "Update finished, version: 12"));
+        QStringList connections;
+        for (const QString &line : https->logLines().filter(" /12"))
+            connections << line.section(' ', 0, 0);
+        connections.removeDuplicates();
+        QCOMPARE(connections.size(), 1);
         verifyInstalled(true);
     }
 
