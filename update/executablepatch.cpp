@@ -46,6 +46,14 @@ bool readHeader(int patch, Header *header)
     return true;
 }
 
+// The map's stream lies in [header.end, end) of the patch.
+bool readMap(int patch, const Header &header, int64_t end, AddressMap *map)
+{
+    LzmaStream stream(patch, header.end, end, header.dictionary);
+    std::string bytes(size_t(header.field[MapSize]), '\0');
+    return stream.read(bytes.data(), int64_t(bytes.size())) && stream.atEnd() && map->decode(bytes);
+}
+
 } // namespace
 
 bool isExecutablePatch(const char *start, size_t size)
@@ -71,12 +79,10 @@ bool applyExecutablePatch(const PatchFiles &files)
         || field[MapSize] > executablePatchMapLimit || extraStart > files.patchSize)
         return false;
 
-    LzmaStream mapStream(files.patch, header.end, controlStart, header.dictionary);
-    std::string mapBytes(size_t(field[MapSize]), '\0');
     AddressMap map;
     ElfImage elf;
-    if (!mapStream.read(mapBytes.data(), field[MapSize]) || !mapStream.atEnd()
-        || !map.decode(mapBytes) || !files.base || !elf.parse(files.base, baseSize))
+    if (!readMap(files.patch, header, controlStart, &map) || !files.base
+        || !elf.parse(files.base, baseSize))
         return false;
     // The projection writes to the base's pages, which are this process's own.
     projectReferences(files.base, baseSize, elf, map);

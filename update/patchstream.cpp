@@ -7,7 +7,7 @@
 
 namespace {
 
-// Small: the decoders keep what they need, and this is read once.
+// Packed bytes pass through once; a larger buffer would only cost memory, once per stream.
 constexpr int64_t bufferSize = 65536;
 
 ssize_t readAt(int fd, char *data, int64_t length, int64_t offset)

@@ -21,7 +21,7 @@ class PackedBytes
 public:
     PackedBytes(int fd, int64_t start, int64_t end);
 
-    // The next bytes, at most the buffer's size; an empty result at the end or on an error.
+    // The next bytes, at most the buffer's size; false at the end or on an error.
     bool next(const char **data, int64_t *length);
     bool exhausted() const { return position == end; }
 
