@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <string>
-
 #include <vector>
 
 // Where stretches of an old file's addresses lie in the new file: regions sorted by their old

@@ -6,7 +6,6 @@
 #include "update/patchstream.h"
 
 #include <cerrno>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -17,6 +16,7 @@ namespace {
 
 constexpr int64_t headerSize = 32;
 
+// Closed on leaving; the size of what is not a regular file is -1.
 class OpenFile
 {
 public:
