@@ -55,9 +55,10 @@ CHAINS = {
 def build(build_dir):
     bench.run_checked(["cmake", "-S", str(bench.REPO), "-B", str(build_dir), "-G", "Ninja",
                        "-DCMAKE_BUILD_TYPE=Release", "-DORLIVO_BUILD_BENCH=ON"])
-    bench.run_checked(["cmake", "--build", str(build_dir), "--target", "patchtool",
+    bench.run_checked(["cmake", "--build", str(build_dir), "--target", "patchtool", "patchapply",
                        "update-publish"])
-    return build_dir / "bench" / "patchtool", build_dir / "tools" / "update-publish"
+    return (build_dir / "bench" / "patchtool", build_dir / "bench" / "patchapply",
+            build_dir / "tools" / "update-publish")
 
 
 def extract(deb, member, target):
@@ -104,7 +105,7 @@ def offered_patches(version_directory):
     return patches
 
 
-def fetched(tool, installation, version_directory, work):
+def fetched(applier, installation, version_directory, work):
     """Bytes the updater fetches to update installation from the list in version_directory:
     the list and its manifest, then for each file that is not installed as listed the patch
     whose base is the installed copy, else the file as the mirror holds it."""
@@ -124,7 +125,7 @@ def fetched(tool, installation, version_directory, work):
             continue
         total += (version_directory / patch).stat().st_size
         out = work / "patched"
-        bench.run_checked([str(tool), "apply", str(installed), str(out),
+        bench.run_checked([str(applier), str(installed), str(out),
                            str(version_directory / patch)])
         if bench.file_md5(out) != entry.installed_md5:
             sys.exit("%s: the patch does not make the new file" % entry.install_path)
@@ -132,7 +133,7 @@ def fetched(tool, installation, version_directory, work):
     return total
 
 
-def behind(tool, publisher, downloads, rounds, work):
+def behind(applier, publisher, downloads, rounds, work):
     """One row per package: bytes fetched and publishing times."""
     rows = []
     for package, versions in CHAINS.items():
@@ -157,10 +158,10 @@ def behind(tool, publisher, downloads, rounds, work):
                       "the cache in %.1f s" % (package, cold[-1], one_core[-1], warm[-1]))
         publish(publisher, new, "12", single, ["--previous", str(old)])
         publish(publisher, new, "12", work / package / "whole")
-        whole = fetched(tool, older, work / package / "whole" / "12", work)
-        one = fetched(tool, old, several / "12", work)
-        two = fetched(tool, older, several / "12", work)
-        two_single = fetched(tool, older, single / "12", work)
+        whole = fetched(applier, older, work / package / "whole" / "12", work)
+        one = fetched(applier, old, several / "12", work)
+        two = fetched(applier, older, several / "12", work)
+        two_single = fetched(applier, older, single / "12", work)
         rows.append((package, "%s, %s -> %s" % (v10, v11, v12), whole, one, two, two_single,
                      cold, one_core, warm))
     return rows
@@ -189,7 +190,7 @@ def xz_size(path):
     return len(packed)
 
 
-def measure(name, tool, downloads, work, rounds):
+def measure(name, tool, applier, downloads, work, rounds):
     package, old_version, new_version, member = PAIRS[name]
     (_, old_deb), (_, new_deb) = link.fetch_debs(downloads, package, [old_version, new_version])
     old = extract(old_deb, member, work / name / "old")
@@ -206,8 +207,8 @@ def measure(name, tool, downloads, work, rounds):
     if patches["Debian bsdiff"].read_bytes() != patches["ours, bsdiff format"].read_bytes():
         sys.exit("%s: our bsdiff patch differs from Debian's" % name)
     appliers = {"bspatch": (["bspatch"], "Debian bsdiff"),
-                "ours on bsdiff": ([str(tool), "apply"], "Debian bsdiff"),
-                "ours on executable-aware": ([str(tool), "apply"], "ours, executable-aware")}
+                "ours on bsdiff": ([str(applier)], "Debian bsdiff"),
+                "ours on executable-aware": ([str(applier)], "ours, executable-aware")}
     applied = {applier: [] for applier in appliers}
     wanted = md5(new)
     for round_number in range(rounds):
@@ -261,13 +262,13 @@ def main():
     parser.add_argument("--behind", action="store_true")
     args = parser.parse_args()
 
-    tool, publisher = build(args.build_dir)
+    tool, applier, publisher = build(args.build_dir)
     with tempfile.TemporaryDirectory() as scratch:
         if args.behind:
-            report_behind(behind(tool, publisher, args.downloads, args.rounds, Path(scratch)))
+            report_behind(behind(applier, publisher, args.downloads, args.rounds, Path(scratch)))
         else:
             downloads = args.downloads.resolve()
-            report({name: measure(name, tool, downloads, Path(scratch), args.rounds)
+            report({name: measure(name, tool, applier, downloads, Path(scratch), args.rounds)
                     for name in args.only.split(",")})
 
 

@@ -1,11 +1,9 @@
-// The updater's binary patches from the command line, for the benchmark to time against Debian's
-// bsdiff and bspatch with the same arguments:
+// The publisher's binary patches from the command line, for the benchmark to time against Debian's
+// bsdiff with the same arguments (patchapply applies them):
 //   patchtool diff OLD NEW PATCH     (as bsdiff OLD NEW PATCH)
 //   patchtool xdiff OLD NEW PATCH    (the executable-aware format)
-//   patchtool apply OLD NEW PATCH    (as bspatch OLD NEW PATCH; either format)
 #include "tools/binarydiff.h"
 #include "tools/executablediff.h"
-#include "update/binarypatch.h"
 
 #include <QFile>
 #include <QSaveFile>
@@ -35,8 +33,8 @@ bool writeExecutablePatch(const QString &oldPath, const QString &newPath, const 
 int main(int argc, char **argv)
 {
     const QByteArray mode = argc == 5 ? argv[1] : "";
-    if (mode != "diff" && mode != "xdiff" && mode != "apply") {
-        std::fputs("usage: patchtool diff|xdiff|apply OLD NEW PATCH\n", stderr);
+    if (mode != "diff" && mode != "xdiff") {
+        std::fputs("usage: patchtool diff|xdiff OLD NEW PATCH\n", stderr);
         return 2;
     }
     const QString oldPath = QString::fromLocal8Bit(argv[2]);
@@ -46,10 +44,8 @@ int main(int argc, char **argv)
     bool ok = false;
     if (mode == "diff")
         ok = writeBinaryPatch(oldPath, newPath, patchPath, &result);
-    else if (mode == "xdiff")
-        ok = writeExecutablePatch(oldPath, newPath, patchPath);
     else
-        ok = applyBinaryPatch(newPath, oldPath, patchPath, &result);
+        ok = writeExecutablePatch(oldPath, newPath, patchPath);
     if (!ok)
         std::fprintf(stderr, "patchtool: %s failed %s\n", mode.constData(), qPrintable(result));
     return ok ? 0 : 1;

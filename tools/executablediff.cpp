@@ -24,19 +24,19 @@ const uchar *bytesOf(const QByteArray &data)
 // A stretch of target that bsdiff matched, byte for byte or nearly, against base.
 struct Match
 {
-    qint64 oldOffset;
-    qint64 newOffset;
-    qint64 length;
+    int64_t oldOffset;
+    int64_t newOffset;
+    int64_t length;
 };
 
 std::vector<Match> matchesOf(const BinaryDiff &diff)
 {
     std::vector<Match> matches;
     const auto *control = bytesOf(diff.control);
-    qint64 oldOffset = 0;
-    qint64 newOffset = 0;
+    int64_t oldOffset = 0;
+    int64_t newOffset = 0;
     for (qsizetype at = 0; at + 24 <= diff.control.size(); at += 24) {
-        const qint64 length = decodeBsdiffNumber(control + at);
+        const int64_t length = decodeBsdiffNumber(control + at);
         if (length > 0)
             matches.push_back({oldOffset, newOffset, length});
         newOffset += length + decodeBsdiffNumber(control + at + 8);
@@ -45,7 +45,7 @@ std::vector<Match> matchesOf(const BinaryDiff &diff)
     return matches;
 }
 
-const ElfImage::Segment *segmentHolding(const ElfImage &elf, qint64 offset)
+const ElfImage::Segment *segmentHolding(const ElfImage &elf, int64_t offset)
 {
     for (const ElfImage::Segment &segment : elf.segments()) {
         if (offset >= segment.offset && offset < segment.offset + segment.size)
@@ -61,16 +61,17 @@ std::vector<Region> regionsOf(const std::vector<Match> &matches, const ElfImage 
     std::vector<Region> regions;
     for (const Match &match : matches) {
         for (const ElfImage::Segment &from : oldElf.segments()) {
-            const qint64 start = std::max(match.oldOffset, from.offset);
-            qint64 end = std::min(match.oldOffset + match.length, from.offset + from.size);
-            const qint64 newStart = match.newOffset + (start - match.oldOffset);
+            const int64_t start = std::max(match.oldOffset, from.offset);
+            int64_t end = std::min(match.oldOffset + match.length, from.offset + from.size);
+            const int64_t newStart = match.newOffset + (start - match.oldOffset);
             const ElfImage::Segment *to = segmentHolding(newElf, newStart);
             if (start >= end || !to)
                 continue;
             end = std::min(end, start + (to->offset + to->size - newStart));
-            const quint64 oldAddress = from.address + quint64(start - from.offset);
-            const quint64 newAddress = to->address + quint64(newStart - to->offset);
-            regions.push_back({oldAddress, quint64(end - start), qint64(newAddress - oldAddress)});
+            const uint64_t oldAddress = from.address + uint64_t(start - from.offset);
+            const uint64_t newAddress = to->address + uint64_t(newStart - to->offset);
+            regions.push_back(
+                    {oldAddress, uint64_t(end - start), int64_t(newAddress - oldAddress)});
         }
     }
     // Zero-filled memory past a segment's file bytes (.bss) follows the segment's end.
@@ -79,11 +80,11 @@ std::vector<Region> regionsOf(const std::vector<Match> &matches, const ElfImage 
     for (size_t i = 0; i < std::min(oldSegments.size(), newSegments.size()); ++i) {
         const auto &from = oldSegments[i];
         const auto &to = newSegments[i];
-        if (from.memorySize > quint64(from.size))
-            regions.push_back({from.address + quint64(from.size),
-                               from.memorySize - quint64(from.size),
-                               qint64((to.address + quint64(to.size))
-                                      - (from.address + quint64(from.size)))});
+        if (from.memorySize > uint64_t(from.size))
+            regions.push_back({from.address + uint64_t(from.size),
+                               from.memorySize - uint64_t(from.size),
+                               int64_t((to.address + uint64_t(to.size))
+                                       - (from.address + uint64_t(from.size)))});
     }
     return regions;
 }
@@ -98,8 +99,8 @@ AddressMap addressMapOf(std::vector<Region> regions)
     for (Region region : regions) {
         if (!merged.empty()) {
             Region &last = merged.back();
-            const quint64 lastEnd = last.oldAddress + last.length;
-            const quint64 end = region.oldAddress + region.length;
+            const uint64_t lastEnd = last.oldAddress + last.length;
+            const uint64_t end = region.oldAddress + region.length;
             if (region.displacement == last.displacement) {
                 last.length = std::max(lastEnd, end) - last.oldAddress;
                 continue;
@@ -124,7 +125,7 @@ AddressMap addressMapOf(std::vector<Region> regions)
 QByteArray zeroRuns(const QByteArray &diff)
 {
     constexpr qsizetype shortestRun = 4;
-    QByteArray runs;
+    std::string runs;
     const qsizetype size = diff.size();
     for (qsizetype at = 0; at < size;) {
         const qsizetype zeroStart = at;
@@ -135,11 +136,11 @@ QByteArray zeroRuns(const QByteArray &diff)
         for (; at < size && gap < shortestRun; ++at)
             gap = diff.at(at) == 0 ? gap + 1 : 0;
         at -= gap;
-        appendVarint(&runs, quint64(literalStart - zeroStart));
-        appendVarint(&runs, quint64(at - literalStart));
-        runs.append(diff.constData() + literalStart, at - literalStart);
+        appendVarint(&runs, uint64_t(literalStart - zeroStart));
+        appendVarint(&runs, uint64_t(at - literalStart));
+        runs.append(diff.constData() + literalStart, size_t(at - literalStart));
     }
-    return runs;
+    return QByteArray::fromStdString(runs);
 }
 
 // The smallest dictionary that holds the largest stream, within the applier's bounds.
@@ -185,20 +186,21 @@ QByteArray makeExecutablePatch(const QByteArray &base, const QByteArray &target)
     BinaryDiff second;
     if (!diffBinary(bytesOf(projected), projected.size(), bytesOf(target), target.size(), &second))
         return {};
-    const QByteArray mapBytes = map.encode();
+    const QByteArray mapBytes = QByteArray::fromStdString(map.encode());
     if (mapBytes.size() > executablePatchMapLimit)
         return {};
     const QByteArray diffRuns = zeroRuns(second.diff);
     const int bits = dictionaryBits(std::max(
             {mapBytes.size(), second.control.size(), diffRuns.size(), second.extra.size()}));
-    QByteArray patch(executablePatchMagic, executablePatchMagicSize);
-    patch += char(bits);
+    std::string header(executablePatchMagic, executablePatchMagicSize);
+    header += char(bits);
     for (qsizetype value : {base.size(), target.size(), mapBytes.size()})
-        appendVarint(&patch, quint64(value));
+        appendVarint(&header, uint64_t(value));
     const QByteArray streams[] = {packed(mapBytes, bits), packed(second.control, bits),
                                   packed(diffRuns, bits), packed(second.extra, bits)};
     for (int i = 0; i < 3; ++i)
-        appendVarint(&patch, quint64(streams[i].size()));
+        appendVarint(&header, uint64_t(streams[i].size()));
+    QByteArray patch = QByteArray::fromStdString(header);
     for (const QByteArray &stream : streams) {
         // LZMA2 ends every stream with a marker, so even an empty one is a byte.
         if (stream.isEmpty())

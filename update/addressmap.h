@@ -1,7 +1,7 @@
 #pragma once
 
-#include <QByteArray>
-
+#include <cstdint>
+#include <string>
 #include <vector>
 
 // Where stretches of an old file's addresses lie in the new file: regions sorted by their old
@@ -11,9 +11,9 @@ class AddressMap
 public:
     struct Region
     {
-        quint64 oldAddress;
-        quint64 length;
-        qint64 displacement; // new address minus old
+        uint64_t oldAddress;
+        uint64_t length;
+        int64_t displacement; // new address minus old
     };
 
     // Regions must come sorted and apart; returns false for one that does not.
@@ -21,13 +21,13 @@ public:
     const std::vector<Region> &regions() const { return list; }
 
     // Where address lands, as a displacement; false when no region holds it.
-    bool displacementOf(quint64 address, qint64 *displacement) const;
+    bool displacementOf(uint64_t address, int64_t *displacement) const;
 
     // Compact: each region as the gap after the previous one, its length and the change of
     // displacement, in variable-length numbers.
-    QByteArray encode() const;
+    std::string encode() const;
     // False for bytes encode() would not make, or regions beyond 64-bit addresses.
-    bool decode(const QByteArray &bytes);
+    bool decode(const std::string &bytes);
 
 private:
     std::vector<Region> list;

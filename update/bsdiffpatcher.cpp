@@ -2,25 +2,28 @@
 
 #include "update/patchstream.h"
 
+#include <algorithm>
+
 namespace {
 
-constexpr qint64 outputSize = 1048576;
+constexpr int64_t outputSize = 262144;
 
 } // namespace
 
-qint64 decodeBsdiffNumber(const unsigned char *bytes)
+int64_t decodeBsdiffNumber(const unsigned char *bytes)
 {
-    quint64 magnitude = bytes[7] & 0x7f;
+    uint64_t magnitude = bytes[7] & 0x7f;
     for (int i = 6; i >= 0; --i)
         magnitude = magnitude << 8 | bytes[i];
-    return bytes[7] & 0x80 ? -qint64(magnitude) : qint64(magnitude);
+    return bytes[7] & 0x80 ? -int64_t(magnitude) : int64_t(magnitude);
 }
 
-BsdiffPatcher::BsdiffPatcher(const uchar *base, qint64 baseSize, qint64 newSize, QFile &output)
+BsdiffPatcher::BsdiffPatcher(const uint8_t *base, int64_t baseSize, int64_t newSize,
+                             PatchWriter write)
     : base(base)
     , baseSize(baseSize)
     , newSize(newSize)
-    , output(output)
+    , write(std::move(write))
     , buffer(new char[outputSize])
 {}
 
@@ -30,9 +33,9 @@ bool BsdiffPatcher::run(PatchStream &control, PatchStream &diff, PatchStream &ex
         unsigned char triple[24];
         if (!control.read(reinterpret_cast<char *>(triple), sizeof triple))
             return false;
-        const qint64 diffLength = decodeBsdiffNumber(triple);
-        const qint64 extraLength = decodeBsdiffNumber(triple + 8);
-        const qint64 seek = decodeBsdiffNumber(triple + 16);
+        const int64_t diffLength = decodeBsdiffNumber(triple);
+        const int64_t extraLength = decodeBsdiffNumber(triple + 8);
+        const int64_t seek = decodeBsdiffNumber(triple + 16);
         if (diffLength < 0 || diffLength > newSize - newPosition || !copyDiff(diff, diffLength)
             || extraLength < 0 || extraLength > newSize - newPosition
             || !copyExtra(extra, extraLength) || seek < -patchSizeLimit || seek > patchSizeLimit)
@@ -47,16 +50,16 @@ bool BsdiffPatcher::run(PatchStream &control, PatchStream &diff, PatchStream &ex
 
 // New bytes are the diff bytes plus the base bytes at the same offset; past the end of the base
 // nothing is added.
-bool BsdiffPatcher::copyDiff(PatchStream &diff, qint64 length)
+bool BsdiffPatcher::copyDiff(PatchStream &diff, int64_t length)
 {
     while (length > 0) {
-        const qint64 n = room(length);
-        auto *to = reinterpret_cast<uchar *>(buffer.get() + filled);
+        const int64_t n = room(length);
+        auto *to = reinterpret_cast<uint8_t *>(buffer.get() + filled);
         if (n < 0 || !diff.read(reinterpret_cast<char *>(to), n))
             return false;
-        const qint64 overlap = qBound(qint64(0), baseSize - basePosition, n);
-        const uchar *from = base + basePosition;
-        for (qint64 i = 0; i < overlap; ++i)
+        const int64_t overlap = std::clamp(baseSize - basePosition, int64_t(0), n);
+        const uint8_t *from = base + basePosition;
+        for (int64_t i = 0; i < overlap; ++i)
             to[i] += from[i];
         filled += n;
         newPosition += n;
@@ -66,10 +69,10 @@ bool BsdiffPatcher::copyDiff(PatchStream &diff, qint64 length)
     return true;
 }
 
-bool BsdiffPatcher::copyExtra(PatchStream &extra, qint64 length)
+bool BsdiffPatcher::copyExtra(PatchStream &extra, int64_t length)
 {
     while (length > 0) {
-        const qint64 n = room(length);
+        const int64_t n = room(length);
         if (n < 0 || !extra.read(buffer.get() + filled, n))
             return false;
         filled += n;
@@ -81,18 +84,17 @@ bool BsdiffPatcher::copyExtra(PatchStream &extra, qint64 length)
 
 // How much of wanted fits into the output buffer, after writing it out when full; -1 when that
 // failed. Patches made of many short stretches would otherwise cost a write each.
-qint64 BsdiffPatcher::room(qint64 wanted)
+int64_t BsdiffPatcher::room(int64_t wanted)
 {
     if (filled == outputSize && !flush())
         return -1;
-    return qMin(wanted, outputSize - filled);
+    return std::min(wanted, outputSize - filled);
 }
 
 bool BsdiffPatcher::flush()
 {
-    if (output.write(buffer.get(), filled) != filled)
+    if (filled > 0 && !write(buffer.get(), filled))
         return false;
-    hash.addData(buffer.get(), filled);
     filled = 0;
     return true;
 }

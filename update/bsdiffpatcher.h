@@ -1,43 +1,39 @@
 #pragma once
 
-#include "update/md5hash.h"
-
-#include <QFile>
+#include "update/patchfiles.h"
 
 #include <memory>
 
 class PatchStream;
 
 // Rebuilds a file from a base and bsdiff's three streams (control triples, diff bytes, extra
-// bytes), checking every control value against the bounds, writing and hashing the result
+// bytes), checking every control value against the bounds, handing the result to the writer
 // through a fixed buffer. The output never grows past newSize.
 class BsdiffPatcher
 {
 public:
-    BsdiffPatcher(const uchar *base, qint64 baseSize, qint64 newSize, QFile &output);
+    BsdiffPatcher(const uint8_t *base, int64_t baseSize, int64_t newSize, PatchWriter write);
 
     bool run(PatchStream &control, PatchStream &diff, PatchStream &extra);
-    QString md5() const { return hash.result(); }
 
 private:
-    bool copyDiff(PatchStream &diff, qint64 length);
-    bool copyExtra(PatchStream &extra, qint64 length);
-    qint64 room(qint64 wanted);
+    bool copyDiff(PatchStream &diff, int64_t length);
+    bool copyExtra(PatchStream &extra, int64_t length);
+    int64_t room(int64_t wanted);
     bool flush();
 
-    const uchar *base;
-    qint64 baseSize;
-    qint64 newSize;
-    QFile &output;
+    const uint8_t *base;
+    int64_t baseSize;
+    int64_t newSize;
+    PatchWriter write;
     std::unique_ptr<char[]> buffer;
-    qint64 filled = 0;
-    Md5Hash hash;
-    qint64 newPosition = 0;
-    qint64 basePosition = 0;
+    int64_t filled = 0;
+    int64_t newPosition = 0;
+    int64_t basePosition = 0;
 };
 
 // bsdiff's signed 64-bit numbers: magnitude little-endian, sign in the top bit of the last byte.
-qint64 decodeBsdiffNumber(const unsigned char *bytes);
+int64_t decodeBsdiffNumber(const unsigned char *bytes);
 
 // Larger sizes or offsets come only from a hostile patch; below this bound sums cannot overflow.
-constexpr qint64 patchSizeLimit = qint64(1) << 61;
+constexpr int64_t patchSizeLimit = int64_t(1) << 61;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QtGlobal>
+#include <cstdint>
 
 #include <vector>
 
@@ -13,18 +13,18 @@ class ElfImage
 public:
     struct Range
     {
-        qint64 offset;
-        qint64 size;
-        quint64 address;
+        int64_t offset;
+        int64_t size;
+        uint64_t address;
     };
 
     // False when data is not a little-endian ELF64 x86-64 file or a table lies outside it.
-    bool parse(const uchar *data, qint64 size);
+    bool parse(const uint8_t *data, int64_t size);
 
     // Loaded segments; size counts the bytes in the file, memorySize those in memory.
     struct Segment : Range
     {
-        quint64 memorySize;
+        uint64_t memorySize;
     };
     const std::vector<Segment> &segments() const { return loaded; }
     const std::vector<Range> &code() const { return executable; }
@@ -37,11 +37,11 @@ public:
     const Range &frameIndex() const { return frameIndexRange; }
 
     // The file offset that holds address, or -1 when it lies in no segment's file bytes.
-    qint64 offsetOf(quint64 address) const;
+    int64_t offsetOf(uint64_t address) const;
 
 private:
-    bool parseSegments(const uchar *data, qint64 size, qint64 table, int count, int entrySize);
-    bool parseSections(const uchar *data, qint64 size, qint64 table, int count, int entrySize,
+    bool parseSegments(const uint8_t *data, int64_t size, int64_t table, int count, int entrySize);
+    bool parseSections(const uint8_t *data, int64_t size, int64_t table, int count, int entrySize,
                        int names);
 
     std::vector<Segment> loaded;

@@ -4,11 +4,12 @@
 #include "update/bsdiffpatcher.h"
 #include "update/elfimage.h"
 #include "update/lzmastream.h"
+#include "update/patchstream.h"
 #include "update/referenceprojection.h"
 #include "update/varint.h"
 #include "update/zerorunstream.h"
 
-#include <QFile>
+#include <cstring>
 
 const char executablePatchMagic[executablePatchMagicSize + 1] = "ORLXDIF\x01";
 
@@ -18,74 +19,77 @@ enum Field { BaseSize, NewSize, MapSize, MapPacked, ControlPacked, DiffPacked, F
 
 struct Header
 {
-    quint32 dictionary = 0;
-    qint64 field[FieldCount] = {};
-    qint64 end = 0;
+    uint32_t dictionary = 0;
+    int64_t field[FieldCount] = {};
+    int64_t end = 0;
 };
 
-bool readHeader(QFile &patch, Header *header)
+bool readHeader(int patch, Header *header)
 {
-    const QByteArray bytes = patch.read(executablePatchMagicSize + 1 + FieldCount * 10);
-    if (!bytes.startsWith(QByteArray(executablePatchMagic, executablePatchMagicSize))
-        || bytes.size() <= executablePatchMagicSize)
+    const std::string bytes =
+            readPatchBytes(patch, 0, executablePatchMagicSize + 1 + FieldCount * 10);
+    if (bytes.size() <= executablePatchMagicSize
+        || bytes.compare(0, executablePatchMagicSize, executablePatchMagic) != 0)
         return false;
-    const int bits = bytes.at(executablePatchMagicSize);
+    const int bits = bytes[executablePatchMagicSize];
     if (bits < executablePatchMinDictionaryBits || bits > executablePatchMaxDictionaryBits)
         return false;
-    header->dictionary = quint32(1) << bits;
-    qsizetype at = executablePatchMagicSize + 1;
-    for (qint64 &value : header->field) {
-        quint64 number;
-        if (!takeVarint(bytes, &at, &number) || number >= quint64(patchSizeLimit))
+    header->dictionary = uint32_t(1) << bits;
+    size_t at = executablePatchMagicSize + 1;
+    for (int64_t &value : header->field) {
+        uint64_t number;
+        if (!takeVarint(bytes, &at, &number) || number >= uint64_t(patchSizeLimit))
             return false;
-        value = qint64(number);
+        value = int64_t(number);
     }
-    header->end = at;
+    header->end = int64_t(at);
     return true;
+}
+
+// The map's stream lies in [header.end, end) of the patch.
+bool readMap(int patch, const Header &header, int64_t end, AddressMap *map)
+{
+    LzmaStream stream(patch, header.end, end, header.dictionary);
+    std::string bytes(size_t(header.field[MapSize]), '\0');
+    return stream.read(bytes.data(), int64_t(bytes.size())) && stream.atEnd() && map->decode(bytes);
 }
 
 } // namespace
 
-bool isExecutablePatch(const QByteArray &start)
+bool isExecutablePatch(const char *start, size_t size)
 {
     // Every version shares the first bytes, so that an unknown version is refused, not taken
     // for bsdiff's.
-    return start.startsWith(QByteArray(executablePatchMagic, executablePatchMagicSize - 1));
+    return size >= executablePatchMagicSize - 1
+           && std::memcmp(start, executablePatchMagic, executablePatchMagicSize - 1) == 0;
 }
 
-bool applyExecutablePatch(QFile &output, QFile &base, QFile &patch, QString *md5,
-                          qint64 expectedSize)
+bool applyExecutablePatch(const PatchFiles &files)
 {
     Header header;
-    if (!readHeader(patch, &header))
+    if (!readHeader(files.patch, &header))
         return false;
-    const qint64 *field = header.field;
-    const qint64 baseSize = field[BaseSize];
-    const qint64 controlStart = header.end + field[MapPacked];
-    const qint64 diffStart = controlStart + field[ControlPacked];
-    const qint64 extraStart = diffStart + field[DiffPacked];
-    if (baseSize != base.size() || (expectedSize >= 0 && field[NewSize] != expectedSize)
-        || field[MapSize] > executablePatchMapLimit || extraStart > patch.size())
+    const int64_t *field = header.field;
+    const int64_t baseSize = field[BaseSize];
+    const int64_t controlStart = header.end + field[MapPacked];
+    const int64_t diffStart = controlStart + field[ControlPacked];
+    const int64_t extraStart = diffStart + field[DiffPacked];
+    if (baseSize != files.baseSize
+        || (files.expectedSize >= 0 && field[NewSize] != files.expectedSize)
+        || field[MapSize] > executablePatchMapLimit || extraStart > files.patchSize)
         return false;
 
-    const QString path = patch.fileName();
-    LzmaStream mapStream(path, header.end, controlStart, header.dictionary);
-    QByteArray mapBytes(field[MapSize], Qt::Uninitialized);
     AddressMap map;
     ElfImage elf;
-    // A private mapping: the projection writes to the base's pages, never to the file.
-    uchar *image = baseSize > 0 ? base.map(0, baseSize, QFileDevice::MapPrivateOption) : nullptr;
-    if (!mapStream.read(mapBytes.data(), mapBytes.size()) || !mapStream.atEnd()
-        || !map.decode(mapBytes) || !image || !elf.parse(image, baseSize))
+    if (!readMap(files.patch, header, controlStart, &map) || !files.base
+        || !elf.parse(files.base, baseSize))
         return false;
-    projectReferences(image, baseSize, elf, map);
-    LzmaStream control(path, controlStart, diffStart, header.dictionary);
-    LzmaStream packedDiff(path, diffStart, extraStart, header.dictionary);
+    // The projection writes to the base's pages, which are this process's own.
+    projectReferences(files.base, baseSize, elf, map);
+    LzmaStream control(files.patch, controlStart, diffStart, header.dictionary);
+    LzmaStream packedDiff(files.patch, diffStart, extraStart, header.dictionary);
     ZeroRunStream diff(packedDiff);
-    LzmaStream extra(path, extraStart, patch.size(), header.dictionary);
-    BsdiffPatcher patcher(image, baseSize, field[NewSize], output);
-    if (!patcher.run(control, diff, extra))
-        return false;
-    *md5 = patcher.md5();
-    return true;
+    LzmaStream extra(files.patch, extraStart, files.patchSize, header.dictionary);
+    return BsdiffPatcher(files.base, baseSize, field[NewSize], files.write)
+            .run(control, diff, extra);
 }

@@ -1,8 +1,8 @@
 #pragma once
 
-#include <QByteArray>
+#include "update/patchfiles.h"
 
-class QFile;
+#include <cstddef>
 
 // Our patch format for ELF x86-64 files: magic and version; the log2 of the LZMA2 dictionary
 // size; six varints: base size, new size, unpacked and packed size of the address map, packed
@@ -15,12 +15,10 @@ extern const char executablePatchMagic[executablePatchMagicSize + 1];
 constexpr int executablePatchMinDictionaryBits = 12;
 constexpr int executablePatchMaxDictionaryBits = 24;
 // Larger maps come only from a hostile patch.
-constexpr qint64 executablePatchMapLimit = qint64(64) << 20;
+constexpr int64_t executablePatchMapLimit = int64_t(64) << 20;
 
-bool isExecutablePatch(const QByteArray &start);
+bool isExecutablePatch(const char *start, size_t size);
 
-// Applies patch to base, writing output and its MD5 as applyBinaryPatch does, with the same
-// checks: a patch not made for a base of this size, or for another size than expectedSize (when
-// not negative), fails before anything is written.
-bool applyExecutablePatch(QFile &output, QFile &base, QFile &patch, QString *md5,
-                          qint64 expectedSize);
+// Applies the patch to the base with the checks of the bsdiff applier: a patch not made for a
+// base of this size, or for another size than the expected one, fails before anything is written.
+bool applyExecutablePatch(const PatchFiles &files);

@@ -1,8 +1,10 @@
 #include "update/instructionscanner.h"
 
+#include <initializer_list>
+
 namespace {
 
-enum Operands : quint8 {
+enum Operands : uint8_t {
     None = 0,
     ModRm = 1,
     Byte = 2,     // an 8-bit immediate
@@ -15,8 +17,8 @@ enum Operands : quint8 {
 
 struct OpcodeTable
 {
-    quint8 single[256];
-    quint8 escaped[256]; // after 0x0F
+    uint8_t single[256];
+    uint8_t escaped[256]; // after 0x0F
     constexpr OpcodeTable()
         : single()
         , escaped()
@@ -77,7 +79,8 @@ InstructionScanner::InstructionScanner()
     ZydisDecoderEnableMode(&decoder, ZYDIS_DECODER_MODE_MINIMAL, ZYAN_TRUE);
 }
 
-bool InstructionScanner::decode(const uchar *code, qint64 available, Instruction *instruction) const
+bool InstructionScanner::decode(const uint8_t *code, int64_t available,
+                                Instruction *instruction) const
 {
     if (decodeCommon(code, available, instruction))
         return true;
@@ -98,10 +101,10 @@ bool InstructionScanner::decode(const uchar *code, qint64 available, Instruction
 // An optional operand-size prefix, an optional REX prefix, a one-byte or 0x0F opcode of the
 // table, then ModRM, SIB, displacement and immediate as the opcode has them. Anything else is
 // left to the full decoder.
-bool InstructionScanner::decodeCommon(const uchar *code, qint64 available,
+bool InstructionScanner::decodeCommon(const uint8_t *code, int64_t available,
                                       Instruction *instruction) const
 {
-    qint64 at = 0;
+    int64_t at = 0;
     const bool operand16 = available > 0 && code[0] == 0x66;
     at += operand16;
     bool wide = false;
@@ -111,14 +114,14 @@ bool InstructionScanner::decodeCommon(const uchar *code, qint64 available,
     }
     if (available - at < 2)
         return false;
-    quint8 operands = opcodes.single[code[at]];
+    uint8_t operands = opcodes.single[code[at]];
     if (code[at] == 0x0f)
         operands = opcodes.escaped[code[++at]];
     ++at;
     if ((operands & Unknown) || (operand16 && (operands & Relative)))
         return false;
     instruction->relative = -1;
-    qint64 immediate = operands & Byte ? 1 : 0;
+    int64_t immediate = operands & Byte ? 1 : 0;
     if (operands & Full)
         immediate = operand16 ? 2 : (wide && (operands & Move)) ? 8 : 4;
     if (operands & Relative) {
@@ -128,7 +131,7 @@ bool InstructionScanner::decodeCommon(const uchar *code, qint64 available,
     if (operands & ModRm) {
         if (at >= available)
             return false;
-        const uchar modrm = code[at++];
+        const uint8_t modrm = code[at++];
         const int mod = modrm >> 6;
         const int rm = modrm & 7;
         if ((operands & Test) && ((modrm >> 3) & 7) > 1)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QtGlobal>
+#include <cstdint>
 
 #include <Zydis/Decoder.h>
 
@@ -19,10 +19,10 @@ public:
 
     InstructionScanner();
     // False when the bytes hold no valid instruction.
-    bool decode(const uchar *code, qint64 available, Instruction *instruction) const;
+    bool decode(const uint8_t *code, int64_t available, Instruction *instruction) const;
 
 private:
-    bool decodeCommon(const uchar *code, qint64 available, Instruction *instruction) const;
+    bool decodeCommon(const uint8_t *code, int64_t available, Instruction *instruction) const;
 
     ZydisDecoder decoder;
 };

@@ -13,7 +13,7 @@
 namespace {
 
 template<typename T>
-T readAt(const uchar *data)
+T readAt(const uint8_t *data)
 {
     T value;
     std::memcpy(&value, data, sizeof value);
@@ -21,7 +21,7 @@ T readAt(const uchar *data)
 }
 
 template<typename T>
-void writeAt(uchar *data, T value)
+void writeAt(uint8_t *data, T value)
 {
     std::memcpy(data, &value, sizeof value);
 }
@@ -29,7 +29,7 @@ void writeAt(uchar *data, T value)
 class Projector
 {
 public:
-    Projector(uchar *data, qint64 size, const ElfImage &elf, const AddressMap &map)
+    Projector(uint8_t *data, int64_t size, const ElfImage &elf, const AddressMap &map)
         : data(data)
         , size(size)
         , elf(elf)
@@ -45,11 +45,11 @@ public:
 private:
     // A signed 32-bit offset at offset from address from (for rel32 operands: the end of their
     // instruction).
-    void moveRelative(qint64 offset, quint64 from);
-    void moveAddress(uchar *at);
+    void moveRelative(int64_t offset, uint64_t from);
+    void moveAddress(uint8_t *at);
 
-    uchar *data;
-    qint64 size;
+    uint8_t *data;
+    int64_t size;
     const ElfImage &elf;
     const AddressMap &map;
     InstructionScanner scanner;
@@ -58,8 +58,8 @@ private:
 void Projector::sweep(const ElfImage::Range &code)
 {
     InstructionScanner::Instruction instruction;
-    for (qint64 at = 0; at < code.size;) {
-        const qint64 offset = code.offset + at;
+    for (int64_t at = 0; at < code.size;) {
+        const int64_t offset = code.offset + at;
         // Bytes that do not decode (data in code, padding) are stepped over one at a time.
         if (!scanner.decode(data + offset, code.size - at, &instruction)) {
             ++at;
@@ -67,36 +67,37 @@ void Projector::sweep(const ElfImage::Range &code)
         }
         if (instruction.relative >= 0)
             moveRelative(offset + instruction.relative,
-                         code.address + quint64(at) + quint64(instruction.length));
+                         code.address + uint64_t(at) + uint64_t(instruction.length));
         at += instruction.length;
     }
 }
 
-void Projector::moveRelative(qint64 offset, quint64 from)
+void Projector::moveRelative(int64_t offset, uint64_t from)
 {
-    const auto value = readAt<qint32>(data + offset);
-    qint64 start, end;
+    const auto value = readAt<int32_t>(data + offset);
+    int64_t start, end;
     if (!map.displacementOf(from, &start)
-        || !map.displacementOf(from + quint64(qint64(value)), &end))
+        || !map.displacementOf(from + uint64_t(int64_t(value)), &end))
         return;
-    const qint64 moved = qint64(value) + end - start;
-    if (moved >= std::numeric_limits<qint32>::min() && moved <= std::numeric_limits<qint32>::max())
-        writeAt(data + offset, qint32(moved));
+    const int64_t moved = int64_t(value) + end - start;
+    if (moved >= std::numeric_limits<int32_t>::min()
+        && moved <= std::numeric_limits<int32_t>::max())
+        writeAt(data + offset, int32_t(moved));
 }
 
-void Projector::moveAddress(uchar *at)
+void Projector::moveAddress(uint8_t *at)
 {
-    const auto address = readAt<quint64>(at);
-    qint64 displacement;
+    const auto address = readAt<uint64_t>(at);
+    int64_t displacement;
     if (address != 0 && map.displacementOf(address, &displacement))
-        writeAt(at, address + quint64(displacement));
+        writeAt(at, address + uint64_t(displacement));
 }
 
 void Projector::relocate(const ElfImage::Range &table)
 {
-    for (qint64 at = table.offset; at < table.offset + table.size; at += sizeof(Elf64_Rela)) {
+    for (int64_t at = table.offset; at < table.offset + table.size; at += sizeof(Elf64_Rela)) {
         const auto relocation = readAt<Elf64_Rela>(data + at);
-        const qint64 place = elf.offsetOf(relocation.r_offset);
+        const int64_t place = elf.offsetOf(relocation.r_offset);
         if (place >= 0 && place <= size - 8)
             moveAddress(data + place);
         moveAddress(data + at + offsetof(Elf64_Rela, r_offset));
@@ -108,7 +109,7 @@ void Projector::relocate(const ElfImage::Range &table)
 
 void Projector::moveSymbols(const ElfImage::Range &table)
 {
-    for (qint64 at = table.offset; at < table.offset + table.size; at += sizeof(Elf64_Sym))
+    for (int64_t at = table.offset; at < table.offset + table.size; at += sizeof(Elf64_Sym))
         moveAddress(data + at + offsetof(Elf64_Sym, st_value));
 }
 
@@ -117,14 +118,14 @@ void Projector::moveSymbols(const ElfImage::Range &table)
 // address rarely lands in the map, and the projection only has to be repeatable.
 void Projector::moveFrames(const ElfImage::Range &frames)
 {
-    for (qint64 at = 0; frames.size - at >= 12;) {
-        const auto length = readAt<quint32>(data + frames.offset + at);
+    for (int64_t at = 0; frames.size - at >= 12;) {
+        const auto length = readAt<uint32_t>(data + frames.offset + at);
         // A zero length ends the table; 64-bit lengths do not occur on x86-64 in practice.
-        if (length == 0 || length == 0xffffffff || length > quint64(frames.size - at - 4))
+        if (length == 0 || length == 0xffffffff || length > uint64_t(frames.size - at - 4))
             return;
-        if (length >= 8 && readAt<quint32>(data + frames.offset + at + 4) != 0)
-            moveRelative(frames.offset + at + 8, frames.address + quint64(at) + 8);
-        at += 4 + qint64(length);
+        if (length >= 8 && readAt<uint32_t>(data + frames.offset + at + 4) != 0)
+            moveRelative(frames.offset + at + 8, frames.address + uint64_t(at) + 8);
+        at += 4 + int64_t(length);
     }
 }
 
@@ -132,20 +133,21 @@ void Projector::moveFrames(const ElfImage::Range &frames)
 // index's own start, in the encoding that linkers write.
 void Projector::moveFrameIndex(const ElfImage::Range &index)
 {
-    const uchar *header = data + index.offset;
-    constexpr uchar relativeToField = 0x1b, unsigned4 = 0x03, relativeToIndex = 0x3b;
+    const uint8_t *header = data + index.offset;
+    constexpr uint8_t relativeToField = 0x1b, unsigned4 = 0x03, relativeToIndex = 0x3b;
     if (index.size < 12 || header[0] != 1 || header[1] != relativeToField || header[2] != unsigned4
         || header[3] != relativeToIndex)
         return;
     moveRelative(index.offset + 4, index.address + 4);
-    const quint64 count = qMin(quint64(readAt<quint32>(header + 8)), quint64(index.size - 12) / 8);
-    for (quint64 i = 0; i < 2 * count; ++i)
-        moveRelative(index.offset + 12 + qint64(4 * i), index.address);
+    const uint64_t count =
+            std::min(uint64_t(readAt<uint32_t>(header + 8)), uint64_t(index.size - 12) / 8);
+    for (uint64_t i = 0; i < 2 * count; ++i)
+        moveRelative(index.offset + 12 + int64_t(4 * i), index.address);
 }
 
 } // namespace
 
-void projectReferences(uchar *data, qint64 size, const ElfImage &elf, const AddressMap &map)
+void projectReferences(uint8_t *data, int64_t size, const ElfImage &elf, const AddressMap &map)
 {
     // Nothing moved, nothing to rewrite: files that barely changed skip the sweep.
     if (std::all_of(map.regions().begin(), map.regions().end(),

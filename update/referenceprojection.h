@@ -1,6 +1,6 @@
 #pragma once
 
-#include <QtGlobal>
+#include <cstdint>
 
 class AddressMap;
 class ElfImage;
@@ -12,4 +12,4 @@ class ElfImage;
 // symbol values, and the function addresses of the unwind tables.
 // Both the differ and the applier run this on the base, so it must stay deterministic: the same
 // bytes and map give the same result, whatever the data.
-void projectReferences(uchar *data, qint64 size, const ElfImage &elf, const AddressMap &map);
+void projectReferences(uint8_t *data, int64_t size, const ElfImage &elf, const AddressMap &map);

@@ -1,8 +1,9 @@
 #include "update/zerorunstream.h"
 
+#include <algorithm>
 #include <cstring>
 
-bool ZeroRunStream::read(char *data, qint64 length)
+bool ZeroRunStream::read(char *data, int64_t length)
 {
     while (length > 0) {
         // An empty pair would never end; only a hostile stream holds one.
@@ -10,13 +11,13 @@ bool ZeroRunStream::read(char *data, qint64 length)
             && (!takeVarint(&zeros) || !takeVarint(&literals) || (zeros == 0 && literals == 0)))
             return false;
         const bool zero = zeros > 0;
-        quint64 &run = zero ? zeros : literals;
-        const qint64 n = qint64(qMin(run, quint64(length)));
+        uint64_t &run = zero ? zeros : literals;
+        const int64_t n = int64_t(std::min(run, uint64_t(length)));
         if (zero)
             std::memset(data, 0, size_t(n));
         else if (!packed.read(data, n))
             return false;
-        run -= quint64(n);
+        run -= uint64_t(n);
         data += n;
         length -= n;
     }
@@ -28,15 +29,15 @@ bool ZeroRunStream::atEnd()
     return zeros == 0 && literals == 0 && packed.atEnd();
 }
 
-bool ZeroRunStream::takeVarint(quint64 *value)
+bool ZeroRunStream::takeVarint(uint64_t *value)
 {
     *value = 0;
     for (int shift = 0; shift < 63; shift += 7) {
         char byte;
         if (!packed.read(&byte, 1))
             return false;
-        *value |= quint64(uchar(byte) & 0x7f) << shift;
-        if (uchar(byte) < 0x80)
+        *value |= uint64_t(uint8_t(byte) & 0x7f) << shift;
+        if (uint8_t(byte) < 0x80)
             return true;
     }
     return false;

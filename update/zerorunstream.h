@@ -12,13 +12,13 @@ public:
         : packed(packed)
     {}
 
-    bool read(char *data, qint64 length) override;
+    bool read(char *data, int64_t length) override;
     bool atEnd() override;
 
 private:
-    bool takeVarint(quint64 *value);
+    bool takeVarint(uint64_t *value);
 
     PatchStream &packed;
-    quint64 zeros = 0;
-    quint64 literals = 0;
+    uint64_t zeros = 0;
+    uint64_t literals = 0;
 };

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     case 4: {
         // A patch's address map, and a base whose references move under a map that holds them.
         AddressMap map;
-        map.decode(input);
+        map.decode(input.toStdString());
         static const AddressMap shift = [] {
             AddressMap all;
             all.append({0, quint64(1) << 40, 16});
@@ -46,8 +46,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }();
         QByteArray image = input;
         ElfImage elf;
-        if (elf.parse(reinterpret_cast<const uchar *>(image.constData()), image.size()))
-            projectReferences(reinterpret_cast<uchar *>(image.data()), image.size(), elf, shift);
+        if (elf.parse(reinterpret_cast<const uint8_t *>(image.constData()), image.size()))
+            projectReferences(reinterpret_cast<uint8_t *>(image.data()), image.size(), elf, shift);
         break;
     }
     default: {
