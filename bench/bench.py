@@ -286,7 +286,7 @@ def measure(command, rnd, cwd=None, env=None, stamps=(), launcher=()):
     def read_stderr():
         for raw in process.stderr:
             line = raw.decode(errors="replace").rstrip("\n")
-            lines.append(line)
+            lines.append("%8.3f %s" % (time.monotonic() - start, line))
             for stamp in stamps:
                 if stamp not in seen and line.startswith(stamp):
                     seen[stamp] = time.monotonic() - start

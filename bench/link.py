@@ -360,6 +360,7 @@ class LinkContext(bench.Context):
     link: Link = None
     publisher: str = None
     baseline: str = None
+    contenders: str = None
 
 
 def run_update(ctx, update, rounds):
@@ -560,6 +561,8 @@ def link_contenders(ctx, launcher, links, entries, https):
 
 
 def time_contenders(ctx, label, contenders, rounds, release_files, links):
+    if ctx.contenders:
+        contenders = [(n, f) for n, f in contenders if re.fullmatch(ctx.contenders, n)]
     results = {name: [] for name, _ in contenders}
     runs = ctx.work / "runs"
     runs.mkdir(exist_ok=True)
@@ -575,6 +578,9 @@ def time_contenders(ctx, label, contenders, rounds, release_files, links):
             results[name].append(result)
             log("%-28s %-32s round %d: %6.2f s, %6.2f MB" % (label, name, r + 1, result.seconds,
                                                             result.received / 1e6))
+            logs = ctx.work / "logs"
+            logs.mkdir(exist_ok=True)
+            shutil.copy2(rnd.dir / "stderr.log", logs / (rnd.dir.name + ".log"))
             rnd.remove()
     return results
 
@@ -586,7 +592,7 @@ def many_case(ctx, namespace, root, args, tls, bundle):
     size = sum(e.size for e in entries)
     tables = []
     for delay in args.delays:
-        for https in (True, False):
+        for https in (s == "https" for s in args.many_schemes.split(",")):
             link = Link(root / "mirror", ctx.work / "nginx-many", namespace, delay,
                         tls=tls if https else None)
             try:
@@ -712,6 +718,10 @@ def parse_arguments():
                         help="an earlier update binary, timed beside this one in many")
     parser.add_argument("--many-delays", default="20,50",
                         help="ms held in each direction for the many and mirrors workloads")
+    parser.add_argument("--many-schemes", default="https,http",
+                        help="which of the many workload's mirrors to time")
+    parser.add_argument("--contenders",
+                        help="time only the contenders whose name this regular expression matches")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
     parser.add_argument("--keep", action="store_true",
                         help="keep the published releases in --work for the next run")
@@ -785,7 +795,7 @@ def main():
         ctx = LinkContext(Path(update_bin).resolve(), work, launcher=namespace.launcher,
                           link=link, publisher=publisher,
                           baseline=str(args.baseline_update.resolve()) if args.baseline_update
-                          else None)
+                          else None, contenders=args.contenders)
         if update:
             results = run_update(ctx, update, args.rounds)
         if "many" in names:

@@ -12,11 +12,15 @@
 #include <QTimer>
 #include <QUrl>
 
+#include <algorithm>
+#include <numeric>
+
 namespace {
 
 // Over HTTP/2 a stream costs a request, not a connection: this many keep a far-away mirror's
-// pipe full of small files. Well below what servers allow on one connection (nginx: 128).
-constexpr int requestsInFlightPerMirror = 64;
+// pipe full of small files. Spread over the transport's connections to a server, each stays well
+// below what servers allow on one (nginx: 128).
+constexpr int requestsInFlightPerMirror = 128;
 // A transfer is judged by its speed only after this long.
 constexpr qint64 settleMs = 1000;
 // Taking a file over costs a request; below this gain it is not worth it.
@@ -149,9 +153,37 @@ int FTPProductDownloadSession::getNextFileIndex()
     return -1;
 }
 
+// The largest files first where many requests share a connection: they keep the link full while
+// the small ones are asked for, and the run does not end waiting on one large file.
+int FTPProductDownloadSession::getLargestFileIndex()
+{
+    if (largestFirst.empty()) {
+        largestFirst.resize(task.getSize());
+        std::iota(largestFirst.begin(), largestFirst.end(), 0);
+        std::stable_sort(largestFirst.begin(), largestFirst.end(), [this](int a, int b) {
+            quint64 sizeA = 0;
+            quint64 sizeB = 0;
+            task.get(a, nullptr, nullptr, nullptr, &sizeA);
+            task.get(b, nullptr, nullptr, nullptr, &sizeB);
+            return sizeA > sizeB;
+        });
+    }
+    const unsigned int marks =
+            FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
+    for (int i : largestFirst) {
+        const unsigned int flags = task.getFlags(i);
+        if ((flags & marks) == 0) {
+            task.setFlags(i, flags | FileSpecification::Pending);
+            return i;
+        }
+    }
+    return -1;
+}
+
 bool FTPProductDownloadSession::assignNextFile(int s)
 {
-    const int i = getNextFileIndex();
+    const SingleFileDownloadStream *stream = streams[s]->stream;
+    const int i = stream && stream->isMultiplexed() ? getLargestFileIndex() : getNextFileIndex();
     if (i < 0) {
         if (takeOverSlowFile(s))
             return true;
@@ -530,6 +562,7 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
         return false;
     // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
+    largestFirst.clear();
     if (!task.initializeByProductIni(listPath) || task.getSize() == 0)
         return false;
     // A signed manifest vouches for every file of the list, or for none.
@@ -670,6 +703,7 @@ void FTPProductDownloadSession::fetchWhole(int s, const QString &why)
 bool FTPProductDownloadSession::createInitialFileList(const QString &path)
 {
     task = TaskState();
+    largestFirst.clear();
     task.initializeByProductIni(path);
     return task.getSize() > 0;
 }

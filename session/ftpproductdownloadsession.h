@@ -78,6 +78,7 @@ private:
     void connectStreamToMirror(int s, int m);
     int getNextMirror(int stream);
     int getNextFileIndex();
+    int getLargestFileIndex();
     bool assignNextFile(int s);
     bool startFile(int s, int i);
     void shutDownStream(int s);
@@ -117,6 +118,8 @@ private:
     TaskState task;
     ReleaseFetch releaseFetch;
     PatchPlan patches;
+    // The task's files by size, largest first; made when first asked for.
+    std::vector<int> largestFirst;
     QTimer takeoverTimer;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
