@@ -331,15 +331,6 @@ QString SingleFileDownloadStream::prepareFile(const QString &remotePath, const Q
     this->size = size;
     done = 0;
 
-    const qsizetype slash = localPath.lastIndexOf(QLatin1Char('/'));
-    if (slash >= 0) {
-        const QString directory = localPath.left(slash);
-        if (!QDir().mkpath(directory)) {
-            emit fileError(DownloadStream_LocalFileError,
-                           QStringLiteral("ERROR: failed creating subdirectory: ") + directory);
-            return {};
-        }
-    }
     if (!openFile())
         return {};
     QString request = url.path();
@@ -359,8 +350,22 @@ bool SingleFileDownloadStream::openFile()
         return true;
     }
     // Unbuffered: the transport hands over large blocks, and they go to the disk as they come.
-    if (file->open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered))
+    constexpr QIODevice::OpenMode mode =
+            QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered;
+    if (file->open(mode))
         return true;
+    // The directory is made when the file needs it: most files go where one was made already.
+    const QString directory = QFileInfo(localPath).path();
+    if (!QFileInfo(directory).isDir()) {
+        if (!QDir().mkpath(directory)) {
+            file.reset();
+            emit fileError(DownloadStream_LocalFileError,
+                           QStringLiteral("ERROR: failed creating subdirectory: ") + directory);
+            return false;
+        }
+        if (file->open(mode))
+            return true;
+    }
     const QString reason = file->errorString();
     file.reset();
     emit fileError(DownloadStream_LocalFileError,

@@ -70,7 +70,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     quint64 done = 0;
     emit progress(done, total);
 
-    stagingDirectories.clear();
+    madeDirectories.clear();
     stagedFiles.clear();
     bool partial = false;
     const QDir source(sourceDir);
@@ -115,6 +115,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         if (answer == InstallAnswer::Retry)
             continue;
         if (stagedWell) {
+            if (form.isPacked())
+                keepUnpacked(entry, sourceDir, sourcePath, staged);
             journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()),
                               targetStatus.exists);
         } else if (downloaded) {
@@ -171,7 +173,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     };
 
     errno = 0;
-    if (!makeStagingDirectory(parentPath(staged))) {
+    if (!makeDirectory(parentPath(staged))) {
         fail(QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(staged)), true);
         return error;
     }
@@ -221,14 +223,29 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     return error;
 }
 
-bool DirectoryUpdate::makeStagingDirectory(const QString &path)
+bool DirectoryUpdate::makeDirectory(const QString &path)
 {
-    if (stagingDirectories.contains(path))
+    if (madeDirectories.contains(path))
         return true;
     if (!QDir().mkpath(path))
         return false;
-    stagingDirectories.insert(path);
+    madeDirectories.insert(path);
     return true;
+}
+
+// The working directory keeps a staged packed file as what it unpacked to: a link to the staged
+// file, where a file made from a patch is kept. A switch that fails still resumes without
+// fetching it, and the packed download, gone before the flush, never reaches the disk, so
+// removing the working directory frees no blocks (with online discard each freed extent costs
+// a round trip to the disk). Across file systems the download stays as it is.
+void DirectoryUpdate::keepUnpacked(const FileSpecification &entry, const QString &sourceDir,
+                                   const QString &download, const QString &staged)
+{
+    const QString kept = entry.patchedPath(sourceDir);
+    if (!makeDirectory(parentPath(kept)) || !removeFile(kept))
+        return;
+    if (linkFile(staged, kept))
+        removeFile(download);
 }
 
 DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesFiles,

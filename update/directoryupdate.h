@@ -57,12 +57,14 @@ private:
     QString stageFile(const FileSpecification &entry, const QString &source,
                       const PathStatus &sourceStatus, const QString &staged, const QString &target,
                       const PathStatus &installed);
-    // Staging is this run's own: a directory made once stays.
-    bool makeStagingDirectory(const QString &path);
+    // Staging and the working directory are this run's own: a directory made once stays.
+    bool makeDirectory(const QString &path);
+    void keepUnpacked(const FileSpecification &entry, const QString &sourceDir,
+                      const QString &download, const QString &staged);
     // Abort when silent: an unattended run never installs a version with holes.
     InstallAnswer ask(bool silent, const QString &text) const;
 
     InstallQuestion question;
-    QSet<QString> stagingDirectories;
+    QSet<QString> madeDirectories;
     QSet<QString> stagedFiles;
 };

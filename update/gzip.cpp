@@ -6,6 +6,7 @@
 
 #include <limits>
 
+#include <unistd.h>
 #include <zlib.h>
 
 namespace {
@@ -27,11 +28,11 @@ bool failAndRemove(gzFile gzip, QFile &output)
     return false;
 }
 
-// Unpacks source into destination, adding what it writes to hash, up to limit bytes.
-bool unpack(const QString &destination, const QString &source, Md5Hash *hash, qint64 limit)
+// Unpacks gzip, which it closes, into destination, adding what it writes to hash, up to limit
+// bytes. The source is opened first: one that cannot be read must not cost the destination
+// anything.
+bool unpack(const QString &destination, gzFile gzip, Md5Hash *hash, qint64 limit)
 {
-    // The source first: one that cannot be read must not cost the destination anything.
-    gzFile gzip = openGzip(source, "rb");
     if (!gzip)
         return false;
     QFile output(destination);
@@ -73,7 +74,19 @@ bool unpack(const QString &destination, const QString &source, Md5Hash *hash, qi
 bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5, qint64 limit)
 {
     Md5Hash hash;
-    if (!unpack(destination, source, &hash, limit))
+    if (!unpack(destination, openGzip(source, "rb"), &hash, limit))
+        return false;
+    *md5 = hash.result();
+    return true;
+}
+
+bool unzipDescriptorWithMD5(const QString &destination, int source, QString *md5, qint64 limit)
+{
+    gzFile gzip = gzdopen(source, "rb");
+    if (!gzip)
+        ::close(source);
+    Md5Hash hash;
+    if (!unpack(destination, gzip, &hash, limit))
         return false;
     *md5 = hash.result();
     return true;

@@ -12,5 +12,8 @@
 // negative, no more than limit bytes are written: the rest is never unpacked.
 bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5,
                       qint64 limit = -1);
+// The same from a descriptor open for reading at the start of the data, which it closes.
+bool unzipDescriptorWithMD5(const QString &destination, int source, QString *md5,
+                            qint64 limit = -1);
 // Packs source into destination at the highest compression level.
 bool zipFile(const QString &source, const QString &destination);

@@ -6,6 +6,9 @@
 
 #include <QFile>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace {
 
 const QByteArray gzipMagic("\x1f\x8b", 2);
@@ -26,14 +29,24 @@ QByteArray head(const QString &path, bool *ok)
 
 } // namespace
 
+// Opened once: the first bytes tell the format, and the unpacker reads from the start.
 bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5,
                        qint64 limit)
 {
-    bool readable = false;
-    if (!head(source, &readable).startsWith(zstdMagic))
-        return unzipFileWithMD5(destination, source, md5, limit);
+    const int descriptor = ::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    QByteArray magic(zstdMagic.size(), Qt::Uninitialized);
+    if (::pread(descriptor, magic.data(), size_t(magic.size()), 0) != magic.size()
+        || magic != zstdMagic)
+        return unzipDescriptorWithMD5(destination, descriptor, md5, limit);
+    QFile input;
+    if (!input.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
+        ::close(descriptor);
+        return false;
+    }
     Md5Hash hash;
-    if (!unzstdFile(destination, source, &hash, limit))
+    if (!unzstdFile(destination, input, &hash, limit))
         return false;
     *md5 = hash.result();
     return true;

@@ -30,11 +30,14 @@ bool failAndRemove(QFile &output)
     return false;
 }
 
+bool openOutput(QFile &output)
+{
+    return output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered);
+}
+
 bool openPair(QFile &input, QFile &output)
 {
-    if (!input.open(QIODevice::ReadOnly))
-        return false;
-    return output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered);
+    return input.open(QIODevice::ReadOnly) && openOutput(output);
 }
 
 bool closeOutput(QFile &output)
@@ -51,8 +54,13 @@ bool closeOutput(QFile &output)
 bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash, qint64 limit)
 {
     QFile input(source);
+    return input.open(QIODevice::ReadOnly) && unzstdFile(destination, input, hash, limit);
+}
+
+bool unzstdFile(const QString &destination, QFile &input, Md5Hash *hash, qint64 limit)
+{
     QFile output(destination);
-    if (!openPair(input, output))
+    if (!openOutput(output))
         return false;
     const std::unique_ptr<ZSTD_DCtx, DContextFree> context(ZSTD_createDCtx());
     const std::unique_ptr<char[]> inBuffer(new char[blockSize]);

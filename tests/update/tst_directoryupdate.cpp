@@ -137,9 +137,12 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QCOMPARE(readTestFile(target("lib/made.so")), "made");
     for (const char *path : {"plugins/old.so", "notdownloaded.bin", ".update-staging"})
         QVERIFY(!QFileInfo::exists(target(path)));
-    // Downloads stay until the run removes its working directory: a failed switch resumes there.
-    QVERIFY(QFileInfo(source("data/sound.wav.gz")).isFile());
+    // Downloads stay until the run removes its working directory, so that a failed switch
+    // resumes there; a packed one as what it unpacked to, where a file made from a patch lies.
     QVERIFY(QFileInfo(source("bin/readme.txt")).isFile());
+    QVERIFY(!QFileInfo::exists(source("data/sound.wav.gz")));
+    QCOMPARE(readTestFile(source(".patched/sounds/ring tone.wav")), patternBytes(100000, 1));
+    QCOMPARE(readTestFile(source(".patched/voice.bin")), patternBytes(300000, 2));
     // The "delete" group goes during the switch, not before anything is staged.
     QCOMPARE(log,
              (QStringList{"Update content", "Copy/unpack files...", "Switch to the new version...",
