@@ -18,9 +18,8 @@
 namespace {
 
 // Over HTTP/2 a stream costs a request, not a connection: this many keep a far-away mirror's
-// pipe full of small files. Spread over the transport's connections to a server, each stays well
-// below what servers allow on one (nginx: 128).
-constexpr int requestsInFlightPerMirror = 128;
+// pipe full of small files. Well below what servers allow on one connection (nginx: 128).
+constexpr int requestsInFlightPerMirror = 64;
 // A transfer is judged by its speed only after this long.
 constexpr qint64 settleMs = 1000;
 // Taking a file over costs a request; below this gain it is not worth it.

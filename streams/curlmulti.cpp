@@ -4,20 +4,9 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
-// On a far link one TCP connection slows down at every lost packet and carries all requests
-// through the same queue; two, each multiplexed, keep the link full where one leaves it idle.
-constexpr int connectionsPerServer = 2;
-
-} // namespace
-
 std::shared_ptr<CurlMulti> CurlMulti::shared()
 {
-    static std::weak_ptr<CurlMulti> instances[connectionsPerServer];
-    static int next = 0;
-    std::weak_ptr<CurlMulti> &instance = instances[next];
-    next = (next + 1) % connectionsPerServer;
+    static std::weak_ptr<CurlMulti> instance;
     std::shared_ptr<CurlMulti> multi = instance.lock();
     if (!multi) {
         multi = create();

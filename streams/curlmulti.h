@@ -28,8 +28,8 @@ public:
         ~Client() = default;
     };
 
-    // One of the few multi handles that the multiplexing transports of this process take in
-    // turn, so that the requests to one server share a couple of connections.
+    // The multi handle that every multiplexing transport of this process uses, so that the
+    // requests to one server share one connection.
     static std::shared_ptr<CurlMulti> shared();
     // A multi handle for one transport alone.
     static std::shared_ptr<CurlMulti> create();

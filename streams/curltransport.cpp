@@ -89,7 +89,7 @@ public:
     bool emptyDevice();
 
     bool isFtp() const { return server.scheme() == QLatin1String("ftp"); }
-    // HTTP/2 is only ever negotiated over TLS; there the requests share connections.
+    // HTTP/2 is only ever negotiated over TLS; there the requests share one connection.
     bool mayMultiplex() const { return server.scheme() == QLatin1String("https"); }
     CurlMulti *transferMulti();
 

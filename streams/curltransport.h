@@ -12,8 +12,8 @@ class QIODevice;
 // log-in and get are queued commands that run one after another; each ends with
 // commandFinished(id, error), and a failed one drops the commands queued behind it. One easy
 // handle is reused for all commands, so they share one connection (HTTP keep-alive, one FTP
-// log-in); over https, HTTP/2 is offered and the transports to one server then share a couple of
-// connections. Signals are only emitted from the event loop, never from inside a call.
+// log-in); over https, HTTP/2 is offered and the transports to one server then share a single
+// connection. Signals are only emitted from the event loop, never from inside a call.
 class CurlTransport : public QObject
 {
     Q_OBJECT
@@ -60,8 +60,8 @@ public:
     // Stops the running command and drops all others; no signal is emitted for them.
     void abort();
 
-    // The server spoke HTTP/2 in the last finished command: further requests share a connection
-    // with those of other transports to it, and may run side by side.
+    // The server spoke HTTP/2 in the last finished command: further requests share one
+    // connection with those of every other transport to it, and may run side by side.
     bool isMultiplexed() const;
     Error error() const;
     QString errorString() const;
