@@ -6,7 +6,10 @@
 #include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
 #include "update/checksums.h"
+#include "update/filesync.h"
+#include "update/packing.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QTimer>
@@ -460,9 +463,12 @@ void FTPProductDownloadSession::onFileFinished(int s)
         // A stream that has given its file back has nothing to report finished.
         if (record->fileIndex < 0)
             return;
-        if (const PatchRecord *patch = patches.patchFor(record->fileIndex);
-            patch && !makeFromPatch(s, *patch))
-            return;
+        if (const PatchRecord *patch = patches.patchFor(record->fileIndex)) {
+            if (!makeFromPatch(s, *patch))
+                return;
+        } else {
+            unpackArrived(record->fileIndex);
+        }
         task.markReady(record->fileIndex);
         // Downloaded, not ready: files an earlier run left complete are never fetched again.
         if (task.downloadedCount < task.getSize()) {
@@ -686,6 +692,30 @@ bool FTPProductDownloadSession::makeFromPatch(int s, const PatchRecord &patch)
     }
     fetchWhole(s, QString("%1 does not make %2").arg(patch.path, file.installPath()));
     return false;
+}
+
+// A packed file is unpacked as soon as it has arrived, while the link still carries the others,
+// so that the install only links it into place. It is kept where a file made from a patch lies
+// (a resume counts it as downloaded), and the packed download goes once it has served. One that
+// does not unpack to what the list says stays packed, for the install to report.
+void FTPProductDownloadSession::unpackArrived(int index)
+{
+    FileSpecification file;
+    task.get(index, &file);
+    if (!file.isPacked())
+        return;
+    const QString packed = getTempFilePath(file);
+    const QString result = file.patchedPath(parameters.tempDirectory);
+    QString md5;
+    if (QDir().mkpath(QFileInfo(result).path())
+        && unpackFileWithMD5(result, packed, &md5, file.unpackLimit()) && md5 == file.unpackedMd5
+        && quint64(QFileInfo(result).size()) == file.unpackedSize) {
+        if (file.unpackedSize >= writebackSize)
+            startWriteback(result);
+        QFile::remove(packed);
+    } else {
+        QFile::remove(result);
+    }
 }
 
 // A patch that cannot be had or used costs its file nothing but the detour: it is fetched whole.

@@ -105,6 +105,7 @@ private:
     // Makes the file the stream fetched a patch for; false, with the file handed back to be
     // fetched whole, when the patch does not make it.
     bool makeFromPatch(int s, const PatchRecord &patch);
+    void unpackArrived(int index);
     void fetchWhole(int s, const QString &why);
 
     InitialParameters parameters;

@@ -2,6 +2,9 @@
 
 #include <QString>
 
+#include <algorithm>
+#include <limits>
+
 // One file of a task list: where it lies on the mirror, its length and checksum, its unpacked
 // form when the mirror holds it gzip-packed, and the marks the task state keeps for it.
 struct FileSpecification
@@ -25,6 +28,12 @@ struct FileSpecification
     // The checksum and the length of the file as installed.
     QString installedMd5() const { return isPacked() ? unpackedMd5 : md5; }
     quint64 installedSize() const { return isPacked() ? unpackedSize : size; }
+    // How much unpacking may write: one byte over the declared size tells a longer file, and a
+    // bomb writes no more than that.
+    qint64 unpackLimit() const
+    {
+        return qint64(std::min<quint64>(unpackedSize, std::numeric_limits<qint64>::max() - 1)) + 1;
+    }
     // Where a run keeps the file it made from a patch instead of downloading it: below its
     // working directory, by install path, apart from the downloads.
     QString patchedPath(const QString &workingDirectory) const

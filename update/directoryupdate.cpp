@@ -14,15 +14,6 @@
 #include <QFileInfo>
 
 #include <cerrno>
-#include <limits>
-
-namespace {
-
-constexpr quint64 maxUnpackedSize = std::numeric_limits<qint64>::max() - 1;
-
-constexpr quint64 writebackSize = quint64(1) << 20;
-
-} // namespace
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
     : QObject(parent)
@@ -187,9 +178,7 @@ QString DirectoryUpdate::stageFile(const FileSpecification &entry, const QString
     if (entry.isPacked()) {
         // What a successful unpacking wrote is the file: its checksum needs no second reading.
         QString unpackedMd5;
-        // One byte over the declared size tells a longer file; a bomb writes no more than that.
-        const qint64 limit = qint64(qMin<quint64>(entry.unpackedSize, maxUnpackedSize)) + 1;
-        if (!unpackFileWithMD5(staged, source, &unpackedMd5, limit)) {
+        if (!unpackFileWithMD5(staged, source, &unpackedMd5, entry.unpackLimit())) {
             fail(QStringLiteral("Can't unzip %1!").arg(relativeSource), true);
             unpackedMd5 = getFileMD5Ex(staged);
         }
