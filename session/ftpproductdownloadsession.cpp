@@ -466,8 +466,8 @@ void FTPProductDownloadSession::onFileFinished(int s)
         if (const PatchRecord *patch = patches.patchFor(record->fileIndex)) {
             if (!makeFromPatch(s, *patch))
                 return;
-        } else {
-            unpackArrived(record->fileIndex);
+        } else if (!unpackArrived(s)) {
+            return;
         }
         task.markReady(record->fileIndex);
         // Downloaded, not ready: files an earlier run left complete are never fetched again.
@@ -697,33 +697,52 @@ bool FTPProductDownloadSession::makeFromPatch(int s, const PatchRecord &patch)
 // A packed file is unpacked as soon as it has arrived, while the link still carries the others,
 // so that the install only links it into place. It is kept where a file made from a patch lies
 // (a resume counts it as downloaded), and the packed download goes once it has served. One that
-// does not unpack to what the list says stays packed, for the install to report.
-void FTPProductDownloadSession::unpackArrived(int index)
+// does not unpack to what the list says stays packed, for the install to report. False, with the
+// file handed back to be fetched again, when neither is left.
+bool FTPProductDownloadSession::unpackArrived(int s)
 {
     FileSpecification file;
-    task.get(index, &file);
+    task.get(streams[s]->fileIndex, &file);
     if (!file.isPacked())
-        return;
+        return true;
     const QString packed = getTempFilePath(file);
     const QString result = file.patchedPath(parameters.tempDirectory);
+    if (!QDir().mkpath(QFileInfo(result).path()))
+        return true;
+    if (file.unpackedSize < writebackSize) {
+        if (unpackInPlace(packed, result, file.unpackedMd5, file.unpackedSize)
+            != InPlaceUnpacking::Lost)
+            return true;
+        const QString why = systemError();
+        QFile::remove(result);
+        emit message(QString("Stream %1: %2 could not be kept (%3), fetching it again")
+                             .arg(s)
+                             .arg(file.installPath(), why));
+        giveBack(s);
+        return false;
+    }
     QString md5;
-    if (QDir().mkpath(QFileInfo(result).path())
-        && unpackFileWithMD5(result, packed, &md5, file.unpackLimit()) && md5 == file.unpackedMd5
+    if (unpackFileWithMD5(result, packed, &md5, file.unpackLimit()) && md5 == file.unpackedMd5
         && quint64(QFileInfo(result).size()) == file.unpackedSize) {
-        if (file.unpackedSize >= writebackSize)
-            startWriteback(result);
+        startWriteback(result);
         QFile::remove(packed);
     } else {
         QFile::remove(result);
     }
+    return true;
 }
 
 // A patch that cannot be had or used costs its file nothing but the detour: it is fetched whole.
 void FTPProductDownloadSession::fetchWhole(int s, const QString &why)
 {
-    DownloadStream *record = streams[s].get();
     emit message(QString("Stream %1: no patch (%2), fetching the whole file").arg(s).arg(why));
-    patches.drop(record->fileIndex);
+    patches.drop(streams[s]->fileIndex);
+    giveBack(s);
+}
+
+void FTPProductDownloadSession::giveBack(int s)
+{
+    DownloadStream *record = streams[s].get();
     task.resetPendingMark(record->fileIndex);
     record->fileIndex = -1;
     assignNextFile(s);

@@ -105,8 +105,10 @@ private:
     // Makes the file the stream fetched a patch for; false, with the file handed back to be
     // fetched whole, when the patch does not make it.
     bool makeFromPatch(int s, const PatchRecord &patch);
-    void unpackArrived(int index);
+    bool unpackArrived(int s);
     void fetchWhole(int s, const QString &why);
+    // Hands the stream's file back to be fetched again and gives the stream its next one.
+    void giveBack(int s);
 
     InitialParameters parameters;
     FTPProductDownloadSession_State state = SessionStarting;

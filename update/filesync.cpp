@@ -29,6 +29,17 @@ bool withDescriptor(const QString &path, int flags, Call call)
     return done;
 }
 
+bool writeAll(int fd, const QByteArray &data)
+{
+    for (qsizetype done = 0; done < data.size();) {
+        const ssize_t n = ::write(fd, data.constData() + done, size_t(data.size() - done));
+        if (n < 0 && errno != EINTR)
+            return false;
+        done += qMax<ssize_t>(n, 0);
+    }
+    return true;
+}
+
 } // namespace
 
 bool startWriteback(const QString &path)
@@ -52,14 +63,7 @@ bool writeSyncedFile(const QString &path, const QByteArray &data)
 {
     const bool written =
             withDescriptor(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, [&](int fd) {
-                for (qsizetype done = 0; done < data.size();) {
-                    const ssize_t n =
-                            ::write(fd, data.constData() + done, size_t(data.size() - done));
-                    if (n < 0 && errno != EINTR)
-                        return false;
-                    done += qMax<ssize_t>(n, 0);
-                }
-                return ::fsync(fd) == 0;
+                return writeAll(fd, data) && ::fsync(fd) == 0;
             });
     if (!written) {
         const int error = errno;
@@ -67,6 +71,14 @@ bool writeSyncedFile(const QString &path, const QByteArray &data)
         errno = error;
     }
     return written;
+}
+
+// Not truncated first: blocks freed and taken again cost a discard each on some disks.
+bool overwriteFile(const QString &path, const QByteArray &data)
+{
+    return withDescriptor(path, O_WRONLY | O_NOFOLLOW, [&](int fd) {
+        return writeAll(fd, data) && ::ftruncate(fd, data.size()) == 0;
+    });
 }
 
 bool readRegularFile(const QString &path, qint64 limit, QByteArray *data)

@@ -16,6 +16,9 @@ bool syncDirectory(const QString &path);
 // Writes data to a new file at path, which must not exist, and flushes it; nothing is left
 // behind on failure.
 bool writeSyncedFile(const QString &path, const QByteArray &data);
+// Replaces the content of the existing file at path with data in the same inode, without
+// flushing; the file may hold anything when it fails.
+bool overwriteFile(const QString &path, const QByteArray &data);
 // Reads the regular file at path, at most limit bytes long, never waiting on a pipe or device
 // that stands in its place.
 bool readRegularFile(const QString &path, qint64 limit, QByteArray *data);

@@ -28,68 +28,39 @@ bool failAndRemove(gzFile gzip, QFile &output)
     return false;
 }
 
-// Unpacks gzip, which it closes, into destination, adding what it writes to hash, up to limit
-// bytes. The source is opened first: one that cannot be read must not cost the destination
-// anything.
-bool unpack(const QString &destination, gzFile gzip, Md5Hash *hash, qint64 limit)
+// Unpacks gzip, which it closes, into output, adding what it writes to hash, up to limit bytes.
+bool unpack(QIODevice &output, gzFile gzip, Md5Hash *hash, qint64 limit)
 {
-    if (!gzip)
-        return false;
-    QFile output(destination);
-    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
-        gzclose(gzip);
-        return false;
-    }
     gzbuffer(gzip, packedBufferSize);
     gzrewind(gzip);
     char buffer[blockSize];
     for (qint64 room = limit < 0 ? std::numeric_limits<qint64>::max() : limit; room > 0;) {
         const int n = gzread(gzip, buffer, unsigned(qMin<qint64>(blockSize, room)));
-        if (n < 0)
-            return failAndRemove(gzip, output);
-        if (n == 0) {
-            // gzread ends a stream cut short like a complete one; only the error state tells
-            // them apart.
-            int error = Z_OK;
-            gzerror(gzip, &error);
-            if (error != Z_OK)
-                return failAndRemove(gzip, output);
+        if (n == 0)
             break;
+        if (n < 0 || output.write(buffer, n) < n) {
+            gzclose(gzip);
+            return false;
         }
-        if (output.write(buffer, n) < n)
-            return failAndRemove(gzip, output);
         hash->addData(buffer, n);
         room -= n;
     }
-    output.close();
-    if (gzclose(gzip) != Z_OK || output.error() != QFileDevice::NoError) {
-        output.remove();
-        return false;
-    }
-    return true;
+    // gzread ends a stream cut short like a complete one; only the error state tells them apart.
+    int error = Z_OK;
+    gzerror(gzip, &error);
+    return gzclose(gzip) == Z_OK && error == Z_OK;
 }
 
 } // namespace
 
-bool unzipFileWithMD5(const QString &destination, const QString &source, QString *md5, qint64 limit)
-{
-    Md5Hash hash;
-    if (!unpack(destination, openGzip(source, "rb"), &hash, limit))
-        return false;
-    *md5 = hash.result();
-    return true;
-}
-
-bool unzipDescriptorWithMD5(const QString &destination, int source, QString *md5, qint64 limit)
+bool unzipDescriptor(QIODevice &output, int source, Md5Hash *hash, qint64 limit)
 {
     gzFile gzip = gzdopen(source, "rb");
-    if (!gzip)
+    if (!gzip) {
         ::close(source);
-    Md5Hash hash;
-    if (!unpack(destination, gzip, &hash, limit))
         return false;
-    *md5 = hash.result();
-    return true;
+    }
+    return unpack(output, gzip, hash, limit);
 }
 
 bool zipFile(const QString &source, const QString &destination)

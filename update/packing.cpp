@@ -1,9 +1,11 @@
 #include "update/packing.h"
 
+#include "update/filesync.h"
 #include "update/gzip.h"
 #include "update/md5hash.h"
 #include "update/zstd.h"
 
+#include <QBuffer>
 #include <QFile>
 
 #include <fcntl.h>
@@ -27,29 +29,68 @@ QByteArray head(const QString &path, bool *ok)
     return file.read(zstdMagic.size());
 }
 
-} // namespace
-
-// Opened once: the first bytes tell the format, and the unpacker reads from the start.
-bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5,
-                       qint64 limit)
+// The first bytes tell the format, and the unpacker reads from the start; the descriptor goes
+// either way.
+bool unpackDescriptor(QIODevice &output, int descriptor, Md5Hash *hash, qint64 limit)
 {
-    const int descriptor = ::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0)
-        return false;
     QByteArray magic(zstdMagic.size(), Qt::Uninitialized);
     if (::pread(descriptor, magic.data(), size_t(magic.size()), 0) != magic.size()
         || magic != zstdMagic)
-        return unzipDescriptorWithMD5(destination, descriptor, md5, limit);
+        return unzipDescriptor(output, descriptor, hash, limit);
     QFile input;
     if (!input.open(descriptor, QIODevice::ReadOnly, QFileDevice::AutoCloseHandle)) {
         ::close(descriptor);
         return false;
     }
-    Md5Hash hash;
-    if (!unzstdFile(destination, input, &hash, limit))
+    return unzstdDevice(output, input, hash, limit);
+}
+
+int openSource(const QString &source)
+{
+    return ::open(QFile::encodeName(source).constData(), O_RDONLY | O_CLOEXEC);
+}
+
+} // namespace
+
+// The source is opened first: one that cannot be read must not cost the destination anything.
+bool unpackFileWithMD5(const QString &destination, const QString &source, QString *md5,
+                       qint64 limit)
+{
+    const int descriptor = openSource(source);
+    if (descriptor < 0)
         return false;
+    QFile output(destination);
+    if (!output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
+        ::close(descriptor);
+        return false;
+    }
+    Md5Hash hash;
+    const bool unpacked = unpackDescriptor(output, descriptor, &hash, limit);
+    output.close();
+    if (!unpacked || output.error() != QFileDevice::NoError) {
+        output.remove();
+        return false;
+    }
     *md5 = hash.result();
     return true;
+}
+
+InPlaceUnpacking unpackInPlace(const QString &source, const QString &destination,
+                               const QString &md5, quint64 size)
+{
+    const int descriptor = openSource(source);
+    if (descriptor < 0)
+        return InPlaceUnpacking::Refused;
+    QBuffer unpacked;
+    unpacked.open(QIODevice::WriteOnly);
+    Md5Hash hash;
+    if (!unpackDescriptor(unpacked, descriptor, &hash, qint64(size) + 1)
+        || quint64(unpacked.size()) != size || hash.result() != md5)
+        return InPlaceUnpacking::Refused;
+    if (!renameFile(source, destination))
+        return InPlaceUnpacking::Refused;
+    return overwriteFile(destination, unpacked.data()) ? InPlaceUnpacking::Unpacked
+                                                       : InPlaceUnpacking::Lost;
 }
 
 bool packFile(const QString &source, const QString &destination, PackFormat format)

@@ -30,14 +30,10 @@ bool failAndRemove(QFile &output)
     return false;
 }
 
-bool openOutput(QFile &output)
-{
-    return output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered);
-}
-
 bool openPair(QFile &input, QFile &output)
 {
-    return input.open(QIODevice::ReadOnly) && openOutput(output);
+    return input.open(QIODevice::ReadOnly)
+           && output.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered);
 }
 
 bool closeOutput(QFile &output)
@@ -51,22 +47,13 @@ bool closeOutput(QFile &output)
 
 } // namespace
 
-bool unzstdFile(const QString &destination, const QString &source, Md5Hash *hash, qint64 limit)
+bool unzstdDevice(QIODevice &output, QFile &input, Md5Hash *hash, qint64 limit)
 {
-    QFile input(source);
-    return input.open(QIODevice::ReadOnly) && unzstdFile(destination, input, hash, limit);
-}
-
-bool unzstdFile(const QString &destination, QFile &input, Md5Hash *hash, qint64 limit)
-{
-    QFile output(destination);
-    if (!openOutput(output))
-        return false;
     const std::unique_ptr<ZSTD_DCtx, DContextFree> context(ZSTD_createDCtx());
     const std::unique_ptr<char[]> inBuffer(new char[blockSize]);
     const std::unique_ptr<char[]> outBuffer(new char[blockSize]);
     if (!context)
-        return failAndRemove(output);
+        return false;
     // Non-zero while a frame is open: input that ends there is cut short.
     size_t pending = 1;
     bool anyInput = false;
@@ -74,7 +61,7 @@ bool unzstdFile(const QString &destination, QFile &input, Md5Hash *hash, qint64 
     while (room > 0) {
         const qint64 n = input.read(inBuffer.get(), blockSize);
         if (n < 0)
-            return failAndRemove(output);
+            return false;
         if (n == 0)
             break;
         anyInput = true;
@@ -85,19 +72,17 @@ bool unzstdFile(const QString &destination, QFile &input, Md5Hash *hash, qint64 
             ZSTD_outBuffer out = {outBuffer.get(), size_t(qMin(blockSize, room)), 0};
             pending = ZSTD_decompressStream(context.get(), &out, &in);
             if (ZSTD_isError(pending) || output.write(outBuffer.get(), qint64(out.pos)) < 0)
-                return failAndRemove(output);
+                return false;
             if (hash)
                 hash->addData(outBuffer.get(), qint64(out.pos));
             room -= qint64(out.pos);
             if (room == 0)
-                return closeOutput(output);
+                return true;
             if (out.pos < out.size && in.pos == in.size)
                 break;
         }
     }
-    if (pending != 0 || !anyInput)
-        return failAndRemove(output);
-    return closeOutput(output);
+    return pending == 0 && anyInput;
 }
 
 bool zstdFile(const QString &source, const QString &destination, int level)

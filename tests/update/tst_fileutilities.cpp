@@ -123,6 +123,27 @@ void tst_FileUtilities::packRoundTrip()
     QVERIFY(unpackFileWithMD5(unpacked, packed, &md5, content.size() + 1));
     QCOMPARE(readTestFile(unpacked), bounded);
     QCOMPARE(md5, md5Of(bounded));
+
+    // In place: what is not the declared file leaves the packed file alone; what is moves the
+    // packed file's own inode to the destination.
+    QVERIFY(QFile::remove(unpacked));
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of("other"), quint64(content.size()) * 2),
+             InPlaceUnpacking::Refused);
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(content + content),
+                           quint64(content.size()) * 2 + 1),
+             InPlaceUnpacking::Refused);
+    QCOMPARE(readTestFile(packed), fromTool + fromTool);
+    const auto inodeOf = [](const QString &path) {
+        struct stat status = {};
+        return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_ino : 0;
+    };
+    const ino_t inode = inodeOf(packed);
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(content + content),
+                           quint64(content.size()) * 2),
+             InPlaceUnpacking::Unpacked);
+    QVERIFY(!QFile::exists(packed));
+    QCOMPARE(readTestFile(unpacked), content + content);
+    QCOMPARE(inodeOf(unpacked), inode);
 }
 
 void tst_FileUtilities::brokenPacked_data()
@@ -156,6 +177,9 @@ void tst_FileUtilities::brokenPacked()
     QVERIFY(!unpackFileWithMD5(unpacked, packed, &md5));
     QCOMPARE(md5, QString("untouched"));
     QVERIFY(!QFile::exists(unpacked));
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(text(20000)), 20000),
+             InPlaceUnpacking::Refused);
+    QCOMPARE(readTestFile(packed), data);
 }
 
 void tst_FileUtilities::cleanupRemovesLinksWithoutFollowing()
