@@ -120,20 +120,37 @@ DownloadStream *FTPProductDownloadSession::createDownloadStream()
 
 void FTPProductDownloadSession::connectStreamToMirror(int s, int m)
 {
+    if (aimStreamAt(s, m)) {
+        const MarkedSiteData &mirror = mirrors.at(m);
+        streams[s]->stream->initiateConnection(QUrl(mirror.url), streams[s]->proxy, mirror.retries,
+                                               mirror.timeout);
+    }
+}
+
+// A further stream on a multiplexing mirror rides the connection a stream has just proven.
+void FTPProductDownloadSession::joinMultiplexedMirror(int s, int m)
+{
+    if (aimStreamAt(s, m)) {
+        const MarkedSiteData &mirror = mirrors.at(m);
+        streams[s]->stream->joinConnection(QUrl(mirror.url), streams[s]->proxy, mirror.retries,
+                                           mirror.timeout);
+    }
+}
+
+bool FTPProductDownloadSession::aimStreamAt(int s, int m)
+{
     DownloadStream *record = streams[s].get();
     const MarkedSiteData &mirror = mirrors.at(m);
-    const QUrl url(mirror.url);
     record->mirrorIndex = m;
     record->fileIndex = -1;
-    if (!record->adjustStream(url)) {
-        // Handled like a mirror that cannot be reached, from the event loop, so that moving on
-        // to the next mirror never recurses through here.
-        if (record->stream)
-            record->stream->cancel();
-        record->postFailedToConnect(QString("Unsupported mirror URL %1").arg(mirror.url));
-        return;
-    }
-    record->stream->initiateConnection(url, record->proxy, mirror.retries, mirror.timeout);
+    if (record->adjustStream(QUrl(mirror.url)))
+        return true;
+    // Handled like a mirror that cannot be reached, from the event loop, so that moving on to the
+    // next mirror never recurses through here.
+    if (record->stream)
+        record->stream->cancel();
+    record->postFailedToConnect(QString("Unsupported mirror URL %1").arg(mirror.url));
+    return false;
 }
 
 int FTPProductDownloadSession::getNextMirror(int)
@@ -338,7 +355,7 @@ void FTPProductDownloadSession::addMultiplexedStreams(int m)
             createDownloadStream();
         if (streams[r]->mirrorIndex >= 0)
             continue;
-        connectStreamToMirror(r, m);
+        joinMultiplexedMirror(r, m);
         ++onMirror;
     }
 }

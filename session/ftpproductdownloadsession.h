@@ -76,6 +76,10 @@ private:
     void arrangeStreams();
     DownloadStream *createDownloadStream();
     void connectStreamToMirror(int s, int m);
+    void joinMultiplexedMirror(int s, int m);
+    // Points the stream at the mirror; false, with a connect failure posted, when no stream
+    // speaks the mirror's URL.
+    bool aimStreamAt(int s, int m);
     int getNextMirror(int stream);
     int getNextFileIndex();
     int getLargestFileIndex();

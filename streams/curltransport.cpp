@@ -32,6 +32,11 @@ bool isSupportedProxyScheme(const QString &scheme)
            || scheme == QLatin1String("socks5") || scheme == QLatin1String("socks5h");
 }
 
+QUrl serverRoot(const QUrl &server)
+{
+    return server.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
+}
+
 // 408 and 429 ask the client to come back later, like a server error does.
 bool isFinalRefusal(long status)
 {
@@ -602,9 +607,13 @@ int CurlTransport::connectToHost(const QUrl &server)
 {
     Private::Command command;
     command.kind = Private::Kind::Connect;
-    command.server =
-            server.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
+    command.server = serverRoot(server);
     return d->enqueue(command);
+}
+
+void CurlTransport::joinHost(const QUrl &server)
+{
+    d->server = serverRoot(server);
 }
 
 int CurlTransport::login(const QString &user, const QString &password)

@@ -2,10 +2,23 @@
 
 #include "streams/curltransport.h"
 
+#include <QPointer>
+#include <QTimer>
+
 namespace {
 
 constexpr int httpPort = 80;
 constexpr int httpsPort = 443;
+
+QUrl serverOf(const QUrl &url)
+{
+    QUrl server = url;
+    if (server.port() < 0) {
+        const bool secure = url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0;
+        server.setPort(secure ? httpsPort : httpPort);
+    }
+    return server;
+}
 
 } // namespace
 
@@ -21,20 +34,40 @@ int HTTPDownloadStream::kind() const
 void HTTPDownloadStream::initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                             int timeout)
 {
+    prepareTransport(url, proxy, retries, timeout);
+    connectRequestId = transport->connectToHost(serverOf(url));
+    loginRequestId =
+            url.userName().isEmpty() ? -1 : transport->login(url.userName(), url.password());
+}
+
+void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, int retries,
+                                        int timeout)
+{
+    // Credentials are handed over by the connect step's log-in.
+    if (!url.userName().isEmpty()) {
+        initiateConnection(url, proxy, retries, timeout);
+        return;
+    }
+    prepareTransport(url, proxy, retries, timeout);
+    transport->joinHost(serverOf(url));
+    // Posted: the caller is inside a slot of its own. A transport replaced or released meanwhile
+    // has joined nothing.
+    const QPointer<CurlTransport> joined(transport);
+    QTimer::singleShot(0, this, [this, joined] {
+        if (joined && transport == joined && enterState(DownloadStream_Connecting)
+            && enterState(DownloadStream_Connected))
+            emit connected();
+    });
+}
+
+void HTTPDownloadStream::prepareTransport(const QUrl &url, const QString &proxy, int retries,
+                                          int timeout)
+{
     replaceTransport(url, proxy, retries, timeout);
     connect(transport, &CurlTransport::commandFinished, this,
             &HTTPDownloadStream::onHttpRequestFinished);
     connect(transport, &CurlTransport::dataTransferProgress, this,
             &HTTPDownloadStream::onDataReadProgress);
-
-    QUrl server = url;
-    if (server.port() < 0) {
-        const bool secure = url.scheme().compare(QLatin1String("https"), Qt::CaseInsensitive) == 0;
-        server.setPort(secure ? httpsPort : httpPort);
-    }
-    connectRequestId = transport->connectToHost(server);
-    loginRequestId =
-            url.userName().isEmpty() ? -1 : transport->login(url.userName(), url.password());
 }
 
 void HTTPDownloadStream::checkGetFilePrerequisitions() {}

@@ -14,10 +14,15 @@ public:
     int kind() const override;
     void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                             int timeout) override;
+    void joinConnection(const QUrl &url, const QString &proxy, int retries,
+                        int timeout) override;
     void checkGetFilePrerequisitions() override;
     int createFileRequest(QString path, QFile *file) override;
 
 public slots:
     void onHttpRequestFinished(int id, bool error);
     void onDataReadProgress(qint64 done, qint64 total);
+
+private:
+    void prepareTransport(const QUrl &url, const QString &proxy, int retries, int timeout);
 };

@@ -32,6 +32,12 @@ public:
     virtual DownloadStream_State getState() const;
     virtual void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                     int timeout) = 0;
+    // Connects as a further stream to a server whose connection another stream has proven to
+    // carry many requests at once; a protocol without that connects as usual.
+    virtual void joinConnection(const QUrl &url, const QString &proxy, int retries, int timeout)
+    {
+        initiateConnection(url, proxy, retries, timeout);
+    }
     virtual void getFile(const QString &remotePath, const QString &md5, long long size);
     // getFile() that also holds the file to its SHA-256 (64 hexadecimal digits) from a signed
     // release manifest; a mismatch is a checksum error.
