@@ -137,6 +137,15 @@ void FTPProductDownloadSession::joinMultiplexedMirror(int s, int m)
     }
 }
 
+bool FTPProductDownloadSession::carriesManyRequests(int m) const
+{
+    return std::any_of(streams.cbegin(), streams.cend(), [m](const auto &record) {
+        return record->mirrorIndex == m && record->stream
+               && record->stream->getState() == DownloadStream_Connected
+               && record->stream->isMultiplexed();
+    });
+}
+
 bool FTPProductDownloadSession::aimStreamAt(int s, int m)
 {
     DownloadStream *record = streams[s].get();
@@ -687,7 +696,10 @@ void FTPProductDownloadSession::startDownloadBySessionState()
         for (int candidate : order)
             m = load.at(candidate) < load.at(m) ? candidate : m;
         ++load[m];
-        connectStreamToMirror(record->index, m);
+        if (carriesManyRequests(m))
+            joinMultiplexedMirror(record->index, m);
+        else
+            connectStreamToMirror(record->index, m);
     }
     for (int k = 0; k < baseStreamCount; ++k) {
         const SingleFileDownloadStream *stream = streams[k]->stream;

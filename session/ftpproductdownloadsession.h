@@ -77,6 +77,8 @@ private:
     DownloadStream *createDownloadStream();
     void connectStreamToMirror(int s, int m);
     void joinMultiplexedMirror(int s, int m);
+    // A stream of the mirror is connected to it over HTTP/2.
+    bool carriesManyRequests(int m) const;
     // Points the stream at the mirror; false, with a connect failure posted, when no stream
     // speaks the mirror's URL.
     bool aimStreamAt(int s, int m);
