@@ -141,7 +141,7 @@ bool FTPProductDownloadSession::carriesManyRequests(int m) const
 {
     return std::any_of(streams.cbegin(), streams.cend(), [m](const auto &record) {
         return record->mirrorIndex == m && record->stream
-               && record->stream->getState() == DownloadStream_Connected
+               && record->stream->getState() >= DownloadStream_Connected
                && record->stream->isMultiplexed();
     });
 }
@@ -183,7 +183,7 @@ int FTPProductDownloadSession::getNextFileIndex()
 
 // The largest files first where many requests share a connection: they keep the link full while
 // the small ones are asked for, and the run does not end waiting on one large file.
-int FTPProductDownloadSession::getLargestFileIndex()
+int FTPProductDownloadSession::getFileIndexBySize(bool largest)
 {
     if (largestFirst.empty()) {
         largestFirst.resize(task.getSize());
@@ -198,7 +198,9 @@ int FTPProductDownloadSession::getLargestFileIndex()
     }
     const unsigned int marks =
             FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
-    for (int i : largestFirst) {
+    const int count = int(largestFirst.size());
+    for (int k = 0; k < count; ++k) {
+        const int i = largestFirst[largest ? k : count - 1 - k];
         const unsigned int flags = task.getFlags(i);
         if ((flags & marks) == 0) {
             task.setFlags(i, flags | FileSpecification::Pending);
@@ -210,8 +212,11 @@ int FTPProductDownloadSession::getLargestFileIndex()
 
 bool FTPProductDownloadSession::assignNextFile(int s)
 {
-    const SingleFileDownloadStream *stream = streams[s]->stream;
-    const int i = stream && stream->isMultiplexed() ? getLargestFileIndex() : getNextFileIndex();
+    // Over HTTP/2 half the streams keep the link full with the largest files while the other
+    // half take the smallest, each of which costs a round trip whatever its size: left to the
+    // end, they would leave the link idle.
+    const int i = carriesManyRequests(streams[s]->mirrorIndex) ? getFileIndexBySize(s % 2 == 0)
+                                                               : getNextFileIndex();
     if (i < 0) {
         if (takeOverSlowFile(s))
             return true;

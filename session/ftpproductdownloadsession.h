@@ -77,14 +77,15 @@ private:
     DownloadStream *createDownloadStream();
     void connectStreamToMirror(int s, int m);
     void joinMultiplexedMirror(int s, int m);
-    // A stream of the mirror is connected to it over HTTP/2.
+    // A stream of the mirror has reached it over HTTP/2.
     bool carriesManyRequests(int m) const;
     // Points the stream at the mirror; false, with a connect failure posted, when no stream
     // speaks the mirror's URL.
     bool aimStreamAt(int s, int m);
     int getNextMirror(int stream);
     int getNextFileIndex();
-    int getLargestFileIndex();
+    // Claims the largest file not yet claimed, or the smallest.
+    int getFileIndexBySize(bool largest);
     bool assignNextFile(int s);
     bool startFile(int s, int i);
     void shutDownStream(int s);
