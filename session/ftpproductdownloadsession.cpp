@@ -181,8 +181,8 @@ int FTPProductDownloadSession::getNextFileIndex()
     return -1;
 }
 
-// The largest files first where many requests share a connection: they keep the link full while
-// the small ones are asked for, and the run does not end waiting on one large file.
+// Where many requests share a connection files go by size (see assignNextFile), so that the run
+// ends neither waiting on one large file nor on a row of small ones.
 int FTPProductDownloadSession::getFileIndexBySize(bool largest)
 {
     if (largestFirst.empty()) {
@@ -741,8 +741,12 @@ bool FTPProductDownloadSession::unpackArrived(int s)
         return true;
     const QString packed = getTempFilePath(file);
     const QString result = file.patchedPath(parameters.tempDirectory);
-    if (!QDir().mkpath(QFileInfo(result).path()))
-        return true;
+    const QString directory = QFileInfo(result).path();
+    if (!unpackedDirectories.contains(directory)) {
+        if (!QDir().mkpath(directory))
+            return true;
+        unpackedDirectories.insert(directory);
+    }
     if (file.unpackedSize < writebackSize) {
         if (unpackInPlace(packed, result, file.unpackedMd5, file.unpackedSize)
             != InPlaceUnpacking::Lost)

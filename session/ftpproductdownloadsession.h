@@ -11,6 +11,7 @@
 
 #include <QDir>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QTimer>
 #include <QVector>
@@ -130,6 +131,8 @@ private:
     PatchPlan patches;
     // The task's files by size, largest first; made when first asked for.
     std::vector<int> largestFirst;
+    // Where files unpacked on arrival go, made once each.
+    QSet<QString> unpackedDirectories;
     QTimer takeoverTimer;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
