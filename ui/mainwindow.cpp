@@ -6,6 +6,8 @@
 #include <QCloseEvent>
 #include <QCoreApplication>
 #include <QProcess>
+#include <QScrollBar>
+#include <QTextCursor>
 #include <QTimerEvent>
 
 #include <cstdio>
@@ -36,6 +38,9 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     ui.outputTextEdit->hide();
     progressRefresh.setSingleShot(true);
     connect(&progressRefresh, &QTimer::timeout, this, &MainWindow::showProgress);
+    logRefresh.setSingleShot(true);
+    logRefresh.setInterval(int(progressRefreshMs));
+    connect(&logRefresh, &QTimer::timeout, this, &MainWindow::flushLog);
     connectRun();
 }
 
@@ -80,6 +85,7 @@ void MainWindow::onRunStarted()
 
 void MainWindow::refuseToStart(const QString &text, bool critical)
 {
+    flushLog();
     showMessageBox(this, critical ? QMessageBox::Critical : QMessageBox::Warning, tr("Error"),
                    text);
     // Nobody would press the button again.
@@ -97,15 +103,38 @@ void MainWindow::stopSpeedTimer()
 
 void MainWindow::onAppendText(const QString &text)
 {
-    ui.outputTextEdit->append(text);
+    pendingLog << text;
+    if (!logRefresh.isActive())
+        logRefresh.start();
     // An unattended run has nobody watching the pane; standard error keeps the log.
     terminal.print(text);
+}
+
+// Lines reach the pane in batches: laying the document out again for each of thousands of small
+// files cost more than the files. As plain text, each line a paragraph of its own.
+void MainWindow::flushLog()
+{
+    logRefresh.stop();
+    if (pendingLog.isEmpty())
+        return;
+    QTextEdit *pane = ui.outputTextEdit;
+    QScrollBar *bar = pane->verticalScrollBar();
+    const bool following = bar->value() == bar->maximum();
+    QTextCursor cursor(pane->document());
+    cursor.movePosition(QTextCursor::End);
+    if (!pane->document()->isEmpty())
+        cursor.insertBlock();
+    cursor.insertText(pendingLog.join(QLatin1Char('\n')));
+    pendingLog.clear();
+    if (following)
+        bar->setValue(bar->maximum());
 }
 
 void MainWindow::onUpdateFinished(bool installed)
 {
     stopSpeedTimer();
     flushProgress();
+    flushLog();
     terminal.finish();
     if (!installed) {
         ui.startButton->setText(tr("Restart"));
@@ -123,6 +152,7 @@ void MainWindow::onUpdateFinished(bool installed)
 
 InstallAnswer MainWindow::askAboutFile(const QString &text)
 {
+    flushLog();
     switch (showMessageBox(this, QMessageBox::Question, tr("Question"), text,
                            QMessageBox::Abort | QMessageBox::Retry | QMessageBox::Ignore,
                            QMessageBox::Retry)) {
@@ -202,6 +232,7 @@ void MainWindow::onProcessCancelled()
     ui.startButton->setEnabled(true);
     terminal.finish();
     onAppendText(QStringLiteral("Download cancelled"));
+    flushLog();
 
     // A refresh still pending would undo the reset below.
     flushProgress();

@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QMessageBox>
 #include <QString>
+#include <QStringList>
 #include <QTimer>
 #include <QWidget>
 
@@ -54,6 +55,7 @@ private:
     void showProgress();
     // Shows at once what a pending refresh would show later.
     void flushProgress();
+    void flushLog();
     // The directory update's question about a file that cannot be installed, as a box.
     InstallAnswer askAboutFile(const QString &text);
 
@@ -69,6 +71,8 @@ private:
     quint64 progressTotal = 0;
     QElapsedTimer progressShown;
     QTimer progressRefresh;
+    QStringList pendingLog;
+    QTimer logRefresh;
     TerminalProgress terminal;
     bool updateDone = false;
 };
