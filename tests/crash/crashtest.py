@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Kills the real updater (SIGKILL) at random moments of its download, staging or switch from 11 to
-12 (nginx on 127.0.0.1, rate-limited): every file must stay whole, old or new, the updater runnable,
-and the next start must install 12 exactly. crashtest.py --update U --publish P [--runs N]"""
+12 (nginx on 127.0.0.1, rate-limited; every other run over HTTPS, its requests multiplexed on one
+HTTP/2 connection): every file must stay whole, old or new, the updater runnable, and the next
+start must install 12 exactly. crashtest.py --update U --publish P [--runs N]"""
 
 import argparse, hashlib, os, random, shutil, signal, socket, subprocess, sys, tempfile, time
 from pathlib import Path
@@ -10,6 +11,7 @@ CLIENT = "client_linux_amd64"
 PHASES = ["download", "staging", "switching"]
 # The log line that opens each phase after the download.
 MARKERS = {"staging": "Copy/unpack files...", "switching": "Switch to the new version..."}
+SYSTEM_CAS = "/etc/ssl/certs/ca-certificates.crt"
 OWN_FILES = ("mirrors.ini", "update.ini", "_old_update", "session_12.ini")
 
 
@@ -29,21 +31,50 @@ def make_release(root, updater, version):
     return {name: hashlib.md5(data).hexdigest() for name, data in files.items()}
 
 
-def start_nginx(root, work):
+def free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
-        port = s.getsockname()[1]
-    (work / "nginx.conf").write_text(
-        f"daemon off; pid {work}/nginx.pid; error_log stderr; events {{}} http {{ access_log off;"
-        f" server {{ listen 127.0.0.1:{port}; root {root}; location / {{ limit_rate 6m; }} }} }}")
+        return s.getsockname()[1]
+
+
+def make_certificate(work):
+    """A self-signed certificate for 127.0.0.1, or None where the updater could not be made to
+    trust it: that needs a mount namespace of its own, to bind it over the system's CA store."""
+    if subprocess.run(["unshare", "--mount", "true"], stderr=subprocess.DEVNULL).returncode != 0:
+        return None
+    cert, key = work / "server.pem", work / "server.key"
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                    "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                    "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", key, "-out", cert],
+                   check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    return cert, key
+
+
+def start_nginx(root, work, certificate):
+    """nginx on a plain HTTP port and, with a certificate, an HTTPS one with HTTP/2; returns the
+    process and the mirror URL of each."""
+    urls = {"http": "http://127.0.0.1:%d/" % free_port()}
+    servers = [(urls["http"], "")]
+    if certificate:
+        urls["https"] = "https://127.0.0.1:%d/" % free_port()
+        servers.append((urls["https"], " ssl http2; ssl_certificate %s; ssl_certificate_key %s"
+                        % certificate))
+    blocks = "".join(" server { listen %s%s; root %s; location / { limit_rate 6m; } }"
+                     % (url.split("/")[2], options, root) for url, options in servers)
+    (work / "nginx.conf").write_text(f"daemon off; pid {work}/nginx.pid; error_log stderr; "
+                                     f"events {{}} http {{ access_log off;{blocks} }}")
     process = subprocess.Popen(["/usr/sbin/nginx", "-p", work, "-c", work / "nginx.conf"],
                                stderr=subprocess.DEVNULL)
     for _ in range(100):
-        with socket.socket() as s:
-            if s.connect_ex(("127.0.0.1", port)) == 0:
-                return process, port
+        if all(reachable(url) for url in urls.values()):
+            return process, urls
         time.sleep(0.05)
     sys.exit("nginx did not start")
+
+
+def reachable(url):
+    with socket.socket() as s:
+        return s.connect_ex(("127.0.0.1", int(url.split(":")[2].rstrip("/")))) == 0
 
 
 def installed_state(install):
@@ -55,11 +86,15 @@ def installed_state(install):
             and not any(part.startswith(".update-") for part in path.relative_to(install).parts)}
 
 
-def start(base):
+def start(base, certificate):
+    """The updater; over HTTPS it trusts the certificate as the system's own store, bound over it
+    in a mount namespace of its own (exec keeps its process the one that is killed)."""
     env = {k: v for k, v in os.environ.items()
            if k not in ("DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM")}
+    trusting = ["unshare", "--mount", "sh", "-c", 'mount --bind "$0" %s && exec "$@"'
+                % SYSTEM_CAS, certificate[0]] if certificate else []
     with open(base / "log.txt", "w") as log:
-        return subprocess.Popen([base / "installation/update", "--nouser", CLIENT, "12"],
+        return subprocess.Popen(trusting + [base / "installation/update", "--nouser", CLIENT, "12"],
                                 cwd=base / "installation", env=dict(env, TMPDIR=base / "tmp"),
                                 stdout=subprocess.DEVNULL, stderr=log)
 
@@ -100,28 +135,33 @@ def main(work):
     new = make_release(work / "release-12", updater, 12)
     subprocess.run([args.publish, work / "release-12", CLIENT, "12", work / "mirror", "--previous",
                     work / "release-11"], check=True, stdout=subprocess.DEVNULL)
-    nginx, port = start_nginx(work / "mirror", work)
-    (work / "release-11/mirrors.ini").write_text("[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=http://"
-                                                 "127.0.0.1:%d/\nretries=2\ntimeout=0\n" % port)
+    certificate = make_certificate(work)
+    nginx, urls = start_nginx(work / "mirror", work, certificate)
+    if not certificate:
+        print("no mount namespace of its own: every run over HTTP/1.1")
     kills = {p: 0 for p in PHASES + ["finished"]}
     torn, broken_updater, mixed, incomplete = [], [], [], []
-    download_time = None
+    download_times = {}
     try:
         for run in range(args.runs):
+            scheme = "https" if certificate and run % 2 else "http"
+            trusted = certificate if scheme == "https" else None
             base = work / ("run%d" % run)
             install = base / "installation"
             shutil.copytree(work / "release-11", install, symlinks=True)
+            (install / "mirrors.ini").write_text("[mirrors]\nsize=1\n1\\mirror=m\n[m]\nurl=%s\n"
+                                                 "retries=2\ntimeout=0\n" % urls[scheme])
             (base / "tmp").mkdir()
-            process = start(base)
-            if download_time is None:
+            process = start(base, trusted)
+            if scheme not in download_times:
                 # One whole run first: how long the download takes here.
                 started = time.monotonic()
                 wait_for(process, base, MARKERS["staging"], 0.005)
-                download_time = time.monotonic() - started
+                download_times[scheme] = time.monotonic() - started
                 if process.wait() != 0 or installed_state(install) != new:
                     sys.exit("an update without a kill failed:\n" + (base / "log.txt").read_text())
                 continue
-            kills[kill_during(process, base, PHASES[run % 3], rng, download_time)] += 1
+            kills[kill_during(process, base, PHASES[run % 3], rng, download_times[scheme])] += 1
 
             state = installed_state(install)
             torn += ["run %d: %s" % (run, name) for name, digest in state.items()
@@ -130,7 +170,7 @@ def main(work):
                     not os.access(install / "update", os.X_OK):
                 broken_updater.append("run %d" % run)
                 continue
-            process = start(base)
+            process = start(base, trusted)
             try:
                 process.wait(timeout=120)
             except subprocess.TimeoutExpired:
@@ -145,7 +185,7 @@ def main(work):
     finally:
         nginx.terminate()
         nginx.wait()
-    print("runs: %d (seed %d), kills: %s" % (args.runs - 1, args.seed,
+    print("kills: %d (seed %d): %s" % (sum(kills.values()), args.seed,
           ", ".join("%s %d" % item for item in kills.items())))
     print("torn files: %d, missing or damaged updater: %d, mixed after the next start: %d, "
           "not completed on the next start: %d"
