@@ -33,6 +33,7 @@ MANY_PACKAGE, MANY_VERSION = "libreoffice-common", "4:7.4.7-1+deb12u14"
 # The same release on a mirror at the link's rate and on one at a tenth of it.
 MIRRORS_RELEASE = bench.Release("mirrors", 20, 0, 2 * MIB)
 SLOW_RATE = "2mbit"
+MEDIUM_RATE = "6mbit"
 SYSTEM_CAS = "/etc/ssl/certs/ca-certificates.crt"
 
 
@@ -118,6 +119,11 @@ class Link:
         self.relay.stdin.write("\n")
         self.relay.stdin.flush()
         return int(self.relay.stdout.readline().split()[0])
+
+    def fade(self, seconds, rate):
+        """Full speed for seconds from now, then rate (bytes a second)."""
+        self.relay.stdin.write("fade %.3f %d\n" % (seconds, rate))
+        self.relay.stdin.flush()
 
     def stop(self):
         for process in reversed(self.processes):
@@ -607,30 +613,45 @@ def many_case(ctx, namespace, root, args, tls, bundle):
 
 
 def mirrors_case(ctx, namespace, root, args):
-    """Two mirrors of one release, at the link's rate and at SLOW_RATE, each listed first."""
+    """Two mirrors of one release, at the link's rate and at SLOW_RATE, each listed first; three,
+    the slowest first and a third at MEDIUM_RATE second; and a mirror listed first that drops to
+    SLOW_RATE halfway, the fast one second."""
     tables = []
     for delay in args.delays:
         fast = Link(root, ctx.work / "nginx-fast", namespace, delay)
         slow = Link(root, ctx.work / "nginx-slow", namespace, delay, rate=rate_bytes(SLOW_RATE))
+        medium = Link(root, ctx.work / "nginx-medium", namespace, delay,
+                      rate=rate_bytes(MEDIUM_RATE))
+        fading = Link(root, ctx.work / "nginx-fading", namespace, delay)
         try:
             urls = [fast.url("mirror"), slow.url("mirror")]
             entries = bench.read_product_list(root / "mirror" / VERSION / (CLIENT_TYPE + ".ini"))
             launcher = namespace.launcher
+            # Half the time the link needs for the release.
+            half = sum(e.size for e in entries) / rate_bytes(args.rate) / 2
+
+            def slowing_first(rnd):
+                fading.fade(half, rate_bytes(SLOW_RATE))
+                return run_updater_at(ctx, launcher, [fading.url("mirror"), urls[0]], rnd)
             contenders = [
                 ("updater, fast mirror alone",
                  lambda rnd: run_updater_at(ctx, launcher, urls[:1], rnd)),
                 ("updater, fast first", lambda rnd: run_updater_at(ctx, launcher, urls, rnd)),
                 ("updater, slow first",
-                 lambda rnd: run_updater_at(ctx, launcher, urls[::-1], rnd))]
+                 lambda rnd: run_updater_at(ctx, launcher, urls[::-1], rnd)),
+                ("updater, three mirrors, slowest first",
+                 lambda rnd: run_updater_at(ctx, launcher, [urls[1], medium.url("mirror"),
+                                                            urls[0]], rnd)),
+                ("updater, first slows halfway", slowing_first)]
             if shutil.which("aria2c"):
                 contenders.append(("aria2c -j16, both mirrors",
                                    lambda rnd: run_aria2_at(launcher, urls, entries, rnd)))
             label = "mirrors %d ms" % (2 * delay)
             results = time_contenders(ctx, label, contenders, args.rounds, root / "files",
-                                      [fast, slow])
+                                      [fast, slow, medium, fading])
         finally:
-            fast.stop()
-            slow.stop()
+            for link in (fast, slow, medium, fading):
+                link.stop()
         tables.append((label, len(entries), sum(e.size for e in entries), results))
     return tables
 

@@ -5,12 +5,14 @@ usage: relay.py DELAY_MS TARGET [RATE]
 TARGET is a Unix socket path (the mirror), so that only the relay's client side crosses the
 throttled loopback. With RATE (bytes a second) all clients together get no more than that: a
 slower mirror on the same link. Listens on an ephemeral port of 127.0.0.1 and prints "ready <port>". Every
-line read on standard input is answered with the bytes sent so far to clients and to the target:
-"<down> <up>".
+empty line read on standard input is answered with the bytes sent so far to clients and to the
+target: "<down> <up>". "fade SECONDS RATE" lifts the rate for SECONDS, then sets it to RATE: a
+mirror that slows down halfway.
 """
 import asyncio
 import sys
 import threading
+import time
 
 # Bounds what the relay holds: about twice what a 20 Mbit/s link carries in 40 ms, so that a
 # client killed mid-transfer has not been counted for much more than it received.
@@ -20,6 +22,8 @@ CHUNK = 16 * 1024
 sent = {"down": 0, "up": 0}
 # The moment the shared rate allows the next byte towards the clients.
 rate = {"bytes": None, "next": 0.0}
+# From "fade": the moment (time.monotonic()) the rate drops, and the rate it drops to.
+fade = {"at": None, "bytes": None}
 
 
 async def forward(reader, writer, delay, direction):
@@ -59,6 +63,8 @@ async def forward(reader, writer, delay, direction):
             except OSError:
                 return
             sent[direction] += len(data)
+            if direction == "down" and fade["at"] is not None and time.monotonic() >= fade["at"]:
+                rate["bytes"], rate["next"], fade["at"] = fade["bytes"], loop.time(), None
         if writer.can_write_eof() and not writer.is_closing():
             writer.write_eof()
 
@@ -84,8 +90,13 @@ async def serve_client(delay, target, client_reader, client_writer):
 
 
 def answer_counts():
-    for _ in sys.stdin:
-        print(sent["down"], sent["up"], flush=True)
+    for line in sys.stdin:
+        words = line.split()
+        if words[:1] == ["fade"]:
+            rate["bytes"] = None
+            fade["at"], fade["bytes"] = time.monotonic() + float(words[1]), float(words[2])
+        else:
+            print(sent["down"], sent["up"], flush=True)
 
 
 async def main():
