@@ -195,12 +195,16 @@ int FTPProductDownloadSession::getFileIndexBySize(bool largest)
             task.get(b, nullptr, nullptr, nullptr, &sizeB);
             return sizeA > sizeB;
         });
+        largestUnclaimed = 0;
+        smallestUnclaimed = int(largestFirst.size()) - 1;
     }
     const unsigned int marks =
             FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
-    const int count = int(largestFirst.size());
-    for (int k = 0; k < count; ++k) {
-        const int i = largestFirst[largest ? k : count - 1 - k];
+    int &next = largest ? largestUnclaimed : smallestUnclaimed;
+    const int step = largest ? 1 : -1;
+    while (largestUnclaimed <= smallestUnclaimed) {
+        const int i = largestFirst[next];
+        next += step;
         const unsigned int flags = task.getFlags(i);
         if ((flags & marks) == 0) {
             task.setFlags(i, flags | FileSpecification::Pending);
@@ -208,6 +212,13 @@ int FTPProductDownloadSession::getFileIndexBySize(bool largest)
         }
     }
     return -1;
+}
+
+void FTPProductDownloadSession::unclaimFile(int i)
+{
+    task.resetPendingMark(i);
+    largestUnclaimed = 0;
+    smallestUnclaimed = int(largestFirst.size()) - 1;
 }
 
 bool FTPProductDownloadSession::assignNextFile(int s)
@@ -230,7 +241,7 @@ bool FTPProductDownloadSession::assignNextFile(int s)
         return false;
     }
     if (leaveSlowMirror(s)) {
-        task.resetPendingMark(i);
+        unclaimFile(i);
         return false;
     }
     return startFile(s, i);
@@ -382,7 +393,7 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
         mirrors.markFailed(record->mirrorIndex);
     record->mirrorIndex = -1;
     if (record->fileIndex >= 0)
-        task.resetPendingMark(record->fileIndex);
+        unclaimFile(record->fileIndex);
     record->fileIndex = -1;
     // Extra streams exist only for a multiplexing mirror; elsewhere they would be connections.
     if (s >= baseStreamCount) {
@@ -781,7 +792,7 @@ void FTPProductDownloadSession::fetchWhole(int s, const QString &why)
 void FTPProductDownloadSession::giveBack(int s)
 {
     DownloadStream *record = streams[s].get();
-    task.resetPendingMark(record->fileIndex);
+    unclaimFile(record->fileIndex);
     record->fileIndex = -1;
     assignNextFile(s);
 }

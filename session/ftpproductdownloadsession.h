@@ -87,6 +87,8 @@ private:
     int getNextFileIndex();
     // Claims the largest file not yet claimed, or the smallest.
     int getFileIndexBySize(bool largest);
+    // File i is no longer claimed: another stream may take it.
+    void unclaimFile(int i);
     bool assignNextFile(int s);
     bool startFile(int s, int i);
     void shutDownStream(int s);
@@ -129,8 +131,11 @@ private:
     TaskState task;
     ReleaseFetch releaseFetch;
     PatchPlan patches;
-    // The task's files by size, largest first; made when first asked for.
+    // The task's files by size, largest first; made when first asked for. Those before
+    // largestUnclaimed and after smallestUnclaimed are claimed, so that each claim looks at few.
     std::vector<int> largestFirst;
+    int largestUnclaimed = 0;
+    int smallestUnclaimed = -1;
     // Where files unpacked on arrival go, made once each.
     QSet<QString> unpackedDirectories;
     QTimer takeoverTimer;
