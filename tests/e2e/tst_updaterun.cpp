@@ -118,12 +118,24 @@ class TestUpdateRun : public QObject
                            launcher.mid(1) + QStringList{at("update")} + arguments);
     }
 
+    // The test library preloaded into the updater, the fault of variable on.
+    static QProcessEnvironment preloadedFault(const QString &variable, const QString &value)
+    {
+        QProcessEnvironment preload;
+        preload.insert("LD_PRELOAD", PRELOAD_FAULTS_LIBRARY);
+        preload.insert(variable, value);
+        preload.insert("ASAN_OPTIONS",
+                       qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+        return preload;
+    }
+
     // A run ended with exitCode and logged logLine, without crashing, hanging or letting the
     // platform's chatter into its log.
-    bool runs(int exitCode, const QByteArray &logLine, const QStringList &arguments = {"--nouser"})
+    bool runs(int exitCode, const QByteArray &logLine, const QStringList &arguments = {"--nouser"},
+              const QProcessEnvironment &extra = {})
     {
         QProcess process;
-        startUpdater(&process, arguments);
+        startUpdater(&process, arguments, false, extra);
         const bool finished = process.waitForFinished(runTimeoutMs);
         const QByteArray text = log = process.readAll();
         static const QRegularExpression chatter("propagateSizeHints|XDG_RUNTIME|qt\\.");
@@ -340,11 +352,7 @@ private slots:
         QVERIFY(QDir().mkpath(hold));
         for (const char *name : {"/held", "/go"})
             QCOMPARE(::mkfifo(QFile::encodeName(hold + name).constData(), 0600), 0);
-        QProcessEnvironment preload;
-        preload.insert("LD_PRELOAD", HOLD_SWITCH_LIBRARY);
-        preload.insert("ORLIVO_HOLD_SWITCH", hold);
-        preload.insert("ASAN_OPTIONS",
-                       qEnvironmentVariable("ASAN_OPTIONS") + ":verify_asan_link_order=0");
+        QProcessEnvironment preload = preloadedFault("ORLIVO_HOLD_SWITCH", hold);
         QProcess first;
         startUpdater(&first, {"--nouser"}, false, preload);
         const int held = ::open(QFile::encodeName(hold + "/held").constData(),
@@ -371,6 +379,21 @@ private slots:
         const QByteArray firstLog = first.readAll();
         QVERIFY2(first.exitCode() == 0 && firstLog.contains("Update finished, version: 12"),
                  firstLog.constData());
+        verifyInstalled(true);
+    }
+
+    // A file unpacked on arrival whose bytes cannot be written back, after its packed download
+    // took its name, is fetched again: the run still installs the release whole.
+    void unpackedFileLostIsFetchedAgain()
+    {
+        writeMirrors({"http"});
+        // Not installed, so that it comes whole and packed rather than as a patch.
+        QVERIFY(QFile::remove(at("readme.txt")));
+        const qsizetype requestsBefore = http->logLines().size();
+        QVERIFY(runs(0, "readme.txt could not be kept (No space left on device), fetching it again",
+                     {"--nouser"}, preloadedFault("ORLIVO_FAIL_REWRITE", "1")));
+        const QString packed = mirrorFiles.filter("readme.txt").value(0);
+        QCOMPARE(http->logLines().mid(requestsBefore).filter(' ' + packed + ' ').size(), 2);
         verifyInstalled(true);
     }
 
