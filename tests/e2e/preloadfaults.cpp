@@ -1,6 +1,8 @@
 // Preloaded into the updater by the end-to-end test, which turns each fault on by its variable:
 // - ORLIVO_HOLD_SWITCH: the first rename of a staged file into the installation writes a byte to
 //   $ORLIVO_HOLD_SWITCH/held, then waits for the test to close its end of $ORLIVO_HOLD_SWITCH/go.
+// - ORLIVO_FAIL_SWITCH: the first rename of a staged file into the installation fails as on a
+//   file nobody may replace.
 // - ORLIVO_FAIL_REWRITE: the first opening of an unpacked file to write its bytes back into it
 //   fails as on a full disk.
 #include <dlfcn.h>
@@ -58,8 +60,15 @@ extern "C" int open64(const char *path, int flags, ...)
 extern "C" int rename(const char *from, const char *to)
 {
     static bool held = false;
+    static bool failed = false;
+    const bool intoInstallation = std::strstr(from, "/.update-staging/new/") != nullptr;
+    if (intoInstallation && !failed && std::getenv("ORLIVO_FAIL_SWITCH")) {
+        failed = true;
+        errno = EACCES;
+        return -1;
+    }
     const char *dir = std::getenv("ORLIVO_HOLD_SWITCH");
-    if (dir && !held && std::strstr(from, "/.update-staging/new/")) {
+    if (dir && !held && intoInstallation) {
         held = true;
         const int signal = ::open((std::string(dir) + "/held").c_str(), O_WRONLY);
         static_cast<void>(::write(signal, "h", 1));

@@ -382,6 +382,22 @@ private slots:
         verifyInstalled(true);
     }
 
+    // A switch that fails halfway is rolled back, and the next start installs what the first
+    // downloaded without fetching any of it again.
+    void failedSwitchResumesWithoutFetching()
+    {
+        writeMirrors({"http"});
+        QVERIFY(runs(3, "Rolled back to the previous version\n", {"--nouser"},
+                     preloadedFault("ORLIVO_FAIL_SWITCH", "1")));
+        QVERIFY(log.contains("readme.txt: Permission denied\n") && !log.contains("Update finished"));
+        verifyUntouched();
+        const qsizetype requestsBefore = http->logLines().size();
+        QVERIFY(runs(0, "Previous update session for v. 12 found\n"));
+        for (const QString &file : mirrorFiles)
+            QCOMPARE(http->logLines().mid(requestsBefore).filter(' ' + file + ' ').size(), 0);
+        verifyInstalled(true);
+    }
+
     // A file unpacked on arrival whose bytes cannot be written back, after its packed download
     // took its name, is fetched again: the run still installs the release whole.
     void unpackedFileLostIsFetchedAgain()
