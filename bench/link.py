@@ -9,6 +9,7 @@ delivers. See bench/README.md, "On a real link".
 """
 import argparse
 import dataclasses
+import itertools
 import os
 import re
 import shlex
@@ -612,21 +613,24 @@ def many_case(ctx, namespace, root, args, tls, bundle):
     return tables
 
 
-def mirrors_case(ctx, namespace, root, args):
+def mirrors_case(ctx, namespace, root, args, tls, bundle):
     """Two mirrors of one release, at the link's rate and at SLOW_RATE, each listed first; three,
     the slowest first and a third at MEDIUM_RATE second; and a mirror listed first that drops to
     SLOW_RATE halfway, the fast one second."""
     tables = []
-    for delay in args.delays:
-        fast = Link(root, ctx.work / "nginx-fast", namespace, delay)
-        slow = Link(root, ctx.work / "nginx-slow", namespace, delay, rate=rate_bytes(SLOW_RATE))
-        medium = Link(root, ctx.work / "nginx-medium", namespace, delay,
+    for delay, https in itertools.product(args.delays,
+                                          (s == "https" for s in args.mirrors_schemes.split(","))):
+        tls_now = tls if https else None
+        fast = Link(root, ctx.work / "nginx-fast", namespace, delay, tls=tls_now)
+        slow = Link(root, ctx.work / "nginx-slow", namespace, delay, tls=tls_now,
+                    rate=rate_bytes(SLOW_RATE))
+        medium = Link(root, ctx.work / "nginx-medium", namespace, delay, tls=tls_now,
                       rate=rate_bytes(MEDIUM_RATE))
-        fading = Link(root, ctx.work / "nginx-fading", namespace, delay)
+        fading = Link(root, ctx.work / "nginx-fading", namespace, delay, tls=tls_now)
         try:
             urls = [fast.url("mirror"), slow.url("mirror")]
             entries = bench.read_product_list(root / "mirror" / VERSION / (CLIENT_TYPE + ".ini"))
-            launcher = namespace.launcher
+            launcher = trusting(namespace.launcher, bundle) if https else namespace.launcher
             # Half the time the link needs for the release.
             half = sum(e.size for e in entries) / rate_bytes(args.rate) / 2
 
@@ -646,7 +650,7 @@ def mirrors_case(ctx, namespace, root, args):
             if shutil.which("aria2c"):
                 contenders.append(("aria2c -j16, both mirrors",
                                    lambda rnd: run_aria2_at(launcher, urls, entries, rnd)))
-            label = "mirrors %d ms" % (2 * delay)
+            label = "mirrors %s%d ms" % ("https " if https else "", 2 * delay)
             results = time_contenders(ctx, label, contenders, args.rounds, root / "files",
                                       [fast, slow, medium, fading])
         finally:
@@ -741,6 +745,8 @@ def parse_arguments():
                         help="ms held in each direction for the many and mirrors workloads")
     parser.add_argument("--many-schemes", default="https,http",
                         help="which of the many workload's mirrors to time")
+    parser.add_argument("--mirrors-schemes", default="http",
+                        help="comma-separated: http, https (HTTP/2)")
     parser.add_argument("--contenders",
                         help="time only the contenders whose name this regular expression matches")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
@@ -819,14 +825,15 @@ def main():
                           else None, contenders=args.contenders)
         if update:
             results = run_update(ctx, update, args.rounds)
+        if "many" in names or "mirrors" in names:
+            tls, bundle = make_test_ca(work / "ca")
         if "many" in names:
             deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve())
-            tls, bundle = make_test_ca(work / "ca")
             many = prepare_many(work, publisher, deb, dereference, options)
             tables += many_case(ctx, namespace, many, args, tls, bundle)
         if "mirrors" in names:
             release = bench.prepare_release(MIRRORS_RELEASE, work, publisher)
-            tables += mirrors_case(ctx, namespace, release, args)
+            tables += mirrors_case(ctx, namespace, release, args, tls, bundle)
         if "resume" in names:
             if use_namespace:
                 resume = resume_case(ctx, 4 * MIB if args.tiny else RESUME_SIZE)

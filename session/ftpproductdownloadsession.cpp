@@ -27,6 +27,8 @@ constexpr int requestsInFlightPerMirror = 64;
 constexpr qint64 settleMs = 1000;
 // Taking a file over costs a request; below this gain it is not worth it.
 constexpr double minimumTakeoverGainMs = 1000;
+// A mirror not yet measured tries a file that would take at least this long where it is.
+constexpr double minimumProbeMs = 2000;
 constexpr int takeoverCheckMs = 250;
 
 } // namespace
@@ -305,11 +307,17 @@ bool FTPProductDownloadSession::leaveSlowMirror(int s)
 bool FTPProductDownloadSession::takeOverSlowFile(int s)
 {
     const int m = streams[s]->mirrorIndex;
-    const double fastRate = m >= 0 ? mirrors.rate(m) : 0;
-    if (fastRate <= 0)
+    if (m < 0)
         return false;
+    // A mirror that has delivered nothing cannot be compared: it may be the fast one whose
+    // streams came too late for a file (over HTTP/2 one mirror's streams can claim every file at
+    // once). It tries one, the file that would take longest where it is, and so gets measured.
+    const bool probe = mirrors.rate(m) <= 0;
+    if (probe && transfersOn(m) > 0)
+        return false;
+    const double fastRate = shareOf(m, 1);
     int slowest = -1;
-    double bestGainMs = minimumTakeoverGainMs;
+    double bestGainMs = probe ? minimumProbeMs : minimumTakeoverGainMs;
     for (const auto &record : streams) {
         if (record->fileIndex < 0 || record->mirrorIndex < 0 || record->mirrorIndex == m
             || !record->stream || patches.patchFor(record->fileIndex)
@@ -320,11 +328,16 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
         unsigned long long size = 0;
         record->stream->getProgress(&done, &size);
         const double remaining = double(size) - double(done);
-        const double slowRate = record->transferRate(qint64(done));
-        if (remaining <= 0 || !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))
+        // Compared with another mirror, a transfer on a shared connection counts at its share of
+        // what its mirror delivers, since it speeds up as the others end; a probe goes by what
+        // the transfer itself gets, which is all that is known to be slow.
+        double slowRate = record->transferRate(qint64(done));
+        if (!probe && carriesManyRequests(record->mirrorIndex))
+            slowRate = qMax(slowRate, shareOf(record->mirrorIndex, 0));
+        if (remaining <= 0 || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate)))
             continue;
         const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
-        const double gainMs = slowMs - remaining * 1000 / fastRate;
+        const double gainMs = probe ? slowMs : slowMs - remaining * 1000 / fastRate;
         if (gainMs > bestGainMs) {
             bestGainMs = gainMs;
             slowest = record->index;
@@ -339,6 +352,19 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     // The bytes that arrived stay in the file; the new transfer continues from its end.
     shutDownStream(slowest);
     return startFile(s, i);
+}
+
+int FTPProductDownloadSession::transfersOn(int m) const
+{
+    return int(std::count_if(streams.cbegin(), streams.cend(), [m](const auto &record) {
+        return record->mirrorIndex == m && record->fileIndex >= 0;
+    }));
+}
+
+double FTPProductDownloadSession::shareOf(int m, int joining) const
+{
+    const double rate = mirrors.rate(m);
+    return carriesManyRequests(m) ? rate / qMax(1, transfersOn(m) + joining) : rate;
 }
 
 bool FTPProductDownloadSession::runsElsewhere(int s) const

@@ -94,6 +94,11 @@ private:
     void shutDownStream(int s);
     bool leaveSlowMirror(int s);
     bool takeOverSlowFile(int s);
+    // How many streams on mirror m have a file.
+    int transfersOn(int m) const;
+    // Bytes a second a transfer gets from mirror m with joining more beside those under way:
+    // over a shared connection its share of what the mirror delivers, else all of it.
+    double shareOf(int m, int joining) const;
     void addMultiplexedStreams(int m);
     // Another mirror still has a transfer under way.
     bool runsElsewhere(int s) const;

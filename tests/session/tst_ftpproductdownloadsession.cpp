@@ -199,9 +199,11 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         }
         *urls << server->url("http", "/");
     } else {
-        const bool tls = kind == "https";
-        server = LoopbackServer::nginx(root, tls ? &certificates : nullptr);
-        *urls << server->url(kind, "/");
+        // "https-slow": each response at 30 kB/s.
+        const bool tls = kind.startsWith("https");
+        server = LoopbackServer::nginx(root, tls ? &certificates : nullptr,
+                                       kind == "https-slow" ? 30000 : 0);
+        *urls << server->url(tls ? "https" : "http", "/");
     }
     return server;
 }
@@ -247,6 +249,11 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::newRow("a slow mirror's file taken over, continued from its byte")
             << "fault:*=trickle:4000 http" << 2 << "" << true << QStringList{"Stream 1 takes over "}
             << all;
+    // Over HTTP/2 the first mirror's streams claim every file before the other's stream is
+    // connected: that one must still be tried, and then take over.
+    QTest::newRow("a slow HTTP/2 mirror that claimed everything, taken over")
+            << "https-slow https" << 2 << "" << true
+            << QStringList{"Stream 1 takes over orlivo from stream "} << all;
     QTest::newRow("the slow mirror left when the other failed")
             << "fault:*=status:404 fault:*=trickle:300" << 2 << "" << true
             << QStringList{"Stream 0 change mirror to 1"} << all;

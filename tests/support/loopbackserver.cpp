@@ -21,7 +21,7 @@ const char nginxConfig[] =
         "daemon off; master_process off; pid @work@/nginx.pid; events {}\n"
         "error_log @work@/error.log; http {\n"
         "  log_format serial '$connection $request_method $uri $status $body_bytes_sent';\n"
-        "  access_log @work@/server.log serial; server { listen 127.0.0.1:@port@%1; root %2; }\n"
+        "  access_log @work@/server.log serial; server { listen 127.0.0.1:@port@%1; root %2;%3 }\n"
         "  client_body_temp_path @work@/b; proxy_temp_path @work@/p; uwsgi_temp_path @work@/u;\n"
         "  fastcgi_temp_path @work@/f; scgi_temp_path @work@/s;\n"
         "}\n";
@@ -49,14 +49,15 @@ LoopbackServer::~LoopbackServer()
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
-                                                      const TestCertificates *tls)
+                                                      const TestCertificates *tls, int rate)
 {
     const QString ssl =
             tls ? QStringLiteral(" ssl http2; ssl_certificate %1; ssl_certificate_key %2")
                             .arg(tls->certFile, tls->keyFile)
                 : QString();
+    const QString limit = rate > 0 ? QStringLiteral(" limit_rate %1;").arg(rate) : QString();
     return start(QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
-                 QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath()));
+                 QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath(), limit));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,

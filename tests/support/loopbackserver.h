@@ -26,9 +26,11 @@ class LoopbackServer
 public:
     ~LoopbackServer();
 
-    // nginx serving root over HTTP, or HTTPS when certificates are given.
+    // nginx serving root over HTTP, or HTTPS when certificates are given; with a rate, each
+    // response at most that many bytes a second.
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
-                                                 const TestCertificates *tls = nullptr);
+                                                 const TestCertificates *tls = nullptr,
+                                                 int rate = 0);
     // pyftpdlib, root read-only to anonymous and user; without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
                                                const QString &password = {}, bool resumes = true);
