@@ -23,8 +23,11 @@ namespace {
 // Over HTTP/2 a stream costs a request, not a connection: this many keep a far-away mirror's
 // pipe full of small files. Well below what servers allow on one connection (nginx: 128).
 constexpr int requestsInFlightPerMirror = 64;
-// A transfer is judged by its speed only after this long.
+// A transfer is judged by its speed only after this long; a mirror not yet measured tries one
+// sooner, since it judges no speed but the transfer's own. A transfer just started, perhaps
+// another mirror's try, is never taken.
 constexpr qint64 settleMs = 1000;
+constexpr qint64 probeSettleMs = 300;
 // Taking a file over costs a request; below this gain it is not worth it.
 constexpr double minimumTakeoverGainMs = 1000;
 // A mirror not yet measured tries a file that would take at least this long where it is.
@@ -321,7 +324,7 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     for (const auto &record : streams) {
         if (record->fileIndex < 0 || record->mirrorIndex < 0 || record->mirrorIndex == m
             || !record->stream || patches.patchFor(record->fileIndex)
-            || record->transferClock.elapsed() < settleMs) {
+            || record->transferClock.elapsed() < (probe ? probeSettleMs : settleMs)) {
             continue;
         }
         unsigned long long done = 0;
