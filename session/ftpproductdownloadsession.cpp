@@ -327,6 +327,10 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
             || record->transferClock.elapsed() < (probe ? probeSettleMs : settleMs)) {
             continue;
         }
+        // A mirror that delivers more than this one keeps its files: a transfer of its that is
+        // slow now has just started on a new connection, or its stall ends in a retry there.
+        if (!probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
+            continue;
         unsigned long long done = 0;
         unsigned long long size = 0;
         record->stream->getProgress(&done, &size);
