@@ -28,34 +28,25 @@ bool failsRewrite(const char *path, int flags)
     return true;
 }
 
-int openFile(const char *symbol, const char *path, int flags, va_list arguments)
-{
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) ? va_arg(arguments, mode_t) : 0;
-    if (failsRewrite(path, flags))
-        return -1;
-    using Open = int (*)(const char *, int, ...);
-    return reinterpret_cast<Open>(::dlsym(RTLD_NEXT, symbol))(path, flags, mode);
-}
-
 } // namespace
 
 extern "C" int open(const char *path, int flags, ...)
 {
-    va_list arguments;
-    va_start(arguments, flags);
-    const int fd = openFile("open", path, flags, arguments);
-    va_end(arguments);
-    return fd;
+    mode_t mode = 0;
+    if (flags & (O_CREAT | O_TMPFILE)) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = va_arg(arguments, mode_t);
+        va_end(arguments);
+    }
+    if (failsRewrite(path, flags))
+        return -1;
+    using Open = int (*)(const char *, int, ...);
+    return reinterpret_cast<Open>(::dlsym(RTLD_NEXT, "open"))(path, flags, mode);
 }
 
-extern "C" int open64(const char *path, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const int fd = openFile("open64", path, flags, arguments);
-    va_end(arguments);
-    return fd;
-}
+// Callers built for large files call this name; on 64-bit systems it is the same call.
+extern "C" int open64(const char *path, int flags, ...) __attribute__((alias("open")));
 
 extern "C" int rename(const char *from, const char *to)
 {
