@@ -323,13 +323,17 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     double bestGainMs = probe ? minimumProbeMs : minimumTakeoverGainMs;
     for (const auto &record : streams) {
         if (record->fileIndex < 0 || record->mirrorIndex < 0 || record->mirrorIndex == m
-            || !record->stream || patches.patchFor(record->fileIndex)
-            || record->transferClock.elapsed() < (probe ? probeSettleMs : settleMs)) {
+            || !record->stream || patches.patchFor(record->fileIndex)) {
             continue;
         }
+        // A file waiting for its next attempt gets nothing where it is, however fast that mirror
+        // was: a mirror that went away would otherwise hold its files through every wait.
+        const bool waiting = record->stream->isWaitingToRepeat();
+        if (!waiting && record->transferClock.elapsed() < (probe ? probeSettleMs : settleMs))
+            continue;
         // A mirror that delivers more than this one keeps its files: a transfer of its that is
         // slow now has just started on a new connection, or its stall ends in a retry there.
-        if (!probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
+        if (!waiting && !probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
             continue;
         unsigned long long done = 0;
         unsigned long long size = 0;
@@ -338,11 +342,13 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
         // Compared with another mirror, a transfer on a shared connection counts at its share of
         // what its mirror delivers, since it speeds up as the others end; a probe goes by what
         // the transfer itself gets, which is all that is known to be slow.
-        double slowRate = record->transferRate(qint64(done));
-        if (!probe && carriesManyRequests(record->mirrorIndex))
+        double slowRate = waiting ? 0 : record->transferRate(qint64(done));
+        if (!waiting && !probe && carriesManyRequests(record->mirrorIndex))
             slowRate = qMax(slowRate, shareOf(record->mirrorIndex, 0));
-        if (remaining <= 0 || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate)))
+        if ((remaining <= 0 && !waiting)
+            || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))) {
             continue;
+        }
         const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
         const double gainMs = probe ? slowMs : slowMs - remaining * 1000 / fastRate;
         if (gainMs > bestGainMs) {

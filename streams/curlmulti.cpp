@@ -4,9 +4,12 @@
 #include <utility>
 #include <vector>
 
-std::shared_ptr<CurlMulti> CurlMulti::shared()
+std::shared_ptr<CurlMulti> CurlMulti::sharedFor(const QString &origin)
 {
-    static std::weak_ptr<CurlMulti> instance;
+    static std::map<QString, std::weak_ptr<CurlMulti>> instances;
+    for (auto it = instances.begin(); it != instances.end();)
+        it = it->second.expired() ? instances.erase(it) : std::next(it);
+    std::weak_ptr<CurlMulti> &instance = instances[origin];
     std::shared_ptr<CurlMulti> multi = instance.lock();
     if (!multi) {
         multi = create();
@@ -36,6 +39,13 @@ CurlMulti::CurlMulti()
             && curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, timerCallback) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX)) == CURLM_OK;
+}
+
+void CurlMulti::keepOneConnection()
+{
+    if (oneConnection || !multi)
+        return;
+    oneConnection = curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 1L) == CURLM_OK;
 }
 
 CurlMulti::~CurlMulti()

@@ -28,14 +28,18 @@ public:
         ~Client() = default;
     };
 
-    // The multi handle that every multiplexing transport of this process uses, so that the
-    // requests to one server share one connection.
-    static std::shared_ptr<CurlMulti> shared();
+    // The multi handle that the multiplexing transports to one server (scheme, host and port)
+    // share, so that their requests ride one connection.
+    static std::shared_ptr<CurlMulti> sharedFor(const QString &origin);
     // A multi handle for one transport alone.
     static std::shared_ptr<CurlMulti> create();
     ~CurlMulti();
 
     bool isReady() const { return ready; }
+    // The server multiplexes: from now on its transfers wait for its one connection, also when
+    // that connection goes away (a GOAWAY after so many requests, a reset). libcurl 7.88 would
+    // otherwise open a connection, with a TLS handshake, for every transfer then in flight.
+    void keepOneConnection();
     CURLMcode add(CURL *easy, Client *client);
     void remove(CURL *easy);
 
@@ -69,6 +73,7 @@ private:
 
     CURLM *multi = nullptr;
     bool ready = false;
+    bool oneConnection = false;
     std::map<curl_socket_t, SocketWatch> sockets;
     std::map<CURL *, Transfer> transfers;
     quint64 lastGeneration = 0;

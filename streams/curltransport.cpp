@@ -159,12 +159,18 @@ CurlTransport::Private::~Private()
         curl_easy_cleanup(easy);
 }
 
-// Chosen at the first transfer, when the server is known. Plain HTTP and FTP keep a multi handle
-// of their own, which leaves a stalled FTP data connection to be noticed per transport.
+// Chosen at the first transfer, when the server is known. The transports to one HTTPS server
+// share a multi handle, whose connection limit then concerns that server alone. Plain HTTP and
+// FTP keep one of their own, which leaves a stalled FTP data connection to be noticed per
+// transport.
 CurlMulti *CurlTransport::Private::transferMulti()
 {
-    if (!multi)
-        multi = mayMultiplex() ? CurlMulti::shared() : CurlMulti::create();
+    if (!multi) {
+        const QString origin = server.adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath
+                                               | QUrl::RemoveQuery | QUrl::RemoveFragment)
+                                       .toString();
+        multi = mayMultiplex() ? CurlMulti::sharedFor(origin) : CurlMulti::create();
+    }
     return multi.get();
 }
 
@@ -415,6 +421,8 @@ void CurlTransport::Private::endTransfer(CURLcode result)
     long version = 0;
     if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0)
         multiplexed = version == CURL_HTTP_VERSION_2_0;
+    if (multiplexed)
+        multi->keepOneConnection();
     removeTransfer();
     switch (current->kind) {
     case Kind::Connect:

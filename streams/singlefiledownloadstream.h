@@ -49,6 +49,8 @@ public:
     virtual void checkGetFilePrerequisitions() = 0;
     // The mirror answered over HTTP/2: further streams to it cost no connection of their own.
     bool isMultiplexed() const;
+    // The current file failed and waits for its next attempt.
+    bool isWaitingToRepeat() const { return repeatPending; }
     virtual int createFileRequest(QString path, QFile *file) = 0;
 
     // For tests only; the product keeps the defaults (a second, 60 s, the system's CAs).

@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QHash>
 #include <QRegularExpression>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -178,6 +179,7 @@ QString tst_FTPProductDownloadSession::mirrorPath(const QString &installPath) co
 // "http", "https" (HTTP/2), "unsupported" (a scheme no stream speaks), or
 // "fault:WHAT=B1+B2...;WHAT=..." (the fault server scripting the next requests of the file
 // installed as WHAT, of the list for "list", its manifest for "manifest", every file for "*").
+// "@SECONDS" at the end makes the mirror's wait before a repeated attempt that long.
 std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const QString &kind,
                                                                            QStringList *urls)
 {
@@ -199,10 +201,14 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         }
         *urls << server->url("http", "/");
     } else {
-        // "https-slow": each response at 30 kB/s.
+        // "https-slow": each response at 30 kB/s; "https-goaway": every connection ended after
+        // three requests; "https-qm-unavailable": 503 for the two .qm files.
         const bool tls = kind.startsWith("https");
-        server = LoopbackServer::nginx(root, tls ? &certificates : nullptr,
-                                       kind == "https-slow" ? 30000 : 0);
+        const QHash<QString, QString> directives{
+                {"https-slow", "limit_rate 30000;"},
+                {"https-goaway", "keepalive_requests 3;"},
+                {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"}};
+        server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
         *urls << server->url(tls ? "https" : "http", "/");
     }
     return server;
@@ -254,6 +260,16 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::newRow("a slow HTTP/2 mirror that claimed everything, taken over")
             << "https-slow https" << 2 << "" << true
             << QStringList{"Stream 1 takes over orlivo from stream "} << all;
+    // The transfers under way when the server ends its connection wait for the next one, rather
+    // than each open a connection of its own.
+    QTest::newRow("HTTP/2 connection ended every 3 requests")
+            << "https-goaway" << 2 << "" << true << fresh << all;
+    // The first mirror claims every file, delivers all but two and is the faster; its streams
+    // then wait an hour to repeat those two. Both must be taken over, not only the first, which
+    // the other mirror tries before it is measured.
+    QTest::newRow("files waiting to repeat on a faster mirror, taken over")
+            << "https-qm-unavailable@3600 http" << 2 << "" << true
+            << QStringList{"Stream 1 takes over de.qm ", "Stream 1 takes over en.qm "} << all;
     QTest::newRow("the slow mirror left when the other failed")
             << "fault:*=status:404 fault:*=trickle:300" << 2 << "" << true
             << QStringList{"Stream 0 change mirror to 1"} << all;
@@ -309,8 +325,11 @@ void tst_FTPProductDownloadSession::download()
 
     QStringList urls;
     std::vector<std::unique_ptr<LoopbackServer>> servers;
+    QHash<int, int> waits;
     for (const QString &kind : mirrors.split(' ', Qt::SkipEmptyParts)) {
-        servers.push_back(startMirror(kind, &urls));
+        if (kind.contains('@'))
+            waits[int(servers.size())] = kind.section('@', 1).toInt();
+        servers.push_back(startMirror(kind.section('@', 0, 0), &urls));
         QVERIFY(kind == "unsupported" || servers.back());
     }
     InitialParameters parameters;
@@ -321,6 +340,9 @@ void tst_FTPProductDownloadSession::download()
     parameters.tempDirectory = work.path();
     parameters.resumeSession = !before.isEmpty();
     QVERIFY(writeTestFile(parameters.mirrorsFile, mirrorsIni(urls)));
+    for (auto wait = waits.cbegin(); wait != waits.cend(); ++wait)
+        QSettings(parameters.mirrorsFile, QSettings::IniFormat)
+                .setValue(QString("m%1/timeout").arg(wait.key() + 1), wait.value());
     QVERIFY(writeTestFile(parameters.updateDataFile,
                           QString("[update]\nstreams=%1\n").arg(streams).toUtf8()));
 
@@ -369,11 +391,13 @@ void tst_FTPProductDownloadSession::download()
     QStringList delivered;
     for (const QString &path : fetched)
         expected << mirrorPath(path) + (truncated.contains(path) ? "+" : "");
-    // A file taken over from a slower mirror went on there from the byte it had reached.
+    // A file taken over from a slower mirror went on there from the byte it had reached; one that
+    // got an error status instead of bytes there is fetched whole.
+    const bool takenWhole = mirrors.contains("unavailable");
     for (const QString &line : log.filter(QRegularExpression("^Stream \\d+ takes over "))) {
         const QString name = line.section(' ', 4, 4);
         for (const FileSpecification &entry : std::as_const(entries)) {
-            if (entry.name == name)
+            if (entry.name == name && !takenWhole)
                 expected << "/" + version + "/" + entry.directory + "/" + name + "+";
         }
     }
@@ -394,6 +418,15 @@ void tst_FTPProductDownloadSession::download()
             for (const QString &request : requests)
                 QCOMPARE(request.section(' ', 0, 0), requests.first().section(' ', 0, 0));
             QCOMPARE(requests.filter(QRegularExpression("^\\S+ HEAD ")).size(), 1);
+        }
+        if (mirrors == "https-goaway") {
+            QStringList connections;
+            for (const QString &request : requests)
+                connections << request.section(' ', 0, 0);
+            connections.removeDuplicates();
+            QVERIFY2(connections.size() <= requests.size() / 3 + 1,
+                     qPrintable(requests.join('\n')));
+            QVERIFY2(log.filter("Download error").isEmpty(), qPrintable(log.join('\n')));
         }
     }
     // A packed file fetched now is kept as what it unpacks to, the packed download gone.

@@ -48,16 +48,16 @@ LoopbackServer::~LoopbackServer()
     process.waitForFinished(5000);
 }
 
-std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
-                                                      const TestCertificates *tls, int rate)
+std::unique_ptr<LoopbackServer>
+LoopbackServer::nginx(const QString &root, const TestCertificates *tls, const QString &directives)
 {
     const QString ssl =
             tls ? QStringLiteral(" ssl http2; ssl_certificate %1; ssl_certificate_key %2")
                             .arg(tls->certFile, tls->keyFile)
                 : QString();
-    const QString limit = rate > 0 ? QStringLiteral(" limit_rate %1;").arg(rate) : QString();
-    return start(QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
-                 QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath(), limit));
+    return start(
+            QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
+            QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath(), " " + directives));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,

@@ -26,11 +26,11 @@ class LoopbackServer
 public:
     ~LoopbackServer();
 
-    // nginx serving root over HTTP, or HTTPS when certificates are given; with a rate, each
-    // response at most that many bytes a second.
+    // nginx serving root over HTTP, or HTTPS (HTTP/2) when certificates are given; directives
+    // go into its server block ("limit_rate 30000;").
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
                                                  const TestCertificates *tls = nullptr,
-                                                 int rate = 0);
+                                                 const QString &directives = {});
     // pyftpdlib, root read-only to anonymous and user; without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
                                                const QString &password = {}, bool resumes = true);
