@@ -165,6 +165,9 @@ def read_product_list(path):
 
 # --- servers -------------------------------------------------------------------------------------
 
+# Requests a connection carries before nginx ends it: more than any workload makes, unless a run
+# asks for nginx's own default (1000), which real mirrors keep.
+KEEPALIVE_REQUESTS = 100000
 NGINX_CONFIG = """daemon off;
 master_process off;
 worker_processes 1;
@@ -180,7 +183,7 @@ http {{
     uwsgi_temp_path {work}/uwsgi;
     scgi_temp_path {work}/scgi;
     sendfile on;
-    keepalive_requests 100000;
+    keepalive_requests {requests};
     keepalive_timeout 120s;
     server {{
         listen {listen};
@@ -228,7 +231,8 @@ class Servers:
         work.mkdir(parents=True, exist_ok=True)
         port = free_port()
         config = work / "nginx.conf"
-        config.write_text(NGINX_CONFIG.format(work=work, listen="127.0.0.1:%d" % port, root=root))
+        config.write_text(NGINX_CONFIG.format(work=work, listen="127.0.0.1:%d" % port, root=root,
+                                              requests=KEEPALIVE_REQUESTS))
         process = subprocess.Popen(["/usr/sbin/nginx", "-p", str(work), "-c", str(config),
                                     "-e", "stderr"], stderr=subprocess.DEVNULL)
         self.processes.append(process)

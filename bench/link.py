@@ -81,9 +81,11 @@ class Link:
     """nginx on a Unix socket serving the mirrors' root, behind the relay's loopback port. Only
     the relay's client side crosses the throttled loopback, so every byte is paid for once."""
 
-    def __init__(self, root, work, namespace, delay_ms, tls=None, rate=None):
+    def __init__(self, root, work, namespace, delay_ms, tls=None, rate=None,
+                 requests=bench.KEEPALIVE_REQUESTS):
         """tls: (certificate, key) makes nginx speak HTTPS with HTTP/2 by ALPN; rate (bytes a
-        second) holds this mirror below the link's rate."""
+        second) holds this mirror below the link's rate; requests: how many a connection
+        carries before nginx ends it."""
         self.processes = []
         self.scheme = "https" if tls else "http"
         self.launcher = list(namespace.launcher)
@@ -95,7 +97,8 @@ class Link:
         listen = "unix:%s" % sock
         if tls:
             listen += " ssl http2; ssl_certificate %s; ssl_certificate_key %s" % tls
-        config.write_text(bench.NGINX_CONFIG.format(work=work, listen=listen, root=root))
+        config.write_text(bench.NGINX_CONFIG.format(work=work, listen=listen, root=root,
+                                                    requests=requests))
         nginx = self.start(["/usr/sbin/nginx", "-p", str(work), "-c", str(config), "-e", "stderr"],
                            stderr=subprocess.DEVNULL)
         bench.wait_for_server(sock, nginx)
@@ -601,7 +604,7 @@ def many_case(ctx, namespace, root, args, tls, bundle):
     for delay in args.delays:
         for https in (s == "https" for s in args.many_schemes.split(",")):
             link = Link(root / "mirror", ctx.work / "nginx-many", namespace, delay,
-                        tls=tls if https else None)
+                        tls=tls if https else None, requests=args.keepalive_requests)
             try:
                 launcher = trusting(namespace.launcher, bundle) if https else namespace.launcher
                 contenders = link_contenders(ctx, launcher, [link], entries, https)
@@ -747,6 +750,9 @@ def parse_arguments():
                         help="which of the many workload's mirrors to time")
     parser.add_argument("--mirrors-schemes", default="http",
                         help="comma-separated: http, https (HTTP/2)")
+    parser.add_argument("--keepalive-requests", type=int, default=bench.KEEPALIVE_REQUESTS,
+                        help="requests per connection of the many workload's nginx (its own "
+                             "default: 1000)")
     parser.add_argument("--contenders",
                         help="time only the contenders whose name this regular expression matches")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
