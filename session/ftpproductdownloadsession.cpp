@@ -33,6 +33,9 @@ constexpr double minimumTakeoverGainMs = 1000;
 // A mirror not yet measured tries a file that would take at least this long where it is.
 constexpr double minimumProbeMs = 2000;
 constexpr int takeoverCheckMs = 250;
+// A mirror that has sent nothing for this long while its transfers run has stopped, whatever
+// round trip it is behind.
+constexpr qint64 silentMirrorMs = 3000;
 
 } // namespace
 
@@ -326,14 +329,18 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
             || !record->stream || patches.patchFor(record->fileIndex)) {
             continue;
         }
-        // A file waiting for its next attempt gets nothing where it is, however fast that mirror
-        // was: a mirror that went away would otherwise hold its files through every wait.
-        const bool waiting = record->stream->isWaitingToRepeat();
-        if (!waiting && record->transferClock.elapsed() < (probe ? probeSettleMs : settleMs))
+        // A file waiting for its next attempt, or running on a mirror that has sent nothing for a
+        // while, gets nothing where it is, however fast that mirror was: a mirror that went away
+        // would otherwise hold its files until every stall and wait had run out.
+        const qint64 age = record->transferClock.elapsed();
+        const bool stopped = record->stream->isWaitingToRepeat()
+                             || (age >= silentMirrorMs
+                                 && mirrors.silentMs(record->mirrorIndex) >= silentMirrorMs);
+        if (!stopped && age < (probe ? probeSettleMs : settleMs))
             continue;
         // A mirror that delivers more than this one keeps its files: a transfer of its that is
         // slow now has just started on a new connection, or its stall ends in a retry there.
-        if (!waiting && !probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
+        if (!stopped && !probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
             continue;
         unsigned long long done = 0;
         unsigned long long size = 0;
@@ -342,10 +349,10 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
         // Compared with another mirror, a transfer on a shared connection counts at its share of
         // what its mirror delivers, since it speeds up as the others end; a probe goes by what
         // the transfer itself gets, which is all that is known to be slow.
-        double slowRate = waiting ? 0 : record->transferRate(qint64(done));
-        if (!waiting && !probe && carriesManyRequests(record->mirrorIndex))
+        double slowRate = stopped ? 0 : record->transferRate(qint64(done));
+        if (!stopped && !probe && carriesManyRequests(record->mirrorIndex))
             slowRate = qMax(slowRate, shareOf(record->mirrorIndex, 0));
-        if ((remaining <= 0 && !waiting)
+        if ((remaining <= 0 && !stopped)
             || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))) {
             continue;
         }

@@ -119,6 +119,8 @@ int MirrorChoice::fastest() const
 void MirrorChoice::noteDelivered(int m, qint64 bytes)
 {
     Rate &r = rates[m];
+    if (bytes > 0)
+        r.lastDelivery.start();
     if (!r.window.isValid()) {
         r.window.start();
         r.windowBytes = bytes;
@@ -149,6 +151,12 @@ double MirrorChoice::rate(int m) const
     if (r.rate > 0 || !r.window.isValid() || r.windowBytes <= 0)
         return r.rate;
     return double(r.windowBytes) * 1000.0 / double(qMax(r.windowLastMs, shortestWindowMs));
+}
+
+qint64 MirrorChoice::silentMs(int m) const
+{
+    const QElapsedTimer &last = rates.at(m).lastDelivery;
+    return last.isValid() ? last.elapsed() : std::numeric_limits<qint64>::max();
 }
 
 bool MirrorChoice::isMuchSlower(int m, int than) const

@@ -32,6 +32,8 @@ public:
     void noteDelivered(int m, qint64 bytes);
     // Bytes a second mirror m delivers, over all its streams; 0 while unknown.
     double rate(int m) const;
+    // Milliseconds since mirror m last delivered a byte; since the start of time if it never has.
+    qint64 silentMs(int m) const;
     // Both are measured and than delivers many times what m does.
     bool isMuchSlower(int m, int than) const;
     // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
@@ -41,6 +43,7 @@ private:
     struct Rate
     {
         QElapsedTimer window;
+        QElapsedTimer lastDelivery;
         qint64 windowBytes = 0;
         // When the window's last bytes came.
         qint64 windowLastMs = 0;

@@ -12,6 +12,7 @@
 #include <QHash>
 #include <QRegularExpression>
 #include <QSettings>
+#include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -86,6 +87,8 @@ private:
     TestCertificates certificates;
     QString root;
     QHash<QString, FileSpecification> entries; // by install path
+    // Takes connections and never answers: an upstream that has gone quiet.
+    QTcpServer silent;
 };
 
 void tst_FTPProductDownloadSession::initialize_data()
@@ -145,6 +148,7 @@ void tst_FTPProductDownloadSession::initialize()
 void tst_FTPProductDownloadSession::initTestCase()
 {
     seedRandomGenerator();
+    QVERIFY(silent.listen(QHostAddress::LocalHost));
     QVERIFY(makeTestCertificates(published.path(), &certificates));
     SingleFileDownloadStream::setDefaultTrustedCaFile(certificates.caFile);
     QTemporaryDir release;
@@ -202,12 +206,15 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         *urls << server->url("http", "/");
     } else {
         // "https-slow": each response at 30 kB/s; "https-goaway": every connection ended after
-        // three requests; "https-qm-unavailable": 503 for the two .qm files.
+        // three requests; for the two .qm files "https-qm-unavailable" answers 503 and
+        // "https-qm-silent" nothing at all.
         const bool tls = kind.startsWith("https");
         const QHash<QString, QString> directives{
                 {"https-slow", "limit_rate 30000;"},
                 {"https-goaway", "keepalive_requests 3;"},
-                {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"}};
+                {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"},
+                {"https-qm-silent", QString("location ~ \\.qm$ { proxy_pass http://127.0.0.1:%1; }")
+                                            .arg(silent.serverPort())}};
         server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
         *urls << server->url(tls ? "https" : "http", "/");
     }
@@ -269,6 +276,11 @@ void tst_FTPProductDownloadSession::download_data()
     // the other mirror tries before it is measured.
     QTest::newRow("files waiting to repeat on a faster mirror, taken over")
             << "https-qm-unavailable@3600 http" << 2 << "" << true
+            << QStringList{"Stream 1 takes over de.qm ", "Stream 1 takes over en.qm "} << all;
+    // The same for two files of which the faster mirror sends nothing: not even the stall
+    // timeout's minute passes.
+    QTest::newRow("files on a faster mirror gone silent, taken over")
+            << "https-qm-silent http" << 2 << "" << true
             << QStringList{"Stream 1 takes over de.qm ", "Stream 1 takes over en.qm "} << all;
     QTest::newRow("the slow mirror left when the other failed")
             << "fault:*=status:404 fault:*=trickle:300" << 2 << "" << true
@@ -393,7 +405,7 @@ void tst_FTPProductDownloadSession::download()
         expected << mirrorPath(path) + (truncated.contains(path) ? "+" : "");
     // A file taken over from a slower mirror went on there from the byte it had reached; one that
     // got an error status instead of bytes there is fetched whole.
-    const bool takenWhole = mirrors.contains("unavailable");
+    const bool takenWhole = mirrors.contains("https-qm-");
     for (const QString &line : log.filter(QRegularExpression("^Stream \\d+ takes over "))) {
         const QString name = line.section(' ', 4, 4);
         for (const FileSpecification &entry : std::as_const(entries)) {
