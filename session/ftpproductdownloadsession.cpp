@@ -371,7 +371,11 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     emit message(QString("Stream %1 takes over %2 from stream %3").arg(s).arg(name).arg(slowest));
     // The bytes that arrived stay in the file; the new transfer continues from its end.
     shutDownStream(slowest);
-    return startFile(s, i);
+    if (!startFile(s, i))
+        return false;
+    if (carriesManyRequests(m))
+        addMultiplexedStreams(m);
+    return true;
 }
 
 int FTPProductDownloadSession::transfersOn(int m) const
@@ -409,18 +413,23 @@ void FTPProductDownloadSession::retryTakeovers()
 }
 
 // Over HTTP/2 more streams on the mirror cost requests, not connections: enough of them are
-// opened to keep many small files in flight.
+// opened to keep many small files in flight, or to take over the files of much slower mirrors at
+// once rather than one after the other.
 void FTPProductDownloadSession::addMultiplexedStreams(int m)
 {
     int onMirror = 0;
-    for (const auto &record : streams)
+    int elsewhere = 0;
+    for (const auto &record : streams) {
         onMirror += record->mirrorIndex == m ? 1 : 0;
+        const int other = record->fileIndex >= 0 ? record->mirrorIndex : -1;
+        elsewhere += other >= 0 && other != m && mirrors.isMuchSlower(other, m) ? 1 : 0;
+    }
     int unclaimed = 0;
     const unsigned int marks =
             FileSpecification::Ready | FileSpecification::Pending | FileSpecification::Downloaded;
     for (int i = task.readyBound + 1; i < task.getSize(); ++i)
         unclaimed += (task.getFlags(i) & marks) == 0 ? 1 : 0;
-    const int wanted = qMin(requestsInFlightPerMirror, onMirror + unclaimed);
+    const int wanted = qMin(requestsInFlightPerMirror, onMirror + unclaimed + elsewhere);
     for (int r = baseStreamCount; onMirror < wanted; ++r) {
         if (r == int(streams.size()))
             createDownloadStream();
