@@ -321,43 +321,10 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     const bool probe = mirrors.rate(m) <= 0;
     if (probe && transfersOn(m) > 0)
         return false;
-    const double fastRate = shareOf(m, 1);
     int slowest = -1;
     double bestGainMs = probe ? minimumProbeMs : minimumTakeoverGainMs;
     for (const auto &record : streams) {
-        if (record->fileIndex < 0 || record->mirrorIndex < 0 || record->mirrorIndex == m
-            || !record->stream || patches.patchFor(record->fileIndex)) {
-            continue;
-        }
-        // A file waiting for its next attempt, or running on a mirror that has sent nothing for a
-        // while, gets nothing where it is, however fast that mirror was: a mirror that went away
-        // would otherwise hold its files until every stall and wait had run out.
-        const qint64 age = record->transferClock.elapsed();
-        const bool stopped = record->stream->isWaitingToRepeat()
-                             || (age >= silentMirrorMs
-                                 && mirrors.silentMs(record->mirrorIndex) >= silentMirrorMs);
-        if (!stopped && age < (probe ? probeSettleMs : settleMs))
-            continue;
-        // A mirror that delivers more than this one keeps its files: a transfer of its that is
-        // slow now has just started on a new connection, or its stall ends in a retry there.
-        if (!stopped && !probe && mirrors.rate(record->mirrorIndex) > mirrors.rate(m))
-            continue;
-        unsigned long long done = 0;
-        unsigned long long size = 0;
-        record->stream->getProgress(&done, &size);
-        const double remaining = double(size) - double(done);
-        // Compared with another mirror, a transfer on a shared connection counts at its share of
-        // what its mirror delivers, since it speeds up as the others end; a probe goes by what
-        // the transfer itself gets, which is all that is known to be slow.
-        double slowRate = stopped ? 0 : record->transferRate(qint64(done));
-        if (!stopped && !probe && carriesManyRequests(record->mirrorIndex))
-            slowRate = qMax(slowRate, shareOf(record->mirrorIndex, 0));
-        if ((remaining <= 0 && !stopped)
-            || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))) {
-            continue;
-        }
-        const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
-        const double gainMs = probe ? slowMs : slowMs - remaining * 1000 / fastRate;
+        const double gainMs = takeoverGainMs(*record, m, probe);
         if (gainMs > bestGainMs) {
             bestGainMs = gainMs;
             slowest = record->index;
@@ -376,6 +343,51 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
     if (carriesManyRequests(m))
         addMultiplexedStreams(m);
     return true;
+}
+
+// A file waiting for its next attempt, or running on a mirror that has sent nothing for a while,
+// gets nothing where it is, however fast that mirror was: a mirror that went away would otherwise
+// hold its files until every stall and wait had run out.
+bool FTPProductDownloadSession::hasStopped(const DownloadStream &record) const
+{
+    return record.stream->isWaitingToRepeat()
+           || (record.transferClock.elapsed() >= silentMirrorMs
+               && mirrors.silentMs(record.mirrorIndex) >= silentMirrorMs);
+}
+
+// What taking record's file over to mirror m would save, in milliseconds; for a probe, how long
+// the file would take where it is. Negative when the file is no candidate.
+double FTPProductDownloadSession::takeoverGainMs(const DownloadStream &record, int m,
+                                                 bool probe) const
+{
+    if (record.fileIndex < 0 || record.mirrorIndex < 0 || record.mirrorIndex == m || !record.stream
+        || patches.patchFor(record.fileIndex)) {
+        return -1;
+    }
+    const bool stopped = hasStopped(record);
+    if (!stopped && record.transferClock.elapsed() < (probe ? probeSettleMs : settleMs))
+        return -1;
+    // A mirror that delivers more than this one keeps its files: a transfer of its that is slow
+    // now has just started on a new connection, or its stall ends in a retry there.
+    if (!stopped && !probe && mirrors.rate(record.mirrorIndex) > mirrors.rate(m))
+        return -1;
+    unsigned long long done = 0;
+    unsigned long long size = 0;
+    record.stream->getProgress(&done, &size);
+    const double remaining = double(size) - double(done);
+    // Compared with another mirror, a transfer on a shared connection counts at its share of what
+    // its mirror delivers, since it speeds up as the others end; a probe goes by what the
+    // transfer itself gets, which is all that is known to be slow.
+    double slowRate = stopped ? 0 : record.transferRate(qint64(done));
+    if (!stopped && !probe && carriesManyRequests(record.mirrorIndex))
+        slowRate = qMax(slowRate, shareOf(record.mirrorIndex, 0));
+    const double fastRate = shareOf(m, 1);
+    if ((remaining <= 0 && !stopped)
+        || (!probe && !MirrorChoice::isMuchSlowerRate(slowRate, fastRate))) {
+        return -1;
+    }
+    const double slowMs = slowRate > 0 ? remaining * 1000 / slowRate : 1e18;
+    return probe ? slowMs : slowMs - remaining * 1000 / fastRate;
 }
 
 int FTPProductDownloadSession::transfersOn(int m) const

@@ -94,6 +94,8 @@ private:
     void shutDownStream(int s);
     bool leaveSlowMirror(int s);
     bool takeOverSlowFile(int s);
+    bool hasStopped(const DownloadStream &record) const;
+    double takeoverGainMs(const DownloadStream &record, int m, bool probe) const;
     // How many streams on mirror m have a file.
     int transfersOn(int m) const;
     // Bytes a second a transfer gets from mirror m with joining more beside those under way:
