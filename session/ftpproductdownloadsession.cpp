@@ -36,6 +36,10 @@ constexpr int takeoverCheckMs = 250;
 // A mirror that has sent nothing for this long while its transfers run has stopped, whatever
 // round trip it is behind.
 constexpr qint64 silentMirrorMs = 3000;
+// Mid-list no stream is idle to take such a mirror's files over, and its stall and retry waits
+// would hold them for minutes: after this long its streams move to another mirror.
+constexpr qint64 stoppedMirrorMs = 10000;
+constexpr int mirrorWatchMs = 250;
 
 } // namespace
 
@@ -45,6 +49,8 @@ FTPProductDownloadSession::FTPProductDownloadSession()
     takeoverTimer.setSingleShot(true);
     takeoverTimer.setInterval(takeoverCheckMs);
     connect(&takeoverTimer, &QTimer::timeout, this, &FTPProductDownloadSession::retryTakeovers);
+    mirrorWatch.setInterval(mirrorWatchMs);
+    connect(&mirrorWatch, &QTimer::timeout, this, &FTPProductDownloadSession::watchMirrors);
 }
 
 // The streams are the last member, so they go first: each record disconnects and deletes its
@@ -295,17 +301,24 @@ bool FTPProductDownloadSession::leaveSlowMirror(int s)
     DownloadStream *record = streams[s].get();
     const int m = record->mirrorIndex;
     const int fastest = mirrors.fastest();
-    if (m < 0 || fastest < 0 || fastest == m || !mirrors.isMuchSlower(m, fastest))
+    if (m < 0 || fastest < 0 || fastest == m || !mirrors.isMuchSlower(m, fastest)
+        || isSilentFor(fastest, silentMirrorMs)) {
         return false;
+    }
     if (s >= baseStreamCount) {
         shutDownStream(s);
         return true;
     }
-    record->stream->cancel();
-    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(fastest));
-    connectStreamToMirror(s, fastest);
-    emit streamSwitchMirror(s);
+    moveStream(s, fastest);
     return true;
+}
+
+void FTPProductDownloadSession::moveStream(int s, int m)
+{
+    streams[s]->stream->cancel();
+    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(m));
+    connectStreamToMirror(s, m);
+    emit streamSwitchMirror(s);
 }
 
 // At the end of the list an idle stream takes over the file that a much slower mirror would
@@ -422,6 +435,65 @@ void FTPProductDownloadSession::retryTakeovers()
             assignNextFile(s);
         }
     }
+}
+
+bool FTPProductDownloadSession::isSilentFor(int m, qint64 ms) const
+{
+    return mirrors.silentMs(m) >= ms
+           && std::any_of(streams.cbegin(), streams.cend(), [m, ms](const auto &record) {
+                  return record->mirrorIndex == m && record->fileIndex >= 0
+                         && record->transferClock.elapsed() >= ms;
+              });
+}
+
+// A mirror whose transfers wait for bytes delivers nothing meanwhile, and its rate must say so:
+// bytes that came in one burst at the start would otherwise count as a fast mirror's.
+void FTPProductDownloadSession::watchMirrors()
+{
+    for (int m = 0; m < mirrors.size(); ++m) {
+        if (transfersOn(m) > 0)
+            mirrors.noteDelivered(m, 0);
+        if (!mirrors.at(m).failed && isSilentFor(m, stoppedMirrorMs))
+            leaveStoppedMirror(m);
+    }
+}
+
+// A mirror that went silent is left, not failed: its files go on elsewhere from the bytes they
+// reached, and it is used again when the others fail. Never for a mirror that was left before,
+// so that two silent mirrors cannot pass the streams to and fro while no retry runs out.
+void FTPProductDownloadSession::leaveStoppedMirror(int m)
+{
+    const int target = liveMirrorBesides(m);
+    if (target < 0)
+        return;
+    emit message(QString("Mirror %1 sent nothing for %2 seconds, its streams move to %3")
+                         .arg(mirrors.at(m).url)
+                         .arg(stoppedMirrorMs / 1000)
+                         .arg(mirrors.at(target).url));
+    mirrors.noteStopped(m);
+    for (int s = 0; s < int(streams.size()); ++s) {
+        DownloadStream *record = streams[s].get();
+        const bool onMirror = record->mirrorIndex == m;
+        if (onMirror && record->fileIndex >= 0)
+            unclaimFile(record->fileIndex);
+        if (onMirror && s >= baseStreamCount)
+            shutDownStream(s);
+        // A base stream that had found nothing left to do is needed for the files given back.
+        else if (onMirror || (s < baseStreamCount && record->mirrorIndex < 0))
+            moveStream(s, target);
+    }
+    retryTakeovers();
+}
+
+int FTPProductDownloadSession::liveMirrorBesides(int m) const
+{
+    for (int candidate : mirrors.dealOrder()) {
+        if (candidate != m && !mirrors.isStopped(candidate)
+            && !isSilentFor(candidate, silentMirrorMs)) {
+            return candidate;
+        }
+    }
+    return -1;
 }
 
 // Over HTTP/2 more streams on the mirror cost requests, not connections: enough of them are
@@ -587,6 +659,7 @@ void FTPProductDownloadSession::onFileFinished(int s)
             assignNextFile(s);
             return;
         }
+        mirrorWatch.stop();
         emit message("Download finished.");
         emit downloadFinished();
         return;
@@ -764,6 +837,7 @@ void FTPProductDownloadSession::startDownloadBySessionState()
         return;
     }
     emit progressCount(task.downloadedSize, task.totalSize);
+    mirrorWatch.start();
     // Mirrors already known failed are left out; each stream goes to the mirror that has
     // fewest, the faster one first.
     const QVector<int> order = mirrors.dealOrder();

@@ -105,6 +105,13 @@ private:
     // Another mirror still has a transfer under way.
     bool runsElsewhere(int s) const;
     void retryTakeovers();
+    // Transfers of mirror m have run for ms and nothing came from it for as long.
+    bool isSilentFor(int m, qint64 ms) const;
+    void watchMirrors();
+    void leaveStoppedMirror(int m);
+    // The fastest mirror other than m that neither failed nor went silent; -1 when none.
+    int liveMirrorBesides(int m) const;
+    void moveStream(int s, int m);
     void changeStreamMirror(int s);
     bool hasStreamWithMirror() const;
 
@@ -146,6 +153,7 @@ private:
     // Where files unpacked on arrival go, made once each.
     QSet<QString> unpackedDirectories;
     QTimer takeoverTimer;
+    QTimer mirrorWatch;
     std::vector<std::unique_ptr<DownloadStream>> streams;
 };
 

@@ -119,9 +119,14 @@ int MirrorChoice::fastest() const
 void MirrorChoice::noteDelivered(int m, qint64 bytes)
 {
     Rate &r = rates[m];
-    if (bytes > 0)
+    if (bytes > 0) {
         r.lastDelivery.start();
+        r.stopped = false;
+    }
     if (!r.window.isValid()) {
+        // Waiting for a first byte says nothing yet.
+        if (bytes <= 0)
+            return;
         r.window.start();
         r.windowBytes = bytes;
         r.windowLastMs = 0;
@@ -151,6 +156,12 @@ double MirrorChoice::rate(int m) const
     if (r.rate > 0 || !r.window.isValid() || r.windowBytes <= 0)
         return r.rate;
     return double(r.windowBytes) * 1000.0 / double(qMax(r.windowLastMs, shortestWindowMs));
+}
+
+void MirrorChoice::noteStopped(int m)
+{
+    rates[m] = Rate();
+    rates[m].stopped = true;
 }
 
 qint64 MirrorChoice::silentMs(int m) const

@@ -28,12 +28,16 @@ public:
     // The mirror not marked failed that delivers most; -1 while none has been measured.
     int fastest() const;
 
-    // Bytes that arrived from mirror m just now.
+    // Bytes that arrived from mirror m just now; 0 while its transfers wait for more.
     void noteDelivered(int m, qint64 bytes);
     // Bytes a second mirror m delivers, over all its streams; 0 while unknown.
     double rate(int m) const;
     // Milliseconds since mirror m last delivered a byte; since the start of time if it never has.
     qint64 silentMs(int m) const;
+    // Mirror m's streams were moved off it because it went silent: it counts as not measured,
+    // and as no place to move to, until it delivers again.
+    void noteStopped(int m);
+    bool isStopped(int m) const { return rates.at(m).stopped; }
     // Both are measured and than delivers many times what m does.
     bool isMuchSlower(int m, int than) const;
     // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
@@ -45,9 +49,10 @@ private:
         QElapsedTimer window;
         QElapsedTimer lastDelivery;
         qint64 windowBytes = 0;
-        // When the window's last bytes came.
+        // When the window last heard of the mirror: bytes, or that its transfers still wait.
         qint64 windowLastMs = 0;
         double rate = 0;
+        bool stopped = false;
     };
 
     QVector<MarkedSiteData> mirrors;
