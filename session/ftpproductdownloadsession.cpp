@@ -453,14 +453,15 @@ void FTPProductDownloadSession::watchMirrors()
     for (int m = 0; m < mirrors.size(); ++m) {
         if (transfersOn(m) > 0)
             mirrors.noteDelivered(m, 0);
-        if (!mirrors.at(m).failed && isSilentFor(m, stoppedMirrorMs))
+        if (isSilentFor(m, stoppedMirrorMs))
             leaveStoppedMirror(m);
     }
 }
 
 // A mirror that went silent is left, not failed: its files go on elsewhere from the bytes they
-// reached, and it is used again when the others fail. Never for a mirror that was left before,
-// so that two silent mirrors cannot pass the streams to and fro while no retry runs out.
+// reached, and it is used again when the others fail; the streams still waiting on a mirror that
+// another stream found failed go too. Never for a mirror that was left before, so that two silent
+// mirrors cannot pass the streams to and fro while no retry runs out.
 void FTPProductDownloadSession::leaveStoppedMirror(int m)
 {
     const int target = liveMirrorBesides(m);
