@@ -363,9 +363,13 @@ bool FTPProductDownloadSession::takeOverSlowFile(int s)
 // hold its files until every stall and wait had run out.
 bool FTPProductDownloadSession::hasStopped(const DownloadStream &record) const
 {
-    return record.stream->isWaitingToRepeat()
-           || (record.transferClock.elapsed() >= silentMirrorMs
-               && mirrors.silentMs(record.mirrorIndex) >= silentMirrorMs);
+    return record.stream->isWaitingToRepeat() || waitedInSilence(record, silentMirrorMs);
+}
+
+bool FTPProductDownloadSession::waitedInSilence(const DownloadStream &record, qint64 ms) const
+{
+    return record.fileIndex >= 0 && record.transferClock.elapsed() >= ms
+           && mirrors.silentMs(record.mirrorIndex) >= ms;
 }
 
 // What taking record's file over to mirror m would save, in milliseconds; for a probe, how long
@@ -439,11 +443,9 @@ void FTPProductDownloadSession::retryTakeovers()
 
 bool FTPProductDownloadSession::isSilentFor(int m, qint64 ms) const
 {
-    return mirrors.silentMs(m) >= ms
-           && std::any_of(streams.cbegin(), streams.cend(), [m, ms](const auto &record) {
-                  return record->mirrorIndex == m && record->fileIndex >= 0
-                         && record->transferClock.elapsed() >= ms;
-              });
+    return std::any_of(streams.cbegin(), streams.cend(), [this, m, ms](const auto &record) {
+        return record->mirrorIndex == m && waitedInSilence(*record, ms);
+    });
 }
 
 // A mirror whose transfers wait for bytes delivers nothing meanwhile, and its rate must say so:

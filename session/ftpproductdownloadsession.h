@@ -95,6 +95,8 @@ private:
     bool leaveSlowMirror(int s);
     bool takeOverSlowFile(int s);
     bool hasStopped(const DownloadStream &record) const;
+    // Record's transfer has run for ms and nothing came from its mirror for as long.
+    bool waitedInSilence(const DownloadStream &record, qint64 ms) const;
     double takeoverGainMs(const DownloadStream &record, int m, bool probe) const;
     // How many streams on mirror m have a file.
     int transfersOn(int m) const;
