@@ -1,6 +1,7 @@
 #include "tasks/taskstate.h"
 #include "tests/support/testfiles.h"
 
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -39,7 +40,7 @@ Counters counters(const TaskState &s)
 
 } // namespace
 
-// The task list: its product file list, and the marks and counts kept over it.
+// The task list: its product file list, its saved form, and the marks and counts kept over it.
 class tst_TaskList : public QObject
 {
     Q_OBJECT
@@ -47,6 +48,7 @@ class tst_TaskList : public QObject
 private slots:
     void entries_data();
     void entries();
+    void saveAndLoad();
     void marks_data();
     void marks();
 
@@ -96,6 +98,47 @@ void tst_TaskList::entries()
         QCOMPARE(fields(list.files.at(1)), entry);
     else
         QCOMPARE(list.totalSize, 5u);
+}
+
+// The saved form is read by whoever kept it, perhaps another version: its values are fixed.
+void tst_TaskList::saveAndLoad()
+{
+    TaskState list;
+    QVERIFY(list.initializeByProductIni(writeIni("[bin]\nupdate=aa::7\n"
+                                                 "[lib]\nlibq.so.gz=bb::20::cc::64::libq.so\n")));
+    list.markReady(0);
+    list.setFlags(1, 2 | 16);
+    // Unpacked fields without an unpacked name are not saved.
+    list.files.append(FileSpecification{0, "d", "n", {}, 0, "ee", 9, {}});
+    QSettings settings(dir.filePath("saved.ini"), QSettings::IniFormat);
+    settings.beginGroup("task");
+    list.save(&settings);
+    // Short values, which save never writes, are read without running past their end.
+    settings.setValue("short/file/size", 2);
+    settings.setValue("short/file/1/v", "3::dir");
+    settings.setValue("short/file/2/v", "1::d::n::m::5::u::6");
+    settings.sync();
+    QCOMPARE(settings.value("file/size").toInt(), 3);
+    QCOMPARE(settings.value("file/1/v").toString(), "5::bin::update::aa::7");
+    QCOMPARE(settings.value("file/2/v").toString(), "18::lib::libq.so.gz::bb::20::cc::64::libq.so");
+
+    TaskState loaded;
+    QVERIFY(loaded.load(&settings));
+    QCOMPARE(loaded.getSize(), 3);
+    QCOMPARE(fields(loaded.files.at(0)), fields(list.files.at(0)));
+    QCOMPARE(fields(loaded.files.at(1)), fields(list.files.at(1)));
+    QCOMPARE(fields(loaded.files.at(2)), "0 | d | n |  | 0 |  | 0 | ");
+    loaded.updateCompletionInfo();
+    QCOMPARE(counters(loaded), (Counters{1, 0, 7, 1, 0, 7}));
+    // Loading again replaces the entries but adds to the total.
+    QVERIFY(loaded.load(&settings));
+    QCOMPARE(loaded.getSize(), 3);
+    QCOMPARE(loaded.totalSize, 54u);
+
+    settings.beginGroup("short");
+    QVERIFY(loaded.load(&settings));
+    QCOMPARE(fields(loaded.files.at(0)), "3 | dir |  |  | 0 |  | 0 | ");
+    QCOMPARE(fields(loaded.files.at(1)), "1 | d | n | m | 5 |  | 0 | ");
 }
 
 void tst_TaskList::marks_data()
