@@ -76,7 +76,9 @@ std::unique_ptr<LoopbackServer> LoopbackServer::proxy()
 {
     return start(QStringLiteral("/usr/bin/tinyproxy"), {"-d", "-c", "@work@/server.conf"},
                  QStringLiteral("Port @port@\nListen 127.0.0.1\nAllow 127.0.0.1\n"
-                                "LogFile \"@work@/server.log\"\nLogLevel Connect\n"));
+                                "BasicAuth %1 %2\n"
+                                "LogFile \"@work@/server.log\"\nLogLevel Connect\n")
+                         .arg(proxyUser, proxyPassword));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::faultHttp(const QString &root)

@@ -34,8 +34,11 @@ public:
     // pyftpdlib, root read-only to anonymous and user; without resumes it refuses REST.
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
                                                const QString &password = {}, bool resumes = true);
-    // tinyproxy, which also tunnels (CONNECT) to loopback ports.
+    // tinyproxy, which also tunnels (CONNECT) to loopback ports, for proxyUser and proxyPassword
+    // only.
     static std::unique_ptr<LoopbackServer> proxy();
+    static constexpr const char *proxyUser = "relay";
+    static constexpr const char *proxyPassword = "pa.ss-1";
     // An HTTP/1.1 server with keep-alive serving root; see setFaults().
     static std::unique_ptr<LoopbackServer> faultHttp(const QString &root);
     // A UDP server answering every datagram with reply, or never when answer is false; with
