@@ -166,6 +166,10 @@ private slots:
                 << QByteArray("12 available, 11 installed");
         QTest::newRow("no server, unsigned pointer")
                 << QByteArray() << "unsigned" << true << QByteArray("11") << 1 << QByteArray();
+        QTest::newRow("no server, pointer signed by an unknown key")
+                << QByteArray() << "unknown key" << true << QByteArray("11") << 1 << QByteArray();
+        QTest::newRow("no server, pointer naming another client type")
+                << QByteArray() << "other type" << true << QByteArray("11") << 1 << QByteArray();
         QTest::newRow("no server, expired pointer")
                 << QByteArray() << "expired" << true << QByteArray("11") << 1 << QByteArray();
         QTest::newRow("no server, pointer below installed")
@@ -195,9 +199,13 @@ private slots:
                              "orlivo-latest " + clientType + " 12 1000", "-m", latest}));
         } else if (pointer != "none") {
             QStringList arguments{"--latest", clientType, "12", mirrorRoot};
-            if (pointer == "signed")
-                arguments << "--sign" << keys + "/update-secret.key";
+            if (pointer != "unsigned")
+                arguments << "--sign"
+                          << (pointer == "unknown key" ? unknownKeys : keys) + "/update-secret.key";
             QVERIFY(execute(UPDATE_PUBLISH, arguments));
+            if (pointer == "other type")
+                QVERIFY(writeTestFile(latest,
+                                      readTestFile(latest).replace("type=client", "type=x")));
         }
         std::unique_ptr<VersionServer> server;
         QByteArray port = deadPort.toUtf8();
@@ -212,6 +220,10 @@ private slots:
                        trusted, &out, &err),
                  status);
         QCOMPARE(out, line.isEmpty() ? line : line + '\n');
+        QVERIFY(!pointer.contains(' ')
+                || err.contains(pointer == "unknown key"
+                                        ? QByteArray("its signature is not valid")
+                                        : "it is not a pointer to " + clientType.toUtf8()));
         QVERIFY(pointer != "signed" || reply.isEmpty() || err.contains("lower than the signed"));
         // Nothing fetched beyond the pointer, nothing written.
         QCOMPARE(treeBelow(installation->path()).keys().filter("orlivo_temp").size(), 0);
