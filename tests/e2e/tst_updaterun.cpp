@@ -389,7 +389,8 @@ private slots:
         writeMirrors({"http"});
         QVERIFY(runs(3, "Rolled back to the previous version\n", {"--nouser"},
                      preloadedFault("ORLIVO_FAIL_SWITCH", "1")));
-        QVERIFY(log.contains("readme.txt: Permission denied\n") && !log.contains("Update finished"));
+        QVERIFY(log.contains("readme.txt: Permission denied\n")
+                && !log.contains("Update finished"));
         verifyUntouched();
         const qsizetype requestsBefore = http->logLines().size();
         QVERIFY(runs(0, "Previous update session for v. 12 found\n"));
@@ -638,6 +639,8 @@ private slots:
         QTest::newRow("base of the release before") << "older" << QByteArray("made from a patch");
         QTest::newRow("installed file matching no base") << "changed" << QByteArray("Update fin");
         QTest::newRow("patch damaged on the way") << "corrupt" << QByteArray("fetching the whole");
+        QTest::newRow("unsigned manifest vouching for another patch")
+                << "lying" << QByteArray("does not make update");
     }
 
     void patches()
@@ -651,8 +654,29 @@ private slots:
         const QStringList patches = treeBelow(mirrorRoot + "/12").keys().filter("patches/");
         const QString patch = "/12/" + patches.filter(md5Of(readTestFile(at("update")))).value(0);
         const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
-        fault = LoopbackServer::faultHttp(mirrorRoot);
-        QVERIFY(fault && patches.size() == 2 && !whole.isEmpty());
+        QVERIFY(patches.size() == 2 && !whole.isEmpty());
+        QString root = mirrorRoot;
+        if (trouble == "lying") {
+            // The other base's patch, listed with its own digest and size as this base's.
+            root = QFileInfo(work.path()).canonicalFilePath() + "/lying";
+            QVERIFY(execute("cp", {"-a", mirrorRoot, root}));
+            const QString other = "/12/" + patches.at(1 - patches.indexOf(patch.mid(4)));
+            const QByteArray bytes = readTestFile(root + other);
+            const QString sha256 =
+                    QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
+            QVERIFY(writeTestFile(root + patch, bytes));
+            const QString manifest = root + "/12/" + clientType + ".manifest";
+            QStringList lines = QString(readTestFile(manifest)).split('\n');
+            const QString key = patch.mid(4) + '=';
+            for (QString &line : lines) {
+                if (line.startsWith(key))
+                    line = key + sha256 + "::" + QString::number(bytes.size())
+                           + "::" + line.section("::", 2);
+            }
+            QVERIFY(writeTestFile(manifest, lines.join('\n').toUtf8()));
+        }
+        fault = LoopbackServer::faultHttp(root);
+        QVERIFY(fault);
         if (trouble == "corrupt")
             fault->setFaults(patch, {"corrupt"});
         writeMirrors({"fault"});
