@@ -1,4 +1,5 @@
 #include "tests/support/testfiles.h"
+#include "update/checksums.h"
 #include "update/cleanup.h"
 #include "update/filecopy.h"
 #include "update/packing.h"
@@ -66,6 +67,13 @@ void tst_FileUtilities::copies()
     QVERIFY(copied);
     QCOMPARE(readTestFile(unpacked), content);
     QCOMPARE(int(QFileInfo(unpacked).permissions() & 0x7777), 0x6664);
+    // Whole, streamed, or from an open file, the checksum is the same; a missing file has none.
+    QFile copy(unpacked);
+    QVERIFY(copy.open(QIODevice::ReadOnly) && copy.seek(7));
+    QCOMPARE(QStringList({getFileMD5(unpacked), getFileMD5Ex(unpacked), getFileMD5Ex(copy)}),
+             QStringList(3, md5Of(content)));
+    QVERIFY(getFileMD5(packed).isEmpty() && getFileMD5Ex(packed).isEmpty());
+    copy.close();
 
     // An existing target is kept as it was; a missing or non-regular source makes nothing, and
     // neither copying nor packing makes a file in a directory that is not there.
@@ -138,8 +146,7 @@ void tst_FileUtilities::packRoundTrip()
         return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? status.st_ino : 0;
     };
     const ino_t inode = inodeOf(packed);
-    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(content + content),
-                           quint64(content.size()) * 2),
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(content + content), quint64(content.size()) * 2),
              InPlaceUnpacking::Unpacked);
     QVERIFY(!QFile::exists(packed));
     QCOMPARE(readTestFile(unpacked), content + content);
@@ -177,8 +184,7 @@ void tst_FileUtilities::brokenPacked()
     QVERIFY(!unpackFileWithMD5(unpacked, packed, &md5));
     QCOMPARE(md5, QString("untouched"));
     QVERIFY(!QFile::exists(unpacked));
-    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(text(20000)), 20000),
-             InPlaceUnpacking::Refused);
+    QCOMPARE(unpackInPlace(packed, unpacked, md5Of(text(20000)), 20000), InPlaceUnpacking::Refused);
     QCOMPARE(readTestFile(packed), data);
 }
 
