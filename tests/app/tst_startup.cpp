@@ -11,8 +11,9 @@
 
 // Program entry up to the event loop: the command line and the version query behind its
 // defaults (against a real UDP version server on loopback), translations, refusal, the renamed
-// copies of files in use cleared away, and the window. Run under a German locale as well, where
-// the texts come from the catalogues. The unattended run is left to the end-to-end runs.
+// copies of files in use cleared away, the window, and a copy of the program started elsewhere. Run
+// under a German locale as well, where the texts come from the catalogues. The unattended run is
+// left to the end-to-end runs.
 class TestStartup : public QObject
 {
     Q_OBJECT
@@ -24,6 +25,7 @@ private slots:
     void parse();
     void start_data();
     void start();
+    void separateProcess();
 
 private:
     bool german = false;
@@ -163,6 +165,22 @@ void TestStartup::start()
     QVERIFY(boxes.isEmpty());
     // An interactive window waits for the user; only the unattended one has a timer to start it.
     QTEST(int(window->findChildren<QTimer *>(Qt::FindDirectChildrenOnly).size()), "autoStarts");
+}
+
+// The copy of this program in another directory starts there, detached, with the arguments as
+// they are; without such a copy nothing starts.
+void TestStartup::separateProcess()
+{
+    QTemporaryDir dir;
+    const QString name = QFileInfo(QCoreApplication::applicationFilePath()).fileName();
+    QVERIFY(!createSeparateUpdateProcess(dir.path(), {}));
+    QVERIFY(writeTestFile(dir.filePath(name), "#!/bin/sh\n{ pwd; printf '%s|' \"$@\"; } > ran.tmp\n"
+                                              "mv ran.tmp ran\n"));
+    QVERIFY(QFile::setPermissions(dir.filePath(name), QFile::ReadOwner | QFile::ExeOwner));
+    QVERIFY(createSeparateUpdateProcess(dir.path(), {"--nouser", "a b", ""}));
+    QTRY_VERIFY(QFile::exists(dir.filePath("ran")));
+    QCOMPARE(readTestFile(dir.filePath("ran")),
+             QFileInfo(dir.path()).canonicalFilePath().toUtf8() + "\n--nouser|a b||");
 }
 
 QTEST_MAIN(TestStartup)
