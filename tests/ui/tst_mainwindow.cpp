@@ -13,8 +13,8 @@
 
 #include <sys/stat.h>
 
-// The window and its runs, in this process against servers on loopback; installing through the
-// window is left to the end-to-end test. Message boxes are answered through the seam.
+// The window and its runs, in this process against servers on loopback, up to the install and its
+// questions. Message boxes are answered through the seam.
 class TestMainWindow : public QObject
 {
     Q_OBJECT
@@ -27,6 +27,8 @@ private slots:
     void progress();
     void germanCatalogue();
     void wholeRun();
+    void installQuestion_data();
+    void installQuestion();
 
 private:
     template<typename T>
@@ -45,6 +47,7 @@ private:
     std::unique_ptr<MainWindow> window;
     QStringList boxes;
     QMessageBox::StandardButton answer = QMessageBox::Ok;
+    std::function<void()> beforeAnswer;
     int testNumber = 0;
 };
 
@@ -86,6 +89,8 @@ void TestMainWindow::initTestCase()
                          .arg(box.title, box.text,
                               QString(buttons.valueToKeys(int(box.buttons)))
                                       .remove("|FirstButton"));
+        if (beforeAnswer)
+            beforeAnswer();
         return answer;
     });
 }
@@ -246,6 +251,43 @@ void TestMainWindow::wholeRun()
     QVERIFY(!window->isVisible());
     QTRY_COMPARE_WITH_TIMEOUT(readTestFile(appFile("marker")), QByteArray("started\n"),
                               runTimeoutMs);
+}
+
+void TestMainWindow::installQuestion_data()
+{
+    QTest::addColumn<QMessageBox::StandardButton>("reply");
+    QTest::addColumn<QString>("logLine");
+    QTest::newRow("abort") << QMessageBox::Abort
+                           << "Update stopped; the previous version was not changed";
+    QTest::newRow("retry, the cause gone") << QMessageBox::Retry << "Update finished, version: 7";
+    // The rest switched, but with a file left out the update is no success.
+    QTest::newRow("ignore") << QMessageBox::Ignore << "Switch complete";
+}
+
+// A file that the install cannot replace is asked about in a box, whose answer is followed.
+void TestMainWindow::installQuestion()
+{
+    QFETCH(QMessageBox::StandardButton, reply);
+    std::unique_ptr<LoopbackServer> mirror = LoopbackServer::nginx(mirrorRoot.path());
+    QVERIFY(mirror);
+    writeMirror(mirror->url("http", "/"));
+    const QString inTheWay = appFile("libvoice.so");
+    QVERIFY(writeTestFile(inTheWay + "/inside", "x"));
+    answer = reply;
+    if (reply == QMessageBox::Retry)
+        beforeAnswer = [&] { QDir(inTheWay).removeRecursively(); };
+    window->show();
+    child<QPushButton>("startButton")->click();
+    QTRY_VERIFY_WITH_TIMEOUT(child<QPushButton>("startButton")->isEnabled(), runTimeoutMs);
+    beforeAnswer = nullptr;
+    QCOMPARE(boxes.first(), "Question: Can't overwrite " + inTheWay
+                                    + ".\nIs a directory\nDo you wish to stop update? "
+                                      "[Abort|Retry|Ignore]");
+    QFETCH(QString, logLine);
+    QVERIFY(logLines().contains(logLine));
+    QCOMPARE(logLines().last().startsWith("Update finished"), reply == QMessageBox::Retry);
+    QCOMPARE(QFileInfo(inTheWay).isDir(), reply != QMessageBox::Retry);
+    QDir(inTheWay).removeRecursively();
 }
 
 int main(int argc, char *argv[])
