@@ -308,6 +308,24 @@ void tst_UpdatePublish::signatures()
     QCOMPARE(runPublish(QStringList{"--force", "--sign", dir.filePath("m.key")} + publish).exitCode,
              0);
     QCOMPARE(runPublish({"--check", list, "--key", theirs}).exitCode, 0);
+
+    // Another release's list, manifest and signature, replayed in this one's place; then
+    // without the signature.
+    QStringList next = publish;
+    next[2] = "13";
+    QCOMPARE(runPublish(QStringList{"--sign", dir.filePath("m.key")} + next).exitCode, 0);
+    for (const QString suffix : {".ini", ".manifest", ".manifest.minisig"}) {
+        QFile::remove(dir.filePath("mirror/12/client" + suffix));
+        QVERIFY(QFile::copy(dir.filePath("mirror/13/client" + suffix),
+                            dir.filePath("mirror/12/client" + suffix)));
+    }
+    QVERIFY(runPublish({"--check", list, "--key", theirs})
+                    .err.join('\n')
+                    .contains("client.manifest is the manifest of client 13, not of client 12"));
+    QVERIFY(QFile::remove(list.chopped(4) + ".manifest.minisig"));
+    QVERIFY(runPublish({"--check", list, "--key", theirs})
+                    .err.join('\n')
+                    .contains("client.manifest.minisig is missing or not a minisign signature"));
 }
 
 void tst_UpdatePublish::errors_data()
