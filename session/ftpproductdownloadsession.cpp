@@ -39,6 +39,9 @@ constexpr qint64 silentMirrorMs = 3000;
 // Mid-list no stream is idle to take such a mirror's files over, and its stall and retry waits
 // would hold them for minutes: after this long its streams move to another mirror.
 constexpr qint64 stoppedMirrorMs = 10000;
+// A mirror left for its silence is tried again after this long, twice as long each time it is
+// left again.
+constexpr qint64 stoppedMirrorRetryMs = 10000;
 constexpr int mirrorWatchMs = 250;
 
 } // namespace
@@ -295,11 +298,20 @@ bool FTPProductDownloadSession::startFile(int s, int i)
 }
 
 // New work goes to the faster mirrors: a stream on a much slower one moves, an extra stream of a
-// multiplexing mirror simply ends. The slow mirror stays usable; nothing marks it failed.
+// multiplexing mirror simply ends. The slow mirror stays usable; nothing marks it failed. A mirror
+// left for its silence may only have lost a connection: a stream tries it again, between two
+// files, and once it delivers the usual rules take over; silent, it is left again.
 bool FTPProductDownloadSession::leaveSlowMirror(int s)
 {
     DownloadStream *record = streams[s].get();
     const int m = record->mirrorIndex;
+    const int retry = s < baseStreamCount ? stoppedMirrorToRetry() : -1;
+    if (m >= 0 && retry >= 0) {
+        emit message(QString("Mirror %1 is tried again").arg(mirrors.at(retry).url));
+        mirrors.noteRetried(retry);
+        moveStream(s, retry);
+        return true;
+    }
     const int fastest = mirrors.fastest();
     if (m < 0 || fastest < 0 || fastest == m || !mirrors.isMuchSlower(m, fastest)
         || isSilentFor(fastest, silentMirrorMs)) {
@@ -455,7 +467,10 @@ void FTPProductDownloadSession::watchMirrors()
     for (int m = 0; m < mirrors.size(); ++m) {
         if (transfersOn(m) > 0)
             mirrors.noteDelivered(m, 0);
-        if (isSilentFor(m, stoppedMirrorMs))
+        // A mirror tried again gets as long to deliver its first byte, connecting included.
+        const bool triedInVain = mirrors.isStopped(m) && hasStreamWithMirror(m)
+                                 && mirrors.stoppedMs(m) >= stoppedMirrorMs;
+        if (triedInVain || isSilentFor(m, stoppedMirrorMs))
             leaveStoppedMirror(m);
     }
 }
@@ -486,6 +501,19 @@ void FTPProductDownloadSession::leaveStoppedMirror(int m)
             moveStream(s, target);
     }
     retryTakeovers();
+}
+
+// A mirror left for its silence that no stream has tried since, once it has waited long enough.
+int FTPProductDownloadSession::stoppedMirrorToRetry() const
+{
+    for (int m = 0; m < mirrors.size(); ++m) {
+        const qint64 wait = stoppedMirrorRetryMs << qMin(mirrors.timesStopped(m) - 1, 5);
+        const bool due =
+                mirrors.isStopped(m) && !mirrors.at(m).failed && mirrors.stoppedMs(m) >= wait;
+        if (due && !hasStreamWithMirror(m))
+            return m;
+    }
+    return -1;
 }
 
 int FTPProductDownloadSession::liveMirrorBesides(int m) const
@@ -559,13 +587,11 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
         emit processCancelled();
 }
 
-bool FTPProductDownloadSession::hasStreamWithMirror() const
+bool FTPProductDownloadSession::hasStreamWithMirror(int m) const
 {
-    for (const auto &record : streams) {
-        if (record->mirrorIndex >= 0)
-            return true;
-    }
-    return false;
+    return std::any_of(streams.cbegin(), streams.cend(), [m](const auto &record) {
+        return m < 0 ? record->mirrorIndex >= 0 : record->mirrorIndex == m;
+    });
 }
 
 void FTPProductDownloadSession::onStateChanged(int, DownloadStream_State) {}

@@ -111,11 +111,13 @@ private:
     bool isSilentFor(int m, qint64 ms) const;
     void watchMirrors();
     void leaveStoppedMirror(int m);
+    int stoppedMirrorToRetry() const;
     // The fastest mirror other than m that neither failed nor went silent; -1 when none.
     int liveMirrorBesides(int m) const;
     void moveStream(int s, int m);
     void changeStreamMirror(int s);
-    bool hasStreamWithMirror() const;
+    // With m, on that mirror; without, on any.
+    bool hasStreamWithMirror(int m = -1) const;
 
     void retrieveSessionState();
     void requestListFile();

@@ -160,8 +160,12 @@ double MirrorChoice::rate(int m) const
 
 void MirrorChoice::noteStopped(int m)
 {
-    rates[m] = Rate();
-    rates[m].stopped = true;
+    Rate &r = rates[m];
+    const int times = r.timesStopped + 1;
+    r = Rate();
+    r.stopped = true;
+    r.stoppedAt.start();
+    r.timesStopped = times;
 }
 
 qint64 MirrorChoice::silentMs(int m) const

@@ -38,6 +38,11 @@ public:
     // and as no place to move to, until it delivers again.
     void noteStopped(int m);
     bool isStopped(int m) const { return rates.at(m).stopped; }
+    // Milliseconds since mirror m was last found stopped or tried again, and how often it was
+    // found stopped.
+    qint64 stoppedMs(int m) const { return rates.at(m).stoppedAt.elapsed(); }
+    int timesStopped(int m) const { return rates.at(m).timesStopped; }
+    void noteRetried(int m) { rates[m].stoppedAt.start(); }
     // Both are measured and than delivers many times what m does.
     bool isMuchSlower(int m, int than) const;
     // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
@@ -53,6 +58,8 @@ private:
         qint64 windowLastMs = 0;
         double rate = 0;
         bool stopped = false;
+        QElapsedTimer stoppedAt;
+        int timesStopped = 0;
     };
 
     QVector<MarkedSiteData> mirrors;

@@ -297,6 +297,10 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::newRow("a mirror silent after a burst, no place for new work")
             << burstThenSilent + " fault:*=trickle:3000" << 2 << "" << true
             << QStringList{"!Stream 1 change mirror to 0", "Stream 0 change mirror to 1"} << all;
+    // Left for its silence, the first mirror is tried again between two files, and is back.
+    QTest::newRow("a mirror left for silence, tried again")
+            << "fault:orlivo=stall:20000 fault:*=trickle:4000" << 1 << "" << true
+            << QStringList{"Stream 0 change mirror to 1", "Stream 0 change mirror to 0"} << all;
     QTest::newRow("the slow mirror left when the other failed")
             << "fault:*=status:404 fault:*=trickle:300" << 2 << "" << true
             << QStringList{"Stream 0 change mirror to 1"} << all;
