@@ -507,10 +507,10 @@ void FTPProductDownloadSession::leaveStoppedMirror(int m)
 int FTPProductDownloadSession::stoppedMirrorToRetry() const
 {
     for (int m = 0; m < mirrors.size(); ++m) {
+        if (!mirrors.isStopped(m) || mirrors.at(m).failed || hasStreamWithMirror(m))
+            continue;
         const qint64 wait = stoppedMirrorRetryMs << qMin(mirrors.timesStopped(m) - 1, 5);
-        const bool due =
-                mirrors.isStopped(m) && !mirrors.at(m).failed && mirrors.stoppedMs(m) >= wait;
-        if (due && !hasStreamWithMirror(m))
+        if (mirrors.stoppedMs(m) >= wait)
             return m;
     }
     return -1;

@@ -31,12 +31,14 @@ public:
         return name.size() > 1;
     }
 
-    // The system environment with DISPLAY set to this display and no offscreen platform.
+    // The system environment with DISPLAY set to this display and no offscreen platform. The
+    // display has no session bus: without one named, libdbus would try to start one for it.
     QProcessEnvironment environment() const
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.remove(QStringLiteral("QT_QPA_PLATFORM"));
         environment.insert(QStringLiteral("DISPLAY"), name);
+        environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("disabled:"));
         return environment;
     }
 
