@@ -257,7 +257,7 @@ bool FTPProductDownloadSession::assignNextFile(int s)
         shutDownStream(s);
         return false;
     }
-    if (leaveSlowMirror(s)) {
+    if (tryStoppedMirror(s) || leaveSlowMirror(s)) {
         unclaimFile(i);
         return false;
     }
@@ -297,21 +297,25 @@ bool FTPProductDownloadSession::startFile(int s, int i)
     return true;
 }
 
+// A mirror left for its silence may only have lost a connection: a base stream tries it again,
+// between two files, and once it delivers the usual rules take over; silent, it is left again.
+bool FTPProductDownloadSession::tryStoppedMirror(int s)
+{
+    const int retry = s < baseStreamCount ? stoppedMirrorToRetry() : -1;
+    if (streams[s]->mirrorIndex < 0 || retry < 0)
+        return false;
+    emit message(QString("Mirror %1 is tried again").arg(mirrors.at(retry).url));
+    mirrors.noteRetried(retry);
+    moveStream(s, retry);
+    return true;
+}
+
 // New work goes to the faster mirrors: a stream on a much slower one moves, an extra stream of a
-// multiplexing mirror simply ends. The slow mirror stays usable; nothing marks it failed. A mirror
-// left for its silence may only have lost a connection: a stream tries it again, between two
-// files, and once it delivers the usual rules take over; silent, it is left again.
+// multiplexing mirror simply ends. The slow mirror stays usable; nothing marks it failed.
 bool FTPProductDownloadSession::leaveSlowMirror(int s)
 {
     DownloadStream *record = streams[s].get();
     const int m = record->mirrorIndex;
-    const int retry = s < baseStreamCount ? stoppedMirrorToRetry() : -1;
-    if (m >= 0 && retry >= 0) {
-        emit message(QString("Mirror %1 is tried again").arg(mirrors.at(retry).url));
-        mirrors.noteRetried(retry);
-        moveStream(s, retry);
-        return true;
-    }
     const int fastest = mirrors.fastest();
     if (m < 0 || fastest < 0 || fastest == m || !mirrors.isMuchSlower(m, fastest)
         || isSilentFor(fastest, silentMirrorMs)) {

@@ -112,6 +112,7 @@ private:
     void watchMirrors();
     void leaveStoppedMirror(int m);
     int stoppedMirrorToRetry() const;
+    bool tryStoppedMirror(int s);
     // The fastest mirror other than m that neither failed nor went silent; -1 when none.
     int liveMirrorBesides(int m) const;
     void moveStream(int s, int m);
