@@ -6,7 +6,7 @@ packages=(
     cmake ninja-build g++ pkg-config
     qt6-base-dev qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools libgl-dev
     libcurl4-openssl-dev libssl-dev zlib1g-dev
-    nginx-light python3 python3-pyftpdlib tinyproxy openssl ca-certificates
+    nginx-light python3 python3-pyftpdlib tinyproxy microsocks openssl ca-certificates
     xvfb xauth xdotool imagemagick fonts-dejavu-core time
     libzstd-dev libdivsufsort-dev libbz2-dev liblzma-dev libzydis-dev clang
     minisign bsdiff zstd zsync iproute2 systemd

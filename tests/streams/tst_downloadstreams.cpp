@@ -109,7 +109,7 @@ private:
     TransportLibrary transportLibrary;
     QTemporaryDir root;
     TestCertificates certificates;
-    std::unique_ptr<LoopbackServer> http, https, ftp, ftpWithoutRest, proxy, faults;
+    std::unique_ptr<LoopbackServer> http, https, ftp, ftpWithoutRest, proxy, socks, faults;
     const QByteArray big = patternBytes(32 * 1024 * 1024, 3);
 };
 
@@ -124,8 +124,9 @@ void tst_DownloadStreams::initTestCase()
     ftp = LoopbackServer::ftp(root.path(), "orlivo", "s3cret:/@");
     ftpWithoutRest = LoopbackServer::ftp(root.path(), {}, {}, false);
     proxy = LoopbackServer::proxy();
+    socks = LoopbackServer::socksProxy();
     faults = LoopbackServer::faultHttp(root.path());
-    QVERIFY(http && https && ftp && ftpWithoutRest && proxy && faults);
+    QVERIFY(http && https && ftp && ftpWithoutRest && proxy && socks && faults);
     // These lead to a closed port, and the exception list would bypass the proxy asked for.
     for (const char *name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
         qputenv(name, "http://127.0.0.1:" + QByteArray::number(closedPort()));
@@ -156,6 +157,13 @@ void tst_DownloadStreams::fetchesFiles_data()
             << at(*ftp, "ftp", "orlivo:s3cret%3A%2F%40") << "" << 60;
     QTest::newRow("ftp anonymous, through proxy, no REST")
             << at(*ftpWithoutRest, "ftp", "") << tinyproxy.toString() << 5;
+    QUrl socksProxy(socks->url("socks5h"));
+    socksProxy.setUserInfo(tinyproxy.userInfo());
+    QTest::newRow("ftp with a user, through a SOCKS proxy")
+            << at(*ftp, "ftp", "orlivo:s3cret%3A%2F%40") << socksProxy.toString() << 5;
+    socksProxy.setScheme("socks5");
+    QTest::newRow("https through a SOCKS proxy")
+            << at(*https, "https", "") << socksProxy.toString() << 5;
     QTest::newRow("proxy refusing a tunnel without its password")
             << at(*ftpWithoutRest, "ftp", "") << withoutPassword << -1;
     QTest::newRow("closed port, log-in step dropped")
@@ -177,7 +185,10 @@ void tst_DownloadStreams::fetchesFiles()
     for (LoopbackServer *other : {https.get(), ftp.get(), ftpWithoutRest.get()})
         server = other->port() == QUrl(url).port() ? other : server;
     const qsizetype logStart = server->logLines().size();
-    const qsizetype proxied = proxy->logLines().size();
+    const auto proxiedLines = [this] {
+        return proxy->logLines().size() + socks->logLines().size();
+    };
+    const qsizetype proxied = proxiedLines();
 
     QTemporaryDir dest;
     std::unique_ptr<SingleFileDownloadStream> stream(new HTTPDownloadStream(dest.path()));
@@ -206,7 +217,7 @@ void tst_DownloadStreams::fetchesFiles()
         QCOMPARE(events.lastDone, qint64(content.size()));
     }
     QVERIFY2(!deadline.hasExpired(), "files wait on something");
-    QCOMPARE(proxy->logLines().size() > proxied, !proxyUrl.isEmpty());
+    QCOMPARE(proxiedLines() > proxied, !proxyUrl.isEmpty());
     // Each file asked once (HTTP: after the HEAD), all on the connection the log starts with.
     const QStringList log = server->logLines().mid(logStart);
     const QStringList transfers = log.filter(isFtp ? "<- RETR" : " /pub");

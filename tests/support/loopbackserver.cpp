@@ -81,6 +81,12 @@ std::unique_ptr<LoopbackServer> LoopbackServer::proxy()
                          .arg(proxyUser, proxyPassword));
 }
 
+std::unique_ptr<LoopbackServer> LoopbackServer::socksProxy()
+{
+    return start(QStringLiteral("/usr/bin/microsocks"),
+                 {"-i", "127.0.0.1", "-p", "@port@", "-u", proxyUser, "-P", proxyPassword});
+}
+
 std::unique_ptr<LoopbackServer> LoopbackServer::faultHttp(const QString &root)
 {
     return start(python, {supportDir + "fault_http_server.py", "@work@/server.log",
@@ -127,18 +133,25 @@ LoopbackServer::start(const QString &program, const QStringList &arguments, cons
         std::unique_ptr<LoopbackServer> server(new LoopbackServer);
         QProcess &process = server->process;
         const QString work = server->dir.path();
-        if (!config.isEmpty()) {
+        const bool portInArguments = !arguments.filter("@port@").isEmpty();
+        if (!config.isEmpty() || portInArguments) {
             QTcpServer probe;
             probe.listen(QHostAddress::LocalHost, 0);
             server->listenPort = probe.serverPort();
+        }
+        const QString port = QString::number(server->listenPort);
+        if (!config.isEmpty()) {
             QString filled = config;
-            filled.replace("@work@", work).replace("@port@", QString::number(server->listenPort));
+            filled.replace("@work@", work).replace("@port@", port);
             if (!writeTestFile(work + "/server.conf", filled.toUtf8()))
                 return nullptr;
         }
         process.setWorkingDirectory(work);
-        process.setStandardErrorFile(work + "/server.err");
-        process.start(program, QStringList(arguments).replaceInStrings("@work@", work));
+        // A program told everything by its arguments logs to its standard error.
+        process.setStandardErrorFile(work + (portInArguments ? "/server.log" : "/server.err"));
+        process.start(program, QStringList(arguments)
+                                       .replaceInStrings("@work@", work)
+                                       .replaceInStrings("@port@", port));
         const QDeadlineTimer deadline(15000);
         if (!server->listenPort) {
             while (!process.canReadLine()

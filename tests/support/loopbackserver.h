@@ -21,6 +21,7 @@ bool makeTestCertificates(const QString &dir, TestCertificates *out);
 //   ftp:     pyftpdlib's, "<client ip>:<client port>-[<user>] <command> ..."
 //   fault:   "<client port> <method> <path> <behaviour>", then " bytes=N-" for a range
 //   version: the hex of each datagram
+//   socks:   "client[N] 127.0.0.1: connected to <host>:<port>"
 class LoopbackServer
 {
 public:
@@ -39,6 +40,8 @@ public:
     static std::unique_ptr<LoopbackServer> proxy();
     static constexpr const char *proxyUser = "relay";
     static constexpr const char *proxyPassword = "pa.ss-1";
+    // microsocks, a SOCKS5 proxy for the same user and password.
+    static std::unique_ptr<LoopbackServer> socksProxy();
     // An HTTP/1.1 server with keep-alive serving root; see setFaults().
     static std::unique_ptr<LoopbackServer> faultHttp(const QString &root);
     // A UDP server answering every datagram with reply, or never when answer is false; with
@@ -60,8 +63,9 @@ public:
 
 private:
     LoopbackServer() = default;
-    // "@work@" stands for the server's directory, "@port@" in config for its port; the request
-    // log is @work@/server.log. Without a config the program binds port 0 and prints it.
+    // "@work@" stands for the server's directory, "@port@" in config or arguments for its port;
+    // the request log is @work@/server.log (a program's standard error when its port is in its
+    // arguments). Without either the program binds port 0 and prints it.
     static std::unique_ptr<LoopbackServer>
     start(const QString &program, const QStringList &arguments, const QString &config = {});
 
