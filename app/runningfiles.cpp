@@ -5,6 +5,9 @@
 #include <QFileInfo>
 #include <QProcess>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 const QStringList &getSpecialFileNames()
 {
     static const QStringList names = {
@@ -49,10 +52,8 @@ void makeSingleFileExecutable(const QString &path)
 
 void makeFileExecutable(const QString &path)
 {
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
-                                        | QFile::ReadUser | QFile::WriteUser | QFile::ExeUser
-                                        | QFile::ReadGroup | QFile::ExeGroup | QFile::ReadOther
-                                        | QFile::ExeOther);
+    // Never through a link: the file it names may lie anywhere, outside the installation too.
+    ::fchmodat(AT_FDCWD, QFile::encodeName(path).constData(), 0755, AT_SYMLINK_NOFOLLOW);
 }
 
 bool createSeparateUpdateProcess(const QString &dir, const QStringList &arguments)

@@ -19,7 +19,7 @@ void removeOldFiles(const QString &dir);
 
 // Gives executables and shared libraries mode 0755; other files stay as they are.
 void makeSingleFileExecutable(const QString &path);
-// Gives the file mode 0755, whatever its name.
+// Gives the file mode 0755, whatever its name; a link, and what it names, stay as they are.
 void makeFileExecutable(const QString &path);
 
 // Starts, detached, the program of the running program's file name that lies in dir, with dir

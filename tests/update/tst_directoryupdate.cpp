@@ -177,6 +177,12 @@ void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
     addPlain("b/later.txt", "later");
     QVERIFY(writeTestFile(target("update"), "running"));
     QVERIFY(writeTestFile(target("_old_update"), "stale"));
+    // An installed client that is a link stays as it is: it may name a file anywhere.
+    const QString outside = work->filePath("outside");
+    QVERIFY(writeTestFile(outside, "x")
+            && QFile::setPermissions(outside, QFile::ReadOwner | QFile::WriteOwner));
+    const QFileDevice::Permissions privateMode = QFile::permissions(outside);
+    QVERIFY(QFile::link(outside, target(getClientBinaryName())));
     // A retry only helps once the user has dealt with the stale copy.
     answer = [this, reply](const QString &text) {
         questions << text;
@@ -191,6 +197,7 @@ void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer()
     QCOMPARE(QFile::exists(target("later.txt")), done.size() > 1);
     QCOMPARE(finished, 1);
     QCOMPARE(progress, done);
+    QCOMPARE(QFile::permissions(outside), privateMode);
     QCOMPARE(questions.size(), 1);
     QVERIFY(questions.first().startsWith(QString("Can't overwrite %1.\n").arg(target("update"))));
     QVERIFY(questions.first().endsWith("\nDo you wish to stop update?"));
