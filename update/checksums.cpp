@@ -5,10 +5,31 @@
 
 #include <QFile>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 namespace {
 
 // Large enough that the system calls cost little beside the hashing of the block.
 constexpr qint64 blockSize = 65536;
+
+// A regular file, or a link to one: a pipe or a device in a file's place would keep a reader
+// waiting, or reading, for ever.
+bool openRegularFile(QFile &file, const QString &path)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    struct stat status = {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)
+        || !file.open(fd, QIODevice::ReadOnly | QIODevice::Unbuffered,
+                      QFileDevice::AutoCloseHandle)) {
+        ::close(fd);
+        return false;
+    }
+    return true;
+}
 
 // A read error gives false rather than the checksums of what happened to be read.
 bool hashFromCurrentPosition(QFile &file, FileDigests *digests)
@@ -34,8 +55,8 @@ QString md5FromCurrentPosition(QFile &file)
 
 QString getFileMD5(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    QFile file;
+    if (!openRegularFile(file, path))
         return QString();
     const QByteArray content = file.readAll();
     if (file.error() != QFileDevice::NoError)
@@ -48,8 +69,8 @@ QString getFileMD5(const QString &path)
 
 QString getFileMD5Ex(const QString &path)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+    QFile file;
+    if (!openRegularFile(file, path))
         return QString();
     return md5FromCurrentPosition(file);
 }
@@ -63,10 +84,9 @@ QString getFileMD5Ex(QFile &file)
 
 bool getFileDigests(const QString &path, QString *md5, QString *sha256)
 {
-    QFile file(path);
+    QFile file;
     FileDigests digests(FileDigests::Both);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
-        || !hashFromCurrentPosition(file, &digests))
+    if (!openRegularFile(file, path) || !hashFromCurrentPosition(file, &digests))
         return false;
     *md5 = digests.md5();
     *sha256 = digests.sha256();
@@ -75,10 +95,9 @@ bool getFileDigests(const QString &path, QString *md5, QString *sha256)
 
 QString getFileSHA256Ex(const QString &path)
 {
-    QFile file(path);
+    QFile file;
     FileDigests digests(FileDigests::Sha256);
-    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered)
-        || !hashFromCurrentPosition(file, &digests))
+    if (!openRegularFile(file, path) || !hashFromCurrentPosition(file, &digests))
         return QString();
     return digests.sha256();
 }

@@ -5,6 +5,7 @@
 class QFile;
 
 // MD5 checksums as 32 lower-case hexadecimal characters; empty when the file cannot be read.
+// Only regular files are read, through a link too: a pipe or a device has no checksum.
 
 // Reads the whole file at once; for small files only.
 QString getFileMD5(const QString &path);

@@ -73,6 +73,11 @@ void tst_FileUtilities::copies()
     QCOMPARE(QStringList({getFileMD5(unpacked), getFileMD5Ex(unpacked), getFileMD5Ex(copy)}),
              QStringList(3, md5Of(content)));
     QVERIFY(getFileMD5(packed).isEmpty() && getFileMD5Ex(packed).isEmpty());
+    // Nor has what would keep a reader waiting or reading for ever.
+    const QString pipe = dir->filePath("pipe");
+    QVERIFY(::mkfifo(QFile::encodeName(pipe).constData(), 0600) == 0);
+    for (const QString &path : {pipe, QString("/dev/zero")})
+        QVERIFY(getFileMD5(path).isEmpty() && getFileMD5Ex(path).isEmpty());
     copy.close();
 
     // An existing target is kept as it was; a missing or non-regular source makes nothing, and
