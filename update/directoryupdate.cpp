@@ -140,9 +140,17 @@ QString DirectoryUpdate::replaceProblem(const QString &relative, const PathStatu
     using Place = UpdateJournal::Place;
     for (QString dir = parentPath(relative);
          !dir.isEmpty() && journal.place(dir) != Place::Directory; dir = parentPath(dir)) {
-        if (journal.place(dir) == Place::Other && !journal.deletes(journal.installedPath(dir))) {
+        const Place place = journal.place(dir);
+        if (place == Place::Outside
+            || (place == Place::Other && !journal.deletes(journal.installedPath(dir)))) {
             *question = QStringLiteral("FAILED creating subdirectory: %1").arg(parentPath(path));
             emit message(*question);
+            if (place == Place::Outside) {
+                emit message(
+                        QStringLiteral(
+                                "%1: reached through a link that leads outside the installation")
+                                .arg(journal.installedPath(dir)));
+            }
             return *question;
         }
     }

@@ -116,6 +116,8 @@ void UpdateJournal::planFile(const QString &relative, bool inUse, bool installed
 
 void UpdateJournal::planDelete(const QString &relative)
 {
+    if (reachesOutside(relative))
+        return;
     // A directory is not a file the old version listed; it stays, as removing it never worked.
     const QFileInfo installed(installedPath(relative));
     if (installed.isSymLink() || (installed.exists() && !installed.isDir()))
@@ -135,10 +137,27 @@ UpdateJournal::Place UpdateJournal::place(const QString &relative) const
     if (known != places.cend())
         return *known;
     const QString path = installedPath(relative);
+    const QFileInfo info(path);
     Place found = Place::Directory;
-    if (!QFileInfo(path).isDir())
+    if (!info.isDir()) {
         found = pathExists(path) ? Place::Other : Place::Missing;
+    } else {
+        if (canonicalRoot.isEmpty())
+            canonicalRoot = QFileInfo(root).canonicalFilePath();
+        const QString real = info.canonicalFilePath();
+        const QString staging = canonicalRoot + '/' + stagingName;
+        const bool inside = real == canonicalRoot || real.startsWith(canonicalRoot + '/');
+        if (!inside || real == staging || real.startsWith(staging + '/'))
+            found = Place::Outside;
+    }
     return *places.insert(relative, found);
+}
+
+// The file's directory, or one above it, is reached through a link that leads outside.
+bool UpdateJournal::reachesOutside(const QString &relative) const
+{
+    const QString dir = parentPath(relative);
+    return !dir.isEmpty() && place(dir) == Place::Outside;
 }
 
 bool UpdateJournal::begin(QString *error)
@@ -195,7 +214,7 @@ bool UpdateJournal::read(State *state)
             return false;
         const QString path = QString::fromUtf8(line.mid(2));
         // Only ever a path inside the installation, whoever wrote the journal.
-        if (!isSafeRelativePath(path))
+        if (!isSafeRelativePath(path) || reachesOutside(path))
             return false;
         const char *letter =
                 std::find(std::begin(actionLetters), std::end(actionLetters), line.at(0));

@@ -30,9 +30,11 @@ public:
     void planDelete(const QString &relative);
     // True when the installed file at this absolute path goes in the switch.
     bool deletes(const QString &path) const;
-    // What stands at a directory path of the installation (a link to a directory counts as
-    // one). Asked once per path: nothing installed changes while a switch is planned.
-    enum class Place { Directory, Missing, Other };
+    // What stands at a directory path of the installation: a link to a directory counts as one
+    // while it stays inside; through one that leads out, or into the staging, nothing is made,
+    // renamed or removed. Asked once per path: nothing installed changes while a switch is
+    // planned.
+    enum class Place { Directory, Missing, Other, Outside };
     Place place(const QString &relative) const;
 
     QString installedPath(const QString &relative) const;
@@ -76,7 +78,10 @@ private:
     QString backupPath(const QString &relative) const;
     QString journalPath() const;
 
+    bool reachesOutside(const QString &relative) const;
+
     QString root;
+    mutable QString canonicalRoot;
     QList<Entry> entries;
     QStringList newDirectories;
     mutable QHash<QString, Place> places;

@@ -223,6 +223,13 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
     QVERIFY(QDir().mkpath(target("blocked/inside")));
     addPlain("c/sub/x", "x");
     QVERIFY(writeTestFile(target("sub"), "a file"));
+    // Nothing goes in, or out, through a directory link that leads out of the installation.
+    const QString outside = work->filePath("outside");
+    QVERIFY(writeTree(outside, {{"deep/old", "victim"}, {"gone", "victim"}}));
+    addPlain("d/linked/deep/x", "x");
+    list("delete/linked/gone", {"1"});
+    QVERIFY(QFile::link(outside, target("linked")));
+    const TestTree victim = treeBelow(outside);
 
     // Skipped files leave holes: the run is no whole new version either way.
     QVERIFY(!run(silent));
@@ -230,24 +237,31 @@ void tst_DirectoryUpdate::failuresAreLoggedAndAsked()
     const QString unpacked = target("a.so");
     const QStringList staging{"Update content", "Copy/unpack files...", "Can't unzip a/a.gz!",
                               "Wrong checksum " + unpacked + "!", "Wrong length " + unpacked + "!"};
-    const QStringList switching{"FAILED to remove file: " + target("blocked"),
-                                "FAILED creating subdirectory: " + work->filePath("install/sub"),
-                                "Switch to the new version...", "Switch complete"};
+    const QStringList switching{
+            "FAILED to remove file: " + target("blocked"),
+            "FAILED creating subdirectory: " + work->filePath("install/sub"),
+            "FAILED creating subdirectory: " + target("linked/deep"),
+            target("linked/deep") + ": reached through a link that leads outside the installation",
+            "Switch to the new version...",
+            "Remove extra files...",
+            "Switch complete"};
     // Unattended, the first failure stops the update before anything installed changes.
     QCOMPARE(log, staging
                           + (silent ? QStringList{"Update stopped; the previous version was not "
                                                   "changed"}
                                     : switching));
     QCOMPARE(readTestFile(target("sub")), "a file");
+    QCOMPARE(treeBelow(outside), victim);
     QStringList asked;
     for (const QString &question : std::as_const(questions))
         asked << question.section('\n', 0, 0);
     // The last error of an entry is the one asked about.
-    QCOMPARE(asked, (silent ? QStringList()
-                            : QStringList{"Wrong length " + unpacked + "!",
-                                          "Can't overwrite " + target("blocked") + ".",
-                                          "FAILED creating subdirectory: "
-                                                  + work->filePath("install/sub")}));
+    QCOMPARE(asked,
+             (silent ? QStringList()
+                     : QStringList{"Wrong length " + unpacked + "!",
+                                   "Can't overwrite " + target("blocked") + ".",
+                                   "FAILED creating subdirectory: " + work->filePath("install/sub"),
+                                   "FAILED creating subdirectory: " + target("linked/deep")}));
 }
 
 void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation_data()
@@ -262,6 +276,8 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation_data()
     QTest::newRow("journal path with ..")
             << "" << QByteArray("d ../victim/sub\nx ../victim/a.txt\n") << 0 << false;
     QTest::newRow("absolute journal path") << "" << QByteArray("x @VICTIM@/a.txt\n") << 0 << false;
+    QTest::newRow("journal path through a directory linking out")
+            << "out" << QByteArray("x out/gone.txt\n") << 0 << false;
     QTest::newRow("staging directory is a link, no journal")
             << ".update-staging" << QByteArray() << 0 << false;
     QTest::newRow("staged files below a link")
