@@ -3,15 +3,20 @@
 #include "app/apppaths.h"
 
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QSettings>
 
 #include <algorithm>
 
+#include <cstdio>
+
 namespace {
 
 const QString currentGroup = QStringLiteral("current");
 const QString installedVersionKey = QStringLiteral("installed/version");
+// Settings and two groups of a few keys: anything far larger is not ours to copy.
+constexpr qint64 copyLimit = 1024 * 1024;
 
 } // namespace
 
@@ -20,8 +25,42 @@ UpdateDataFile::UpdateDataFile(const QString &dir)
                        .absoluteFilePath(QStringLiteral("update.ini")))
 {}
 
+bool UpdateDataFile::readable() const
+{
+    return QFileInfo(filePath).isFile();
+}
+
+// QSettings writes through a link into the file it names, wherever that is, and waits for ever on
+// a pipe. A link goes, replaced by a copy of what it names; so does anything else in the file's
+// place that is neither a regular file nor a directory.
+void UpdateDataFile::claimFile() const
+{
+    const QFileInfo info(filePath);
+    if (!info.isSymLink() && (info.isFile() || info.isDir() || !info.exists()))
+        return;
+    QByteArray content;
+    QFile named(filePath);
+    if (info.isFile() && named.open(QIODevice::ReadOnly))
+        content = named.read(copyLimit);
+    const QString temporary = filePath + QStringLiteral(".tmp");
+    QFile::remove(temporary);
+    QFile copy(temporary);
+    const bool copied = copy.open(QIODevice::WriteOnly | QIODevice::NewOnly)
+                        && copy.write(content) == content.size() && copy.flush();
+    copy.close();
+    if (!copied
+        || std::rename(QFile::encodeName(temporary).constData(),
+                       QFile::encodeName(filePath).constData())
+                   != 0) {
+        QFile::remove(temporary);
+        QFile::remove(filePath);
+    }
+}
+
 bool UpdateDataFile::getExistingUpdateData(QString *version, QString *type, QString *dir) const
 {
+    if (!readable())
+        return false;
     QSettings settings(filePath, QSettings::IniFormat);
     settings.beginGroup(currentGroup);
     const QString storedVersion = settings.value(QStringLiteral("version")).toString();
@@ -42,6 +81,7 @@ bool UpdateDataFile::getExistingUpdateData(QString *version, QString *type, QStr
 void UpdateDataFile::modifyUpdateData(const QString &version, const QString &dir,
                                       const QString &type)
 {
+    claimFile();
     QSettings settings(filePath, QSettings::IniFormat);
     settings.beginGroup(currentGroup);
     settings.setValue(QStringLiteral("version"), version);
@@ -51,15 +91,22 @@ void UpdateDataFile::modifyUpdateData(const QString &version, const QString &dir
 
 void UpdateDataFile::cleanupCurrentUpdateDataIniFile()
 {
+    claimFile();
     QSettings settings(filePath, QSettings::IniFormat);
     settings.remove(currentGroup);
 }
 
 bool UpdateDataFile::installedVersion(std::optional<int> *version) const
 {
+    *version = std::nullopt;
+    if (!QFileInfo::exists(filePath))
+        return false;
+    if (!readable())
+        return true;
     const QSettings settings(filePath, QSettings::IniFormat);
-    const bool readable = settings.status() == QSettings::NoError;
-    if (readable && !settings.contains(installedVersionKey))
+    if (settings.status() != QSettings::NoError)
+        return true;
+    if (!settings.contains(installedVersionKey))
         return false;
     // A list ("1,2") is no text at all.
     const QVariant value = settings.value(installedVersionKey);
@@ -67,15 +114,16 @@ bool UpdateDataFile::installedVersion(std::optional<int> *version) const
     bool converted = false;
     const int installed = text.toInt(&converted, 10);
     // toInt would take " 12", "+12" and "-1" as well.
-    const bool decimal =
-            readable && converted && std::all_of(text.cbegin(), text.cend(), [](QChar c) {
-                return c >= QLatin1Char('0') && c <= QLatin1Char('9');
-            });
-    *version = decimal ? std::optional<int>(installed) : std::nullopt;
+    const bool decimal = converted && std::all_of(text.cbegin(), text.cend(), [](QChar c) {
+                             return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+                         });
+    if (decimal)
+        *version = installed;
     return true;
 }
 
 void UpdateDataFile::recordInstalledVersion(int version)
 {
+    claimFile();
     QSettings(filePath, QSettings::IniFormat).setValue(installedVersionKey, version);
 }

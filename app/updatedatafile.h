@@ -22,10 +22,16 @@ public:
     void cleanupCurrentUpdateDataIniFile();
 
     // The version the last finished update installed. False when none is recorded; when one is
-    // but it is no decimal number, or the file cannot be read, version is left empty.
+    // but it is no decimal number, or the file cannot be read (a pipe in its place among others),
+    // version is left empty.
     bool installedVersion(std::optional<int> *version) const;
     void recordInstalledVersion(int version);
 
 private:
+    // Read only as a regular file, or a link to one: a pipe would keep the reading waiting.
+    bool readable() const;
+    // Written only as a regular file of the installation, never through a link.
+    void claimFile() const;
+
     QString filePath;
 };

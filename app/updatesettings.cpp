@@ -1,5 +1,6 @@
 #include "app/updatesettings.h"
 
+#include <QFileInfo>
 #include <QSettings>
 
 namespace {
@@ -13,7 +14,8 @@ UpdateSettings UpdateSettings::read(const QString &path, int defaultStreams)
 {
     UpdateSettings result;
     result.streams = defaultStreams;
-    if (path.isEmpty())
+    // A pipe in the file's place would keep the reading waiting for ever.
+    if (!QFileInfo(path).isFile())
         return result;
     QSettings settings(path, QSettings::IniFormat);
     settings.beginGroup("update");

@@ -7,6 +7,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QUrl>
 
 namespace {
@@ -44,7 +45,7 @@ LatestPointerFetch::~LatestPointerFetch() = default;
 int LatestPointerFetch::fetch()
 {
     const QString mirrorsFile = QDir(appDirectory).filePath(QStringLiteral("mirrors.ini"));
-    if (!QFile::exists(mirrorsFile))
+    if (!QFileInfo(mirrorsFile).isFile())
         return 0;
     MirrorChoice mirrors;
     mirrors.readMirrors(mirrorsFile, QString());

@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <optional>
 #include <utility>
@@ -56,7 +57,8 @@ UpdateRun::~UpdateRun()
 
 bool UpdateRun::start()
 {
-    if (!QFile::exists(appFilePath(mirrorsFileName))) {
+    // A pipe or a directory in its place holds no mirrors, and reading a pipe would never end.
+    if (!QFileInfo(appFilePath(mirrorsFileName)).isFile()) {
         emit refused(tr("%1 is missing, cannot proceed.").arg(mirrorsFileName), true);
         return false;
     }

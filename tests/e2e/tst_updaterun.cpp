@@ -484,6 +484,10 @@ private slots:
              QByteArray(), downgrade});
         add("proxy with a typo",
             {http, "proxy=htp//127.0.0.1:3128\n", 2, "Invalid proxy htp//127.0.0.1:3128"});
+        add("update.ini a link to settings elsewhere",
+            {http, {}, 0, "Update finished", "update.ini linked out"});
+        add("update.ini and mirrors.ini pipes, a version named",
+            {{}, {}, 1, "mirrors.ini is missing", "pipes", {}, downgrade});
         add("installation failing on a file where a new directory goes",
             {http, {}, 3, "FAILED creating subdirectory:", "file in the way"});
         add("installation's file system full while staging",
@@ -587,6 +591,19 @@ private slots:
         QVERIFY(run.list.isEmpty()
                 || writeTestFile(run.mirrors.isEmpty() ? at("mirrors.ini") : root + listPath,
                                  run.list));
+        // Read through the link; never written through it.
+        const QString linkedSettings = elsewhere + "/update.ini";
+        if (run.trouble == "update.ini linked out") {
+            QVERIFY(QFile::rename(at("update.ini"), linkedSettings)
+                    && QFile::link(linkedSettings, at("update.ini")));
+        }
+        const QByteArray settingsBefore = readTestFile(linkedSettings);
+        for (const char *name : {"update.ini", "mirrors.ini"}) {
+            if (run.trouble == "pipes") {
+                QFile::remove(at(name));
+                QVERIFY(::mkfifo(QFile::encodeName(at(name)).constData(), 0600) == 0);
+            }
+        }
         if (run.mirrors.contains("hostile")) {
             hostile = LoopbackServer::nginx(root);
             QVERIFY(hostile);
@@ -598,7 +615,11 @@ private slots:
         const qsizetype queries = versionServer->logLines().size();
         QVERIFY(runs(run.exitCode, run.logLine, run.arguments));
         QVERIFY(!signedRelease || !log.contains("signatures of releases are not checked"));
-        QCOMPARE(treeBelow(elsewhere).keys(), QStringList{"notes.txt"});
+        for (const char *name : {"update.ini", "mirrors.ini"})
+            QVERIFY(run.trouble != "pipes" || QFileInfo(at(name)).isFile()
+                    || QFile::remove(at(name)));
+        QCOMPARE(readTestFile(linkedSettings), settingsBefore);
+        QCOMPARE(treeBelow(elsewhere).keys().size(), settingsBefore.isEmpty() ? 1 : 2);
         // Keys that cannot be trusted stop the run before anything is asked of any server.
         if (run.logLine.startsWith("update-keys.pub is damaged")) {
             QCOMPARE(http->logLines().size(), requests);
