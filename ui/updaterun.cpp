@@ -167,6 +167,8 @@ bool UpdateRun::takeUpEarlierSession(QString *version, QString *dir)
     }
     if (storedVersion == QString::number(clientVersion)) {
         emit message(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
+        // No download made a link there: one would lead the run's writes anywhere.
+        removeNonFilesBelow(storedDir);
         *version = storedVersion;
         *dir = storedDir;
         return true;

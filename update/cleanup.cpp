@@ -14,20 +14,24 @@ namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
+// What to remove: everything, or only what no download makes (links, pipes, sockets, devices).
+enum class Sweep { Everything, NonFiles };
+
 // The listing tells the kind of an entry on most file systems; a working directory of thousands
-// of files is then emptied without asking about each.
-bool isDirectory(int directory, const dirent &entry)
+// of files is then swept without asking about each.
+unsigned char entryType(int directory, const dirent &entry)
 {
     if (entry.d_type != DT_UNKNOWN)
-        return entry.d_type == DT_DIR;
+        return entry.d_type;
     struct stat status = {};
-    return ::fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0
-           && S_ISDIR(status.st_mode);
+    if (::fstatat(directory, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0)
+        return DT_UNKNOWN;
+    return IFTODT(status.st_mode);
 }
 
-// Works through descriptors only: a directory swapped for a link while it is emptied is reached
+// Works through descriptors only: a directory swapped for a link while it is swept is reached
 // through the descriptor it was opened as, never through the link.
-void emptyDirectory(int directory)
+void sweepDirectory(int directory, Sweep what)
 {
     const int listing = ::dup(directory);
     DIR *entries = listing < 0 ? nullptr : ::fdopendir(listing);
@@ -41,9 +45,10 @@ void emptyDirectory(int directory)
         const std::string name = entry->d_name;
         if (name == "." || name == "..")
             continue;
-        if (isDirectory(directory, *entry))
+        const unsigned char type = entryType(directory, *entry);
+        if (type == DT_DIR)
             subdirectories.push_back(name);
-        else
+        else if (what == Sweep::Everything || type != DT_REG)
             ::unlinkat(directory, name.c_str(), 0);
     }
     ::closedir(entries);
@@ -51,15 +56,14 @@ void emptyDirectory(int directory)
         const int subdirectory = ::openat(directory, name.c_str(), directoryFlags);
         if (subdirectory < 0)
             continue;
-        emptyDirectory(subdirectory);
+        sweepDirectory(subdirectory, what);
         ::close(subdirectory);
-        ::unlinkat(directory, name.c_str(), AT_REMOVEDIR);
+        if (what == Sweep::Everything)
+            ::unlinkat(directory, name.c_str(), AT_REMOVEDIR);
     }
 }
 
-} // namespace
-
-void cleanupDirectory(const QString &path)
+void sweep(const QString &path, Sweep what)
 {
     // An empty path would be taken for the current directory.
     if (path.isEmpty())
@@ -67,8 +71,20 @@ void cleanupDirectory(const QString &path)
     const int directory = ::open(QFile::encodeName(path).constData(), directoryFlags);
     if (directory < 0)
         return;
-    emptyDirectory(directory);
+    sweepDirectory(directory, what);
     ::close(directory);
+}
+
+} // namespace
+
+void cleanupDirectory(const QString &path)
+{
+    sweep(path, Sweep::Everything);
+}
+
+void removeNonFilesBelow(const QString &path)
+{
+    sweep(path, Sweep::NonFiles);
 }
 
 void removeTree(const QString &path)

@@ -484,6 +484,9 @@ private slots:
              QByteArray(), downgrade});
         add("proxy with a typo",
             {http, "proxy=htp//127.0.0.1:3128\n", 2, "Invalid proxy htp//127.0.0.1:3128"});
+        add("the recorded working directory holding links out",
+            {http, "[current]\nversion=12\ndir=@OWN@\ntype=client_linux_amd64\n", 0,
+             "Update finished", "links in the working directory"});
         add("update.ini a link to settings elsewhere",
             {http, {}, 0, "Update finished", "update.ini linked out"});
         add("update.ini and mirrors.ini pipes, a version named",
@@ -591,6 +594,17 @@ private slots:
         QVERIFY(run.list.isEmpty()
                 || writeTestFile(run.mirrors.isEmpty() ? at("mirrors.ini") : root + listPath,
                                  run.list));
+        // Downloads never go through a link, to a directory or to a file.
+        if (run.trouble == "links in the working directory") {
+            const QString linkedSection = mirrorFiles.first().section('/', 2, 2);
+            QVERIFY(QFile::link(elsewhere, own + '/' + linkedSection));
+            for (const QString &file : mirrorFiles) {
+                const QString path = own + file.mid(3);
+                QVERIFY(file.section('/', 2, 2) == linkedSection
+                        || (QDir().mkpath(QFileInfo(path).path())
+                            && QFile::link(elsewhere + "/notes.txt", path)));
+            }
+        }
         // Read through the link; never written through it.
         const QString linkedSettings = elsewhere + "/update.ini";
         if (run.trouble == "update.ini linked out") {
@@ -618,6 +632,7 @@ private slots:
         for (const char *name : {"update.ini", "mirrors.ini"})
             QVERIFY(run.trouble != "pipes" || QFileInfo(at(name)).isFile()
                     || QFile::remove(at(name)));
+        QCOMPARE(readTestFile(elsewhere + "/notes.txt"), "mine");
         QCOMPARE(readTestFile(linkedSettings), settingsBefore);
         QCOMPARE(treeBelow(elsewhere).keys().size(), settingsBefore.isEmpty() ? 1 : 2);
         // Keys that cannot be trusted stop the run before anything is asked of any server.

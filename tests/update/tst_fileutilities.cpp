@@ -206,10 +206,15 @@ void tst_FileUtilities::cleanupRemovesLinksWithoutFollowing()
     QVERIFY(QFile::link(outside + "/inner", root + "/sub/deeper/to-dir"));
     QVERIFY(QFile::link(outside + "/gone", root + "/dangling"));
     QCOMPARE(mkfifo(QFile::encodeName(root + "/sub/fifo").constData(), 0600), 0);
+    const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
+
+    removeNonFilesBelow(root);
+    QCOMPARE(QDir(root).entryList(all, QDir::Name),
+             QStringList({".dir", ".hidden", "a", "empty", "linked", "sub"}));
+    QCOMPARE(treeBelow(root).keys(),
+             QStringList({".dir/d", ".hidden", "a", "linked/e", "sub/deeper/c"}));
 
     cleanupDirectory(root);
-
-    const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
     QCOMPARE(QDir(root).entryList(all), QStringList());
     QCOMPARE(QDir(outside).entryList(all, QDir::Name), QStringList({"inner", "target"}));
     QVERIFY(QFile::exists(outside + "/inner/f"));
