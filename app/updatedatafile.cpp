@@ -11,6 +11,8 @@
 
 #include <cstdio>
 
+#include <unistd.h>
+
 namespace {
 
 const QString currentGroup = QStringLiteral("current");
@@ -46,7 +48,8 @@ void UpdateDataFile::claimFile() const
     QFile::remove(temporary);
     QFile copy(temporary);
     const bool copied = copy.open(QIODevice::WriteOnly | QIODevice::NewOnly)
-                        && copy.write(content) == content.size() && copy.flush();
+                        && copy.write(content) == content.size() && copy.flush()
+                        && ::fsync(copy.handle()) == 0;
     copy.close();
     if (!copied
         || std::rename(QFile::encodeName(temporary).constData(),
