@@ -175,7 +175,7 @@ bool FTPProductDownloadSession::aimStreamAt(int s, int m)
     // next mirror never recurses through here.
     if (record->stream)
         record->stream->cancel();
-    record->postFailedToConnect(QString("Unsupported mirror URL %1").arg(mirror.url));
+    record->postFailedToConnect(QString("Unsupported mirror URL %1").arg(mirror.shownUrl()));
     return false;
 }
 
@@ -304,7 +304,7 @@ bool FTPProductDownloadSession::tryStoppedMirror(int s)
     const int retry = s < baseStreamCount ? stoppedMirrorToRetry() : -1;
     if (streams[s]->mirrorIndex < 0 || retry < 0)
         return false;
-    emit message(QString("Mirror %1 is tried again").arg(mirrors.at(retry).url));
+    emit message(QString("Mirror %1 is tried again").arg(mirrors.at(retry).shownUrl()));
     mirrors.noteRetried(retry);
     moveStream(s, retry);
     return true;
@@ -489,9 +489,9 @@ void FTPProductDownloadSession::leaveStoppedMirror(int m)
     if (target < 0)
         return;
     emit message(QString("Mirror %1 sent nothing for %2 seconds, its streams move to %3")
-                         .arg(mirrors.at(m).url)
+                         .arg(mirrors.at(m).shownUrl())
                          .arg(stoppedMirrorMs / 1000)
-                         .arg(mirrors.at(target).url));
+                         .arg(mirrors.at(target).shownUrl()));
     mirrors.noteStopped(m);
     for (int s = 0; s < int(streams.size()); ++s) {
         DownloadStream *record = streams[s].get();
@@ -645,7 +645,7 @@ void FTPProductDownloadSession::onDisconnected(int s)
             record->stream->cancel();
         return;
     }
-    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(mirrors.at(m).url));
+    emit message(QString("Stream %1 change mirror to %2").arg(s).arg(mirrors.at(m).shownUrl()));
     connectStreamToMirror(s, m);
 }
 

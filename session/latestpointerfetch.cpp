@@ -109,7 +109,7 @@ void LatestPointerFetch::onCommandFinished(int id, bool error)
         // A mirror without a pointer is the usual case, worth no line; a broken one is.
         if (id != pointerRequest || transport->error() != CurlTransport::RequestRefused)
             log << QStringLiteral("No release pointer from %1: %2")
-                            .arg(currentUrl, transport->errorString());
+                            .arg(QUrl(currentUrl).toDisplayString(), transport->errorString());
         finishMirror();
         return;
     }

@@ -3,6 +3,7 @@
 #include "update/checksums.h"
 
 #include <QFile>
+#include <QUrl>
 
 ReleaseFetch::ReleaseFetch(const QString &productListName, const QString &version)
     : productListName(productListName)
@@ -118,7 +119,7 @@ bool ReleaseFetch::namesThisRelease() const
 
 QString ReleaseFetch::manifestUrl() const
 {
-    return mirror + "/" + productListName + ".manifest";
+    return QUrl(mirror + "/" + productListName + ".manifest").toDisplayString();
 }
 
 QString ReleaseFetch::invalidSignature() const

@@ -589,7 +589,7 @@ void CurlTransport::setProxy(const QUrl &proxy)
         return;
     const QString scheme = proxy.scheme().toLower();
     if (!proxy.isValid() || !isSupportedProxyScheme(scheme) || proxy.host().isEmpty()) {
-        d->proxyError = QStringLiteral("Invalid proxy %1").arg(proxy.toString());
+        d->proxyError = QStringLiteral("Invalid proxy %1").arg(proxy.toDisplayString());
         return;
     }
     QUrl address;
