@@ -5,3 +5,9 @@
 // True when a path taken from a product list can only name something below the directory it is
 // resolved against: not empty, not absolute, no ".." segment, no backslash, no control character.
 bool isSafeRelativePath(const QString &path);
+
+// True when a path relative to an installation names one of the updater's own entries at its
+// root (".update-lock", ".update-journal", ".update-staging": every name that starts with
+// ".update-"), or anything below one. A product list never installs or deletes those: the
+// switch and the lock that keep an installation whole would be replaced under their own feet.
+bool isUpdaterOwnPath(const QString &path);

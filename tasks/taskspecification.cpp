@@ -23,7 +23,7 @@ bool allKeysSafe(const QSettings &settings)
 {
     const QStringList keys = settings.allKeys();
     for (const QString &key : keys) {
-        if (!isSafeRelativePath(key))
+        if (!isSafeRelativePath(key) || isUpdaterOwnPath(key))
             return false;
     }
     return true;
@@ -119,7 +119,8 @@ bool TaskSpecification::initializeByProductIni(QSettings *settings)
             const QStringList keys = settings->allKeys();
             for (const QString &key : keys) {
                 FileSpecification entry;
-                if (!isSafeRelativePath(key) || !readEntry(*settings, group, key, &entry))
+                if (!isSafeRelativePath(key) || !readEntry(*settings, group, key, &entry)
+                    || isUpdaterOwnPath(entry.installPath()))
                     return false;
                 totalSize += entry.size;
                 files.append(entry);

@@ -179,7 +179,7 @@ void MirrorChecker::reportUnreadableList(QSettings &settings)
         settings.beginGroup(group);
         const QStringList keys = settings.allKeys();
         for (const QString &key : keys) {
-            if (!isSafeRelativePath(key))
+            if (!isSafeRelativePath(key) || isUpdaterOwnPath(key))
                 report(QStringLiteral("%1/%2: unsafe path").arg(group, key));
         }
         settings.endGroup();
@@ -187,7 +187,8 @@ void MirrorChecker::reportUnreadableList(QSettings &settings)
     if (found.size() == before)
         report(QStringLiteral("a value is not of the form md5::size or "
                               "md5::size::unpackedMd5::unpackedSize::unpackedName, or an "
-                              "unpacked name is not a safe relative path"));
+                              "unpacked name is not a safe relative path or is the updater's "
+                              "own"));
 }
 
 bool MirrorChecker::checkNames(const FileSpecification &entry)

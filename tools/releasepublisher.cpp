@@ -49,6 +49,12 @@ QString inexpressible(const QString &installPath)
         return QStringLiteral("holds a backslash or a control character");
     if (installPath.contains(ProductList::separator))
         return QStringLiteral("holds \"::\", which separates the fields of the list");
+    if (installPath == QLatin1String("update.ini"))
+        return QStringLiteral("is update.ini, which holds each installation's own settings and "
+                              "state");
+    if (isUpdaterOwnPath(installPath))
+        return QStringLiteral(
+                "starts with \".update-\", which the updater keeps for its own files");
     return QString();
 }
 

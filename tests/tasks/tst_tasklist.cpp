@@ -78,6 +78,12 @@ void tst_TaskList::entries_data()
     QTest::newRow("unpacked name: backslash")
             << QByteArray("[d]\nf.gz=x::1::y::2::a\\\\b") << QString();
     QTest::newRow("delete: parent at the end") << QByteArray("[delete]\nx%2F..=") << QString();
+    // The updater's own files at the root, however the path is spelt.
+    QTest::newRow("name: the updater's journal")
+            << QByteArray("[d]\n.update-journal=x::1") << QString();
+    QTest::newRow("unpacked name: below the staging")
+            << QByteArray("[d]\nf.gz=x::1::y::2::./.update-staging/new/f") << QString();
+    QTest::newRow("delete: the lock") << QByteArray("[delete]\n.update-lock=") << QString();
 }
 
 void tst_TaskList::entries()

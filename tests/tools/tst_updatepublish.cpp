@@ -276,7 +276,7 @@ void tst_UpdatePublish::roundTrip()
     QCOMPARE(problemsOf(list),
              QStringList("a value is not of the form md5::size or "
                          "md5::size::unpackedMd5::unpackedSize::unpackedName, or an unpacked "
-                         "name is not a safe relative path"));
+                         "name is not a safe relative path or is the updater's own"));
 }
 
 // Keys and signatures of update-publish and of Debian's minisign work with each other.
@@ -364,10 +364,14 @@ void tst_UpdatePublish::errors_data()
         {"%R/release/bad\uFFFD: name is not valid UTF-8", "%R/release/fifo: is not a regular file",
          "%R/release/lib/link: is a symbolic link; put the file itself into the release, or "
          "publish with --dereference",
+         "%R/release/.update-lock: cannot be published: its name starts with \".update-\", which "
+         "the updater keeps for its own files",
          "%R/release/a::b: cannot be published: its name holds \"::\", which separates the "
          "fields of the list",
          "%R/release/lib/a\\b: cannot be published: its name holds a backslash or a control "
-         "character"},
+         "character",
+         "%R/release/update.ini: cannot be published: its name is update.ini, which holds each "
+         "installation's own settings and state"},
         "inexpressible");
     row("links that lead nowhere or back", QStringList("--dereference") + publish,
         {"%R/release/lib/gone: is a symbolic link to nothing",
@@ -404,7 +408,9 @@ void tst_UpdatePublish::errors()
     } else if (setup == "published") {
         QCOMPARE(runPublish({release, "client", "12", base + "/mirror"}).exitCode, 0);
     } else if (setup == "inexpressible") {
-        QVERIFY(writeTree(release, {{"lib/a\\b", ""}, {"a::b", ""}}));
+        QVERIFY(writeTree(
+                release,
+                {{"lib/a\\b", ""}, {"a::b", ""}, {".update-lock", ""}, {"update.ini", ""}}));
         QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
         QCOMPARE(symlink("../orlivo", QFile::encodeName(release + "/lib/link").constData()), 0);
         QCOMPARE(mkfifo(QFile::encodeName(release + "/fifo").constData(), 0600), 0);
