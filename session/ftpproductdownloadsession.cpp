@@ -828,10 +828,18 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     return true;
 }
 
+// An installed file is read only where its checksum can tell something: when it may be up to date,
+// being of the listed size, or when it may be the base of a patch.
 QString FTPProductDownloadSession::installedFileMd5(const FileSpecification &file) const
 {
     const QString path = getInstalledFilePath(file);
-    return QFile::exists(path) ? getFileMD5Ex(path) : QString();
+    const QFileInfo installed(path);
+    if (!installed.exists()
+        || (quint64(installed.size()) != file.installedSize()
+            && !patches.offersFor(file.installPath()))) {
+        return QString();
+    }
+    return getFileMD5Ex(path);
 }
 
 // Every file is looked for right in the installation root, whatever directory lists it.

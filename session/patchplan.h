@@ -18,6 +18,8 @@ public:
     void offer(const QList<PatchRecord> &records);
     // Chooses the patch for the file at index when installedMd5 is the base of one.
     void choose(int index, const FileSpecification &file, const QString &installedMd5);
+    // True when a patch is offered for this install path, whatever its base.
+    bool offersFor(const QString &installPath) const { return offered.contains(installPath); }
     // The patch chosen for the file at index, or null.
     const PatchRecord *patchFor(int index) const;
     void drop(int index) { chosen.remove(index); }
