@@ -10,6 +10,8 @@
 
 #include <csignal>
 
+#include <sys/stat.h>
+
 namespace {
 
 const QString clientType = QStringLiteral("client_linux_amd64");
@@ -241,6 +243,11 @@ private slots:
         // 13 as halfway through publishing: its list, written last, not yet in place.
         const QString list13 = root + "/13/" + clientType + ".ini";
         QVERIFY(QFile::rename(list13, list13 + ".tmp"));
+        // A pipe where a manifest goes is no release, and never keeps the server waiting.
+        QVERIFY(QDir().mkpath(root + "/15"));
+        QVERIFY(::mkfifo(QFile::encodeName(root + "/15/" + clientType + ".manifest").constData(),
+                         0600)
+                == 0);
         VersionServer server(
                 {"--mirror", root, "--type", clientType, "--key", keys + "/update-keys.pub"});
         QVERIFY(server.port);
