@@ -57,8 +57,9 @@ UpdateRun::~UpdateRun()
 
 bool UpdateRun::start()
 {
-    // A pipe or a directory in its place holds no mirrors, and reading a pipe would never end.
-    if (!QFileInfo(appFilePath(mirrorsFileName)).isFile()) {
+    // A pipe in its place is as good as none, and reading it would never end.
+    const QFileInfo mirrorsFile(appFilePath(mirrorsFileName));
+    if (!mirrorsFile.isFile() && !mirrorsFile.isDir()) {
         emit refused(tr("%1 is missing, cannot proceed.").arg(mirrorsFileName), true);
         return false;
     }
