@@ -83,6 +83,7 @@ public:
     void endTransfer(CURLcode result);
     void endGet(CURLcode result);
     bool endedEarly() const;
+    QUrl currentUrl() const;
     QString curlErrorText(CURLcode result) const;
 
     // Called by libcurl: they only record, never call back into libcurl or emit.
@@ -215,12 +216,9 @@ void CurlTransport::Private::startNext()
             startFtpSession();
         }
         break;
-    case Kind::Get: {
-        QUrl url = server;
-        url.setPath(current->path);
-        startTransfer(url, false);
+    case Kind::Get:
+        startTransfer(currentUrl(), false);
         break;
-    }
     }
 }
 
@@ -346,7 +344,8 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
         if (!headOnly) {
             set(CURLOPT_FOLLOWLOCATION, 1L);
             set(CURLOPT_MAXREDIRS, maximumRedirects);
-            set(CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+            // What came over TLS never leaves it on a server's word.
+            set(CURLOPT_REDIR_PROTOCOLS_STR, mayMultiplex() ? "https" : "http,https");
         }
         if (!user.isEmpty())
             set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
@@ -454,21 +453,21 @@ void CurlTransport::Private::endGet(CURLcode result)
     if (result == CURLE_FTP_COULDNT_USE_REST && current->offset > 0 && emptyDevice()) {
         // A server that cannot resume still has the whole file to give.
         current->offset = 0;
-        QUrl url = server;
-        url.setPath(current->path);
-        startTransfer(url, false);
+        startTransfer(currentUrl(), false);
     } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
         finish(BodyTooLong, QStringLiteral("More than %1 bytes received").arg(current->maxLength));
     } else if (!isFtp() && status >= 300 && (status >= 400 || result == CURLE_OK)) {
-        QUrl url = server;
-        url.setPath(current->path);
         const QString reply = QString::number(status)
                               + (reason.isEmpty() ? QString() : ' ' + QString::fromUtf8(reason));
         finish(isFinalRefusal(status) ? RequestRefused : TransferFailed,
                QStringLiteral("Error transferring %1 - server replied: %2")
-                       .arg(url.toDisplayString(), reply));
+                       .arg(currentUrl().toDisplayString(), reply));
+    } else if (result == CURLE_TOO_MANY_REDIRECTS || result == CURLE_UNSUPPORTED_PROTOCOL) {
+        // Only a redirect can lead to another scheme; it will lead there again.
+        finish(RequestRefused, QStringLiteral("Error transferring %1 - redirect not followed: %2")
+                                       .arg(currentUrl().toDisplayString(), curlErrorText(result)));
     } else if (result != CURLE_OK) {
         // An FTP server's 550: the file is not there, and asking again will not make it appear.
         finish(result == CURLE_REMOTE_FILE_NOT_FOUND ? RequestRefused : TransferFailed,
@@ -479,6 +478,13 @@ void CurlTransport::Private::endGet(CURLcode result)
     } else {
         finish(NoError);
     }
+}
+
+QUrl CurlTransport::Private::currentUrl() const
+{
+    QUrl url = server;
+    url.setPath(current->path);
+    return url;
 }
 
 // A body whose length nobody announced ends when the connection closes, also when it breaks.

@@ -102,6 +102,7 @@ private slots:
     void fetchesFiles();
     void httpFileOutcomes_data();
     void httpFileOutcomes();
+    void redirectsKeepTls();
     void endingFromOwnSignal_data();
     void endingFromOwnSignal();
 
@@ -281,6 +282,13 @@ void tst_DownloadStreams::httpFileOutcomes_data()
             << "g.bin" << -8000 << "ok bytes=8000-, ok" << 0 << "";
     // Nor is the checksum of bytes written over others taken for the file's.
     QTest::newRow("server ignoring the range") << "h.bin" << 8000 << "full bytes=8000-" << 0 << "";
+    QTest::newRow("a redirect is followed") << "m.bin" << 0 << "redirect:/pub/m.bin, ok" << 0 << "";
+    QTest::newRow("a redirect to FTP is refused at once")
+            << "n.bin" << 0 << "redirect:ftp://127.0.0.1/n.bin" << 4
+            << "ERROR: Error transferring http://127.0.0.1:%1/pub/n.bin - redirect not followed";
+    QTest::newRow("redirects in circles are refused at once")
+            << "o.bin" << 0 << QStringList(6, "redirect:/pub/o.bin").join(", ") << 4
+            << "redirect not followed: Maximum (5) redirects followed";
     QTest::newRow("path leading out") << "../outside.bin" << 0 << "" << 3
                                       << "ERROR: failed to detect local path for ../outside.bin";
     QTest::newRow("subdirectory blocked by a file")
@@ -319,8 +327,11 @@ void tst_DownloadStreams::httpFileOutcomes()
     stream.getFile(name, name.endsWith(".ini") ? QString() : md5Of(content), content.size());
     QTRY_VERIFY_WITH_TIMEOUT(recorded.fileEnded(), 30000);
 
-    // Each attempt but the first after a wait; a damaged partial file costs one request more.
-    const qsizetype attempts = script.size() - (partial < 0);
+    // Each attempt but the first after a wait, a redirect followed within it; a damaged partial
+    // file costs one request more.
+    qsizetype attempts = -(partial < 0);
+    for (qsizetype i = 0; i < script.size(); ++i)
+        attempts += i == 0 || !script.at(i - 1).startsWith("redirect");
     QStringList events = attempts ? QStringList{"state 3"} : QStringList();
     if (partial < 0)
         events << "state 3"
@@ -340,6 +351,31 @@ void tst_DownloadStreams::httpFileOutcomes()
     QCOMPARE(asked.join(", "), requests);
     QCOMPARE(readTestFile(dest.filePath(name)), error ? QByteArray() : content);
     QCOMPARE(QFileInfo(dest.filePath(name)).isFile(), !error);
+}
+
+// A mirror reached over TLS may move its files, never to where they travel in the clear.
+void tst_DownloadStreams::redirectsKeepTls()
+{
+    const QString directives = QStringLiteral("location = /pub/moved.bin { return 301 "
+                                              "/pub/many/9.dat; }\n"
+                                              "location = /pub/clear.bin { return 301 %1; }")
+                                       .arg(http->url("http", "/pub/many/9.dat"));
+    const auto server = LoopbackServer::nginx(root.path(), &certificates, directives);
+    QVERIFY(server);
+    QTemporaryDir dest;
+    HTTPDownloadStream stream(dest.path());
+    stream.setTrustedCaFile(certificates.caFile);
+    StreamEvents events(&stream);
+    QVERIFY(connectAndWait(stream, events, server->url("https", "/pub")));
+    const QByteArray content = readTestFile(root.filePath("pub/many/9.dat"));
+    QVERIFY(fetchAndWait(stream, events, "moved.bin", content));
+
+    const qsizetype clearRequests = http->logLines().size();
+    QVERIFY(!fetchAndWait(stream, events, "clear.bin", content));
+    QCOMPARE(events.lines, QStringList({"state 3", "state 2", "fileError 4"}));
+    QVERIFY2(events.lastText.contains("/pub/clear.bin - redirect not followed"),
+             qPrintable(events.lastText));
+    QCOMPARE(http->logLines().size(), clearRequests);
 }
 
 void tst_DownloadStreams::endingFromOwnSignal_data()

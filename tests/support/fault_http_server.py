@@ -32,8 +32,10 @@ def next_behaviour(path):
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
-    def send_head(self, status, length=None, content_range=None):
+    def send_head(self, status, length=None, content_range=None, location=None):
         self.send_response(status)
+        if location:
+            self.send_header("Location", location)
         if content_range:
             self.send_header("Content-Range", content_range)
         self.send_header("Content-Type", "application/octet-stream")
@@ -55,6 +57,8 @@ class Handler(BaseHTTPRequestHandler):
         status, body = 404, b"not found\n"
         if kind == "status":
             status, body, kind = int(arg), b"scripted status\n", "ok"
+        elif kind == "redirect":
+            return self.send_head(301, 0, location=arg)
         elif local.startswith(os.path.normpath(ROOT)) and os.path.isfile(local):
             with open(local, "rb") as f:
                 status, body = 200, f.read()
