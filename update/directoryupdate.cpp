@@ -12,6 +12,7 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QSet>
 
 #include <cerrno>
 
@@ -36,10 +37,16 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
     // whoever looks into it.
     if (journal.isOpen())
         return false;
-    // Planned first: a file that goes may stand where a new directory must be made.
+    // Planned first: a file that goes may stand where a new directory must be made. A path the
+    // list installs stays, also when it is installed already and so not staged.
+    QSet<QString> installs;
+    for (const FileSpecification &entry : task.files)
+        installs.insert(QDir::cleanPath(entry.installPath()));
     const QStringList deletions = ProductList::deletedPaths(productIni);
-    for (const QString &path : deletions)
-        journal.planDelete(path);
+    for (const QString &path : deletions) {
+        if (!installs.contains(QDir::cleanPath(path)))
+            journal.planDelete(path);
+    }
     Outcome outcome = stageFiles(silent, sourceDir, task, &journal);
     if (outcome != Outcome::Failed) {
         const Outcome switched = switchFiles(silent, !deletions.isEmpty(), &journal);

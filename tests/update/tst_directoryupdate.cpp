@@ -112,7 +112,10 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     // Made from a patch in the working directory: there as installed, neither packed nor fetched.
     list("lib/made.so.gz", {QString(32, '0'), "9", md5Of("made"), "4", "lib/made.so"});
     QVERIFY(writeTestFile(source(".patched/lib/made.so"), "made"));
-    for (const char *path : {"plugins/old.so", "never-there.txt"})
+    // Whatever the list installs is never deleted, also when it is installed already.
+    list("bin/current.txt", {md5Of("current"), "7"});
+    QVERIFY(writeTestFile(target("current.txt"), "current"));
+    for (const char *path : {"plugins/old.so", "never-there.txt", "readme.txt", "current.txt"})
         list(QString("delete/") + path, {"1"});
     for (const char *path : {"plugins/old.so", "readme.txt", "tool"})
         QVERIFY(writeTestFile(target(path), "old"));
@@ -132,6 +135,7 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
         QCOMPARE(int(QFileInfo(target(name)).permissions() & 0x7777), 0x7755);
     QCOMPARE(int(QFileInfo(target("libvoice.so.4.5")).permissions() & 0x7777), 0x6640);
     QCOMPARE(readTestFile(target("readme.txt")), "plain text");
+    QCOMPARE(readTestFile(target("current.txt")), "current");
     QCOMPARE(readTestFile(target("sounds/ring tone.wav")), patternBytes(100000, 1));
     QCOMPARE(readTestFile(target("voice.bin")), patternBytes(300000, 2));
     QCOMPARE(readTestFile(target("lib/made.so")), "made");
