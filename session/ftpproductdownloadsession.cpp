@@ -783,8 +783,11 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
     largestFirst.clear();
-    if (!task.initializeByProductIni(listPath) || task.getSize() == 0)
+    if (!task.initializeByProductIni(listPath) || task.getSize() == 0) {
+        if (const QString conflict = task.installPathConflict(); !conflict.isEmpty())
+            emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
         return false;
+    }
     // A signed manifest vouches for every file of the list, or for none.
     const bool signedRelease = releaseFetch.haveManifest() && releaseFetch.hasTrustedKeys();
     for (int i = 0; signedRelease && i < task.getSize(); ++i) {

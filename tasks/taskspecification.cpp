@@ -3,6 +3,8 @@
 #include "tasks/pathsafety.h"
 #include "tasks/productlist.h"
 
+#include <QDir>
+#include <QHash>
 #include <QList>
 #include <QSettings>
 #include <QStringList>
@@ -128,7 +130,38 @@ bool TaskSpecification::initializeByProductIni(QSettings *settings)
         }
         settings->endGroup();
     }
-    return true;
+    return installPathConflict().isEmpty();
+}
+
+QString TaskSpecification::installPathConflict() const
+{
+    const auto where = [](const FileSpecification &entry) {
+        return entry.directory + QLatin1Char('/') + entry.name;
+    };
+    // "a//b" and "./a/b" name the file "a/b" does.
+    QHash<QString, const FileSpecification *> installedBy;
+    for (const FileSpecification &entry : files) {
+        const QString path = entry.installPath();
+        const QStringView last = QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1);
+        if (last.isEmpty() || last == QLatin1String("."))
+            return QStringLiteral("%1 installs at %2, which names no file").arg(where(entry), path);
+        const QString clean = QDir::cleanPath(path);
+        if (const FileSpecification *earlier = installedBy.value(clean)) {
+            return QStringLiteral("%1 installs at %2, as %3 does")
+                    .arg(where(entry), path, where(*earlier));
+        }
+        installedBy.insert(clean, &entry);
+    }
+    for (auto it = installedBy.cbegin(); it != installedBy.cend(); ++it) {
+        for (qsizetype slash = it.key().indexOf(QLatin1Char('/')); slash > 0;
+             slash = it.key().indexOf(QLatin1Char('/'), slash + 1)) {
+            if (const FileSpecification *file = installedBy.value(it.key().left(slash))) {
+                return QStringLiteral("%1 installs at %2, below the file %3 installs")
+                        .arg(where(**it), it.key(), where(*file));
+            }
+        }
+    }
+    return {};
 }
 
 void TaskSpecification::save(QSettings *settings) const

@@ -30,9 +30,14 @@ public:
 
     // Appends the entries of a product file list. False on a value that is neither two nor five
     // "::"-separated fields or on a path that could leave its directory; the entries read before
-    // it stay, and the settings are then left inside the section being read.
+    // it stay, and the settings are then left inside the section being read. False as well, with
+    // every entry read, when installPathConflict() finds one.
     bool initializeByProductIni(const QString &path);
     bool initializeByProductIni(QSettings *settings);
+
+    // Why the entries cannot all be installed: one names no file ("x/", "."), two install at
+    // one path, or one installs below another's file. Empty when each has a file of its own.
+    QString installPathConflict() const;
 
     // The saved form: an array "file" of one "::"-joined value per entry, marks included.
     void save(QSettings *settings) const;

@@ -8,7 +8,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QHash>
 #include <QSet>
 #include <QRegularExpression>
 #include <QSettings>
@@ -58,21 +57,17 @@ bool MirrorChecker::check()
 
     TaskSpecification task;
     if (!task.initializeByProductIni(&settings)) {
-        reportUnreadableList(settings);
+        if (const QString conflict = task.installPathConflict(); !conflict.isEmpty())
+            report(conflict);
+        else
+            reportUnreadableList(settings);
         return false;
     }
     if (task.getSize() == 0)
         report(QStringLiteral("lists no files"));
     checkManifest();
 
-    QHash<QString, QString> installedBy;
     for (const FileSpecification &entry : std::as_const(task.files)) {
-        const QString where = entry.directory + QLatin1Char('/') + entry.name;
-        const QString earlier = installedBy.value(entry.installPath());
-        if (!earlier.isEmpty())
-            report(entry,
-                   QStringLiteral("installs at %1, as %2 does").arg(entry.installPath(), earlier));
-        installedBy.insert(entry.installPath(), where);
         // A malformed checksum is reported once, not again as a mismatch.
         if (checkNames(entry))
             checkFile(entry);

@@ -435,6 +435,12 @@ private slots:
         add("list of garbage, an honest mirror next",
             {both, {}, 0, "change mirror to 1", {}, noiseBytes(4000, 7)});
         add("list unpacking to an absolute path", {hostile, {}, 2, refused, {}, absolute});
+        const QByteArray twice = "[client_linux_amd64]\nreadme.txt=60b725f10c9c85c70d97880dfe8191b3"
+                                 "::2\n[client_linux_amd64.lib]\nreadme.txt.gz=60b725f10c9c85c70"
+                                 "d97880dfe8191b3::2::60b725f10c9c85c70d97880dfe8191b3::2::"
+                                 "./readme.txt\n";
+        add("list installing one file twice, an honest mirror next",
+            {both, {}, 0, "lib/readme.txt.gz installs at ./readme.txt, as", {}, twice});
         add("list of empty sections deleting files", {hostile, {}, 2, refused, {}, emptyDeleting});
         add("mirrors.ini missing", {{}, {}, 1, "mirrors.ini is missing"});
         add("mirrors.ini of garbage", {{}, {}, 2, "No mirror is listed", {}, noiseBytes(400, 9)});

@@ -48,6 +48,8 @@ class tst_TaskList : public QObject
 private slots:
     void entries_data();
     void entries();
+    void installPathConflicts_data();
+    void installPathConflicts();
     void saveAndLoad();
     void marks_data();
     void marks();
@@ -104,6 +106,39 @@ void tst_TaskList::entries()
         QCOMPARE(fields(list.files.at(1)), entry);
     else
         QCOMPARE(list.totalSize, 5u);
+}
+
+void tst_TaskList::installPathConflicts_data()
+{
+    QTest::addColumn<QByteArray>("ini");
+    QTest::addColumn<QString>("conflict"); // empty: the list is read
+
+    QTest::newRow("names sharing a beginning, files side by side")
+            << QByteArray("[d]\na=x::1\na.d/b=x::1\na-b=x::1::y::1::a-c\nc/d/e=x::1\nc/d/f=x::1")
+            << "";
+    QTest::newRow("one path spelt two ways")
+            << QByteArray("[d]\nlib/x=x::1\n[e]\nx.gz=x::1::y::1::./lib//x")
+            << "e/x.gz installs at ./lib//x, as d/lib/x does";
+    QTest::newRow("a file below another's file")
+            << QByteArray("[d]\nlib=x::1\n[e]\nx.gz=x::1::y::1::lib/sub/x")
+            << "e/x.gz installs at lib/sub/x, below the file d/lib installs";
+    for (const char *path : {".", "lib/", "lib/."}) {
+        QTest::addRow("the directory %s", path)
+                << "[d]\nx.gz=x::1::y::1::" + QByteArray(path)
+                << QStringLiteral("d/x.gz installs at %1, which names no file").arg(path);
+    }
+}
+
+// Each entry needs a file of its own; staging could not give them one, so such a list is
+// refused whole, as an unsafe path is.
+void tst_TaskList::installPathConflicts()
+{
+    QFETCH(QByteArray, ini);
+    QFETCH(QString, conflict);
+
+    TaskSpecification list;
+    QCOMPARE(list.initializeByProductIni(writeIni(ini)), conflict.isEmpty());
+    QCOMPARE(list.installPathConflict(), conflict);
 }
 
 // The saved form is read by whoever kept it, perhaps another version: its values are fixed.

@@ -277,6 +277,9 @@ void tst_UpdatePublish::roundTrip()
              QStringList("a value is not of the form md5::size or "
                          "md5::size::unpackedMd5::unpackedSize::unpackedName, or an unpacked "
                          "name is not a safe relative path or is the updater's own"));
+    editList(list, key("x/y/f"), 4, "orlivo/f");
+    QCOMPARE(problemsOf(list), QStringList(key("x/y/f") + " installs at orlivo/f, below the file "
+                                           + key("orlivo") + " installs"));
 }
 
 // Keys and signatures of update-publish and of Debian's minisign work with each other.
