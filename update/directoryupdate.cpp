@@ -8,6 +8,7 @@
 #include "update/filecopy.h"
 #include "update/filesync.h"
 #include "update/packing.h"
+#include "update/terminationhold.h"
 #include "update/updatejournal.h"
 
 #include <QDir>
@@ -260,6 +261,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
         emit message(QStringLiteral("Remove extra files..."));
 
     QString error;
+    // Stopped between two versions, the installation would wait for the next start to be whole.
+    TerminationHold held;
     if (!journal->begin(&error)) {
         emit message(QStringLiteral("FAILED to start the switch: %1").arg(error));
         journal->discardStaging();
@@ -270,7 +273,10 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
     int failed = 0;
     while (!journal->apply(&failed, &error)) {
         emit message(QStringLiteral("FAILED to switch %1").arg(error));
+        // A person may take their time; stopped meanwhile, the next start rolls back.
+        held.release();
         const InstallAnswer answer = ask(silent, error);
+        held.hold();
         if (answer == InstallAnswer::Retry)
             continue;
         if (answer == InstallAnswer::Abort || failed < 0 || !journal->undo(failed, &error)) {

@@ -4,6 +4,7 @@
 #include "tasks/pathsafety.h"
 #include "update/cleanup.h"
 #include "update/filesync.h"
+#include "update/terminationhold.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -371,6 +372,7 @@ QStringList UpdateJournal::recover(const QString &installDir)
                                "was not changed")};
     }
     State state = State::Switch;
+    const TerminationHold held;
     if (!journal.read(&state)) {
         return {QStringLiteral("Update journal %1 cannot be read; left as it is")
                         .arg(journal.journalPath())};

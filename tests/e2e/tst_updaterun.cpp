@@ -7,6 +7,7 @@
 #include <QtTest>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -344,44 +345,84 @@ private slots:
         verifyInstalled(true);
     }
 
-    // A second start while the first run is inside its switch changes nothing and says why; the
-    // first still finishes whole. The preloaded library holds the first run at its first rename
-    // into the installation until the test lets it go.
-    void secondStartDuringSwitch()
+    // Starts an unattended run that the preloaded library holds at its first rename into the
+    // installation; true once it is held there, until letGo().
+    bool startHeldInSwitch(QProcess *process)
     {
-        writeMirrors({"http"});
         const QString hold = tempDir->filePath("hold");
-        QVERIFY(QDir().mkpath(hold));
-        for (const char *name : {"/held", "/go"})
-            QCOMPARE(::mkfifo(QFile::encodeName(hold + name).constData(), 0600), 0);
-        QProcessEnvironment preload = preloadedFault("ORLIVO_HOLD_SWITCH", hold);
-        QProcess first;
-        startUpdater(&first, {"--nouser"}, false, preload);
+        if (!QDir().mkpath(hold))
+            return false;
+        for (const char *name : {"/held", "/go"}) {
+            if (::mkfifo(QFile::encodeName(hold + name).constData(), 0600) != 0)
+                return false;
+        }
+        startUpdater(process, {"--nouser"}, false, preloadedFault("ORLIVO_HOLD_SWITCH", hold));
         const int held = ::open(QFile::encodeName(hold + "/held").constData(),
                                 O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        QVERIFY(held >= 0);
         // QTRY evaluates its condition more than once; the byte comes only once.
         bool inSwitch = false;
         const auto signalled = [&] {
             char byte = 0;
             return inSwitch = inSwitch || ::read(held, &byte, 1) == 1;
         };
-        QTRY_VERIFY_WITH_TIMEOUT(signalled(), runTimeoutMs);
+        const bool reached = held >= 0 && QTest::qWaitFor(signalled, runTimeoutMs);
         ::close(held);
+        return reached;
+    }
 
+    // True once the held run was let go; false when it ended before that.
+    bool letGo(QProcess *run)
+    {
+        const QByteArray go = QFile::encodeName(tempDir->filePath("hold/go"));
+        int end = -1;
+        const auto opened = [&] {
+            end = ::open(go.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+            return end >= 0 || run->state() == QProcess::NotRunning;
+        };
+        QTest::qWaitFor(opened, runTimeoutMs);
+        return end >= 0 && ::close(end) == 0;
+    }
+
+    // A second start while the first run is inside its switch changes nothing and says why; the
+    // first still finishes whole.
+    void secondStartDuringSwitch()
+    {
+        writeMirrors({"http"});
+        QProcess first;
+        QVERIFY(startHeldInSwitch(&first));
         const TestTree during = treeBelow(installation->path());
         QVERIFY(during.contains(".update-journal"));
         QVERIFY(runs(1, "Another update is running in this installation."));
         QCOMPARE(treeBelow(installation->path()), during);
 
-        QFile go(hold + "/go");
-        QVERIFY(go.open(QIODevice::WriteOnly));
-        go.close();
+        QVERIFY(letGo(&first));
         QVERIFY(first.waitForFinished(runTimeoutMs));
         const QByteArray firstLog = first.readAll();
         QVERIFY2(first.exitCode() == 0 && firstLog.contains("Update finished, version: 12"),
                  firstLog.constData());
         verifyInstalled(true);
+    }
+
+    // Stopped inside its switch (systemd's SIGTERM, Ctrl-C), a run first makes the switch whole,
+    // then ends as the signal asks: nobody starting the client meanwhile meets two versions.
+    void stopDuringSwitchWaitsForIt()
+    {
+        writeMirrors({"http"});
+        QProcess first;
+        QVERIFY(startHeldInSwitch(&first));
+        QCOMPARE(::kill(pid_t(first.processId()), SIGTERM), 0);
+        QVERIFY(letGo(&first));
+        QVERIFY(first.waitForFinished(runTimeoutMs));
+        QCOMPARE(first.exitStatus(), QProcess::CrashExit);
+        const QByteArray firstLog = first.readAll();
+        QVERIFY2(firstLog.contains("Switch complete\n") && !firstLog.contains("Update finished"),
+                 firstLog.constData());
+        const TestTree installed = treeBelow(installation->path());
+        const TestTree expected = treeBelow(release);
+        for (auto file = expected.cbegin(); file != expected.cend(); ++file)
+            QCOMPARE(installed.value(file.key()), file.value());
+        QVERIFY(!installed.contains(".update-journal"));
+        QVERIFY(runs(0, "Update finished, version: 12"));
     }
 
     // A switch that fails halfway is rolled back, and the next start installs what the first
