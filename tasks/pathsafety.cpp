@@ -23,7 +23,8 @@ bool isUpdaterOwnPath(const QString &path)
     // "./x" and "a//b" name what "x" and "a/b" do.
     for (const QStringView segment : QStringView(path).split(QLatin1Char('/'))) {
         if (!segment.isEmpty() && segment != QLatin1String("."))
-            return segment.startsWith(QLatin1String(".update-"));
+            return segment.startsWith(QLatin1String(".update-"))
+                   || segment == QLatin1String("update.ini");
     }
     return false;
 }

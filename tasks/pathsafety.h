@@ -8,6 +8,7 @@ bool isSafeRelativePath(const QString &path);
 
 // True when a path relative to an installation names one of the updater's own entries at its
 // root (".update-lock", ".update-journal", ".update-staging": every name that starts with
-// ".update-"), or anything below one. A product list never installs or deletes those: the
-// switch and the lock that keep an installation whole would be replaced under their own feet.
+// ".update-"; and "update.ini"), or anything below one. A product list never installs or deletes
+// those: the switch and the lock that keep an installation whole would be replaced under their
+// own feet, and the settings and installed version that every run keeps.
 bool isUpdaterOwnPath(const QString &path);

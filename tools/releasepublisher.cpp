@@ -49,7 +49,7 @@ QString inexpressible(const QString &installPath)
         return QStringLiteral("holds a backslash or a control character");
     if (installPath.contains(ProductList::separator))
         return QStringLiteral("holds \"::\", which separates the fields of the list");
-    if (installPath == QLatin1String("update.ini"))
+    if (QDir::cleanPath(installPath) == QLatin1String("update.ini"))
         return QStringLiteral("is update.ini, which holds each installation's own settings and "
                               "state");
     if (isUpdaterOwnPath(installPath))

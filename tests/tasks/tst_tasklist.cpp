@@ -86,6 +86,8 @@ void tst_TaskList::entries_data()
     QTest::newRow("unpacked name: below the staging")
             << QByteArray("[d]\nf.gz=x::1::y::2::./.update-staging/new/f") << QString();
     QTest::newRow("delete: the lock") << QByteArray("[delete]\n.update-lock=") << QString();
+    QTest::newRow("unpacked name: the settings")
+            << QByteArray("[d]\nf.gz=x::1::y::2::.//update.ini") << QString();
 }
 
 void tst_TaskList::entries()
