@@ -379,8 +379,7 @@ private slots:
             end = ::open(go.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
             return end >= 0 || run->state() == QProcess::NotRunning;
         };
-        QTest::qWaitFor(opened, runTimeoutMs);
-        return end >= 0 && ::close(end) == 0;
+        return QTest::qWaitFor(opened, runTimeoutMs) && end >= 0 && ::close(end) == 0;
     }
 
     // A second start while the first run is inside its switch changes nothing and says why; the
