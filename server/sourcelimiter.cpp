@@ -2,10 +2,17 @@
 
 #include <algorithm>
 
+namespace {
+
+constexpr qint64 fullPruneIntervalNs = 1000000000;
+
+} // namespace
+
 SourceLimiter::SourceLimiter(double rate, double burst, size_t maxSources)
     : rate(rate)
     , burst(std::max(burst, 1.0))
     , maxSources(maxSources)
+    , lastFullPruneNs(-fullPruneIntervalNs)
 {
     buckets.reserve(std::min<size_t>(maxSources, 4096));
 }
@@ -21,6 +28,9 @@ bool SourceLimiter::admit(quint32 address, qint64 nowNs)
     auto found = buckets.find(address);
     if (found == buckets.end()) {
         if (buckets.size() >= maxSources) {
+            if (nowNs - lastFullPruneNs < fullPruneIntervalNs)
+                return false;
+            lastFullPruneNs = nowNs;
             prune(nowNs);
             if (buckets.size() >= maxSources)
                 return false;

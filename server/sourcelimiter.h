@@ -6,7 +6,9 @@
 
 // A token bucket per IPv4 source address: each source may be answered rate times a second on
 // average and burst times at once. The table is bounded; when it is full of active sources a new
-// one is refused, since a reply must never become a free amplifier for spoofed addresses.
+// one is refused, since a reply must never become a free amplifier for spoofed addresses. A full
+// table is looked through for idle sources at most once a second: under a flood of new spoofed
+// addresses a look per datagram would stop the server answering anyone.
 class SourceLimiter
 {
 public:
@@ -30,5 +32,6 @@ private:
     double rate;
     double burst;
     size_t maxSources;
+    qint64 lastFullPruneNs;
     std::unordered_map<quint32, Bucket> buckets;
 };

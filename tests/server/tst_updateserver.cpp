@@ -1,3 +1,4 @@
+#include "server/sourcelimiter.h"
 #include "tests/support/loopbackserver.h"
 #include "tests/support/testfiles.h"
 
@@ -285,6 +286,21 @@ private slots:
                  QByteArray::number(answers));
         QVERIFY(!stranger.hasPendingDatagrams());
         QVERIFY(server.stop());
+    }
+
+    // Spoofed addresses fill the table; a full table is looked through at most once a second,
+    // and what a look frees goes to the next new sources.
+    void limiterFullOfSources()
+    {
+        constexpr qint64 second = 1000000000;
+        SourceLimiter limiter(10, 1, 2);
+        QVERIFY(limiter.admit(1, 0) && limiter.admit(2, 0));
+        QVERIFY(!limiter.admit(1, 0));
+        QVERIFY(!limiter.admit(3, 0));          // looked: nothing idle
+        QVERIFY(!limiter.admit(4, second / 2)); // idle by now, but looked too recently
+        QVERIFY(limiter.admit(4, second) && limiter.admit(5, second));
+        QVERIFY(!limiter.admit(6, second));
+        QCOMPARE(limiter.sources(), size_t(2));
     }
 
     // The units load as systemd reads them, with no complaint.
