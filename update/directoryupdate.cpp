@@ -274,7 +274,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
     while (!journal->apply(&failed, &error)) {
         emit message(QStringLiteral("FAILED to switch %1").arg(error));
         // A person may take their time; stopped meanwhile, the next start rolls back.
-        held.release();
+        if (!silent && question)
+            held.release();
         const InstallAnswer answer = ask(silent, error);
         held.hold();
         if (answer == InstallAnswer::Retry)
