@@ -20,6 +20,7 @@
 #include <QTemporaryFile>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 
 namespace {
@@ -123,7 +124,37 @@ bool ReleasePublisher::publish()
     if (!collectDeletedPaths() || !filesOk)
         return false;
     assignSections();
-    return writeFiles() && writePatches() && writeList();
+    const QStringList made = pathsToMake();
+    if (writeFiles() && writePatches() && writeList())
+        return true;
+    for (const QString &path : made) {
+        if (!QFile::remove(path))
+            QDir(path).removeRecursively();
+    }
+    return false;
+}
+
+// What a publication makes that is not there yet, to be taken away again when it fails: a tree
+// synced to the mirrors never carries files without their list. Files it replaces (--force)
+// cannot be given back.
+QStringList ReleasePublisher::pathsToMake() const
+{
+    // A link, even to nothing, is there already.
+    const auto present = [](const QString &path) {
+        const QFileInfo info(path);
+        return info.exists() || info.isSymLink();
+    };
+    const QDir versionDirectory(QDir(outputRoot).filePath(version));
+    if (!present(versionDirectory.path()))
+        return {versionDirectory.path()};
+    const QString patches = versionDirectory.filePath(QStringLiteral("patches"));
+    QStringList paths{manifestPath(), manifestPath() + QStringLiteral(".minisig"), patches,
+                      QDir(patches).filePath(clientType)};
+    for (const ReleaseFile &file : files)
+        paths << versionDirectory.filePath(file.entry.directory);
+    paths.removeDuplicates();
+    paths.removeIf(present);
+    return paths;
 }
 
 bool ReleasePublisher::fail(const QString &problem)
@@ -366,8 +397,13 @@ bool ReleasePublisher::packFile(const QString &source, QTemporaryFile *scratch, 
         return fail(QStringLiteral("cannot write %1: %2")
                             .arg(scratch->fileTemplate(), scratch->errorString()));
     scratch->close();
-    if (!::packFile(source, scratch->fileName(), packFormat))
-        return fail(QStringLiteral("cannot pack %1 into %2").arg(source, scratch->fileName()));
+    errno = 0;
+    if (!::packFile(source, scratch->fileName(), packFormat)) {
+        const QString reason =
+                errno != 0 ? QStringLiteral(": ") + qt_error_string(errno) : QString();
+        return fail(QStringLiteral("cannot pack %1 into %2%3")
+                            .arg(source, QFileInfo(scratch->fileName()).path(), reason));
+    }
     if (!mayKeepRaw) {
         *packed = true;
         return true;

@@ -111,6 +111,7 @@ private:
     bool entriesReadBack(const QString &path);
     bool deletionsReadBack(const QString &path);
     void assignSections();
+    QStringList pathsToMake() const;
     bool fail(const QString &problem);
 
     QString releaseDirectory;

@@ -7,7 +7,9 @@
 
 #include <QCryptographicHash>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSet>
 #include <QSettings>
 #include <QStandardPaths>
@@ -380,6 +382,10 @@ void tst_UpdatePublish::errors_data()
         {"%R/release/lib/gone: is a symbolic link to nothing",
          "%R/release/lib/up: is a symbolic link into a directory that holds it"},
         "bad links");
+    // What a failed publication made goes again; the mirror tree is as it was.
+    row("mirror full", publish,
+        {"cannot pack %R/release/z/noise.bin into %R/mirror/12/client.z: No space left on device"},
+        "full");
     row("already published", publish,
         {"%R/mirror/12/client.ini exists already; use --force to replace it"}, "published");
     row("unknown packing", QStringList{"--pack", "some"} + publish,
@@ -402,6 +408,11 @@ void tst_UpdatePublish::errors()
     const QString release = base + "/release";
     QVERIFY(writeTree(release, {{"orlivo", "client"}, {"lib/libfoo.so", "library"}}));
     const QByteArray undecodable = QFile::encodeName(release) + "/bad\xff";
+    bool mounted = false;
+    const auto unmount = qScopeGuard([&] {
+        if (mounted)
+            QProcess::execute("umount", {base + "/mirror"});
+    });
     if (setup == "file") {
         QVERIFY(writeTestFile(base + "/file", "not a directory"));
     } else if (setup == "empty") {
@@ -417,6 +428,15 @@ void tst_UpdatePublish::errors()
         QCOMPARE(close(open(undecodable.constData(), O_CREAT | O_WRONLY, 0644)), 0);
         QCOMPARE(symlink("../orlivo", QFile::encodeName(release + "/lib/link").constData()), 0);
         QCOMPARE(mkfifo(QFile::encodeName(release + "/fifo").constData(), 0600), 0);
+    } else if (setup == "full") {
+        QByteArray noise(2 << 20, Qt::Uninitialized);
+        QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(noise.data()), noise.size() / 4);
+        QVERIFY(writeTestFile(release + "/z/noise.bin", noise) && QDir().mkpath(base + "/mirror"));
+        mounted = QProcess::execute("mount",
+                                    {"-t", "tmpfs", "-o", "size=1m", "tmpfs", base + "/mirror"})
+                  == 0;
+        if (!mounted)
+            QSKIP("mounting a small tmpfs is not permitted here");
     } else if (setup == "bad links") {
         QVERIFY(QFile::link("missing", release + "/lib/gone"));
         QVERIFY(QFile::link("..", release + "/lib/up"));
