@@ -168,8 +168,10 @@ bool UpdateRun::takeUpEarlierSession(QString *version, QString *dir)
     }
     if (storedVersion == QString::number(clientVersion)) {
         emit message(QStringLiteral("Previous update session for v. %1 found").arg(storedVersion));
-        // No download made a link there: one would lead the run's writes anywhere.
-        removeNonFilesBelow(storedDir);
+        // No download made a link there, one would lead the run's writes anywhere; nor is a
+        // download installed already as the installed file itself, which a resumed write would
+        // change in place.
+        removeAllButDownloadsBelow(storedDir);
         *version = storedVersion;
         *dir = storedDir;
         return true;

@@ -14,8 +14,18 @@ namespace {
 
 constexpr int directoryFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// What to remove: everything, or only what no download makes (links, pipes, sockets, devices).
-enum class Sweep { Everything, NonFiles };
+// What to remove: everything, or all but what a download is, a regular file of one name. Links,
+// pipes, sockets and devices no download makes; a file with another name as well is installed
+// already (a run stopped between its switch and its clean-up) or linked from elsewhere, and
+// writing it again would write the other name too.
+enum class Sweep { Everything, AllButDownloads };
+
+bool isDownload(int directory, const char *name)
+{
+    struct stat status = {};
+    return ::fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode)
+           && status.st_nlink == 1;
+}
 
 // The listing tells the kind of an entry on most file systems; a working directory of thousands
 // of files is then swept without asking about each.
@@ -48,7 +58,8 @@ void sweepDirectory(int directory, Sweep what)
         const unsigned char type = entryType(directory, *entry);
         if (type == DT_DIR)
             subdirectories.push_back(name);
-        else if (what == Sweep::Everything || type != DT_REG)
+        else if (what == Sweep::Everything || type != DT_REG
+                 || !isDownload(directory, entry->d_name))
             ::unlinkat(directory, name.c_str(), 0);
     }
     ::closedir(entries);
@@ -82,9 +93,9 @@ void cleanupDirectory(const QString &path)
     sweep(path, Sweep::Everything);
 }
 
-void removeNonFilesBelow(const QString &path)
+void removeAllButDownloadsBelow(const QString &path)
 {
-    sweep(path, Sweep::NonFiles);
+    sweep(path, Sweep::AllButDownloads);
 }
 
 void removeTree(const QString &path)

@@ -421,7 +421,10 @@ private slots:
         for (auto file = expected.cbegin(); file != expected.cend(); ++file)
             QCOMPARE(installed.value(file.key()), file.value());
         QVERIFY(!installed.contains(".update-journal"));
+        // The next run finds the downloads installed as they are, and installs nothing again:
+        // the updater it runs as is not renamed aside.
         QVERIFY(runs(0, "Update finished, version: 12"));
+        verifyInstalled(false);
     }
 
     // A switch that fails halfway is rolled back, and the next start installs what the first

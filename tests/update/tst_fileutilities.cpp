@@ -9,6 +9,7 @@
 #include <QTest>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 Q_DECLARE_METATYPE(PackFormat)
 
@@ -206,9 +207,13 @@ void tst_FileUtilities::cleanupRemovesLinksWithoutFollowing()
     QVERIFY(QFile::link(outside + "/inner", root + "/sub/deeper/to-dir"));
     QVERIFY(QFile::link(outside + "/gone", root + "/dangling"));
     QCOMPARE(mkfifo(QFile::encodeName(root + "/sub/fifo").constData(), 0600), 0);
+    // A download that a switch installed under a second name.
+    QCOMPARE(::link(QFile::encodeName(outside + "/target").constData(),
+                    QFile::encodeName(root + "/sub/installed").constData()),
+             0);
     const auto all = QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot;
 
-    removeNonFilesBelow(root);
+    removeAllButDownloadsBelow(root);
     QCOMPARE(QDir(root).entryList(all, QDir::Name),
              QStringList({".dir", ".hidden", "a", "empty", "linked", "sub"}));
     QCOMPARE(treeBelow(root).keys(),
