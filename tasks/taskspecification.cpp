@@ -52,6 +52,17 @@ bool readEntry(const QSettings &settings, const QString &directory, const QStrin
     return true;
 }
 
+// Linux file systems hold names of at most 255 bytes (NAME_MAX): a longer one can be neither
+// downloaded nor installed.
+bool hasOverlongName(const QString &path)
+{
+    for (const QStringView name : QStringView(path).split(QLatin1Char('/'))) {
+        if (name.toUtf8().size() > 255)
+            return true;
+    }
+    return false;
+}
+
 } // namespace
 
 bool TaskSpecification::get(int index, FileSpecification *out) const
@@ -142,6 +153,12 @@ QString TaskSpecification::installPathConflict() const
     QHash<QString, const FileSpecification *> installedBy;
     for (const FileSpecification &entry : files) {
         const QString path = entry.installPath();
+        for (const QString &name : {where(entry), path}) {
+            if (hasOverlongName(name)) {
+                return QStringLiteral("%1: a name in %2 is longer than a file system holds")
+                        .arg(where(entry), name);
+            }
+        }
         const QStringView last = QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1);
         if (last.isEmpty() || last == QLatin1String("."))
             return QStringLiteral("%1 installs at %2, which names no file").arg(where(entry), path);

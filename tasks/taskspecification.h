@@ -35,8 +35,9 @@ public:
     bool initializeByProductIni(const QString &path);
     bool initializeByProductIni(QSettings *settings);
 
-    // Why the entries cannot all be installed: one names no file ("x/", "."), two install at
-    // one path, or one installs below another's file. Empty when each has a file of its own.
+    // Why the entries cannot all be installed: one names no file ("x/", ".") or has a name of
+    // more than 255 bytes, two install at one path, or one installs below another's file. Empty
+    // when each has a file of its own.
     QString installPathConflict() const;
 
     // The saved form: an array "file" of one "::"-joined value per entry, marks included.

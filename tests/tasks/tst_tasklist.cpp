@@ -124,6 +124,10 @@ void tst_TaskList::installPathConflicts_data()
     QTest::newRow("a file below another's file")
             << QByteArray("[d]\nlib=x::1\n[e]\nx.gz=x::1::y::1::lib/sub/x")
             << "e/x.gz installs at lib/sub/x, below the file d/lib installs";
+    const QByteArray longest(255, 'n');
+    QTest::newRow("names of 255 bytes, and longer")
+            << "[d]\n" + longest + "=x::1\nx.gz=x::1::y::1::lib/" + longest + 'n'
+            << QString("d/x.gz: a name in lib/" + longest + "n is longer than a file system holds");
     for (const char *path : {".", "lib/", "lib/."}) {
         QTest::addRow("the directory %s", path)
                 << "[d]\nx.gz=x::1::y::1::" + QByteArray(path)
