@@ -273,8 +273,8 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
     int failed = 0;
     while (!journal->apply(&failed, &error)) {
         emit message(QStringLiteral("FAILED to switch %1").arg(error));
-        // A person may take their time; stopped meanwhile, the next start rolls back.
-        if (!silent && question)
+        // Stopped while a person thinks it over, the run leaves the rollback to the next start.
+        if (asksPerson(silent))
             held.release();
         const InstallAnswer answer = ask(silent, error);
         held.hold();
@@ -305,7 +305,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::switchFiles(bool silent, bool removesF
 
 InstallAnswer DirectoryUpdate::ask(bool silent, const QString &text) const
 {
-    if (silent || !question)
+    if (!asksPerson(silent))
         return InstallAnswer::Abort;
     return question(text);
 }

@@ -61,6 +61,8 @@ private:
     bool makeDirectory(const QString &path);
     void keepUnpacked(const FileSpecification &entry, const QString &sourceDir,
                       const QString &download, const QString &staged);
+    // Whether ask() puts the question to a person, who may take their time, or answers Abort.
+    bool asksPerson(bool silent) const { return !silent && question; }
     // Abort when silent: an unattended run never installs a version with holes.
     InstallAnswer ask(bool silent, const QString &text) const;
 
