@@ -10,6 +10,8 @@
 #include <QStringList>
 #include <QStringView>
 
+#include <limits>
+
 namespace {
 
 using ProductList::separator;
@@ -158,6 +160,10 @@ QString TaskSpecification::installPathConflict() const
                 return QStringLiteral("%1: a name in %2 is longer than a file system holds")
                         .arg(where(entry), name);
             }
+        }
+        if (qMax(entry.size, entry.unpackedSize) > quint64(std::numeric_limits<qint64>::max())) {
+            return QStringLiteral("%1: a size of %2 bytes is more than a file system holds")
+                    .arg(where(entry), QString::number(qMax(entry.size, entry.unpackedSize)));
         }
         const QStringView last = QStringView(path).mid(path.lastIndexOf(QLatin1Char('/')) + 1);
         if (last.isEmpty() || last == QLatin1String("."))

@@ -70,8 +70,8 @@ void tst_TaskList::entries_data()
     QTest::addColumn<QString>("entry"); // empty when the entry must fail the whole read
 
     QTest::newRow("five fields, no name, sizes at both ends")
-            << QByteArray("[d]\nf=abc::18446744073709551615::def::12kb::")
-            << "0 | d | f | abc | 18446744073709551615 | def | 0 | ";
+            << QByteArray("[d]\nf=abc::9223372036854775807::def::12kb::")
+            << "0 | d | f | abc | 9223372036854775807 | def | 0 | ";
     QTest::newRow("dots inside names") << QByteArray("[d.]\na..b/..c=x::1::y::2::.d/e..")
                                        << "0 | d. | a..b/..c | x | 1 | y | 2 | .d/e..";
     QTest::newRow("three fields") << QByteArray("[d]\nf=abc::1::def") << QString();
@@ -128,6 +128,10 @@ void tst_TaskList::installPathConflicts_data()
     QTest::newRow("names of 255 bytes, and longer")
             << "[d]\n" + longest + "=x::1\nx.gz=x::1::y::1::lib/" + longest + 'n'
             << QString("d/x.gz: a name in lib/" + longest + "n is longer than a file system holds");
+    // Beyond what a download's length can be told apart from "unknown".
+    QTest::newRow("a size of 2^63 bytes")
+            << QByteArray("[d]\nx.gz=x::1::y::9223372036854775808::x")
+            << "d/x.gz: a size of 9223372036854775808 bytes is more than a file system holds";
     for (const char *path : {".", "lib/", "lib/."}) {
         QTest::addRow("the directory %s", path)
                 << "[d]\nx.gz=x::1::y::1::" + QByteArray(path)
