@@ -186,8 +186,8 @@ private slots:
     void initTestCase()
     {
         QVERIFY(work.isValid());
-        // Version 12 has a changed, a new and a packed file, one file fewer, and a new updater,
-        // which differs from the running one and so is renamed aside.
+        // Version 12 has a changed, a new, an empty and a packed file, one file fewer, and a new
+        // updater, which differs from the running one and so is renamed aside.
         previousRelease = work.filePath("release-11");
         release = work.filePath("release-12");
         const QByteArray updater = readTestFile(UPDATE_BINARY);
@@ -200,7 +200,8 @@ private slots:
                                         {"release-12/update", updater + "\nOrlivo update 12\n"},
                                         {"release-12/readme.txt", patternBytes(20000, 3)},
                                         {"release-12/lib/libvoice.so", noiseBytes(30000, 3)},
-                                        {"release-12/sounds/ring tone.wav", noiseBytes(9000, 4)}}));
+                                        {"release-12/sounds/ring tone.wav", noiseBytes(9000, 4)},
+                                        {"release-12/sounds/silence.wav", ""}}));
         QVERIFY(QFile::setPermissions(previousRelease + "/update", QFile::Permissions(0x7000)));
 
         // nginx and pyftpdlib report canonical paths.
@@ -310,7 +311,7 @@ private slots:
         // A mirror back: the run resumes and fetches only the rest of the stalled file.
         writeMirrors({"fault"});
         QVERIFY(runs(0, "Previous update session for v. 12 found\n"));
-        QVERIFY(log.contains("Verification of 4 file(s) complete. Ready: 0, Downloaded: 3."));
+        QVERIFY(log.contains("Verification of 5 file(s) complete. Ready: 0, Downloaded: 4."));
         QVERIFY(!QFileInfo::exists(tempDir->filePath("orlivo_temp_1")));
         const QStringList requests = fault->logLines().mid(requestsBefore);
         for (const QString &file : mirrorFiles)
@@ -697,7 +698,7 @@ private slots:
         if (run.exitCode == 0 && unattended) {
             verifyInstalled(true);
             // The next start clears the old updater away and finds everything up to date.
-            QVERIFY(runs(0, "Verification of 4 file(s) complete. Ready: 4, Downloaded: 0."));
+            QVERIFY(runs(0, "Verification of 5 file(s) complete. Ready: 5, Downloaded: 0."));
             return verifyInstalled(false);
         }
         QVERIFY(run.trouble != "file in the way" || QFile::remove(at("sounds")));
@@ -711,7 +712,7 @@ private slots:
             // Once the cause is gone, the next run installs what the failed one downloaded.
             QVERIFY(!installationFull
                     || mountTmpfs(full, "remount,size=" + QString::number(room * 4) + 'k'));
-            QVERIFY(runs(0, "Verification of 4 file(s) complete. Ready: 0, Downloaded: 4."));
+            QVERIFY(runs(0, "Verification of 5 file(s) complete. Ready: 0, Downloaded: 5."));
             verifyInstalled(true);
         }
     }
