@@ -250,20 +250,24 @@ bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSi
     return true;
 }
 
-QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString *error)
+bool diffBinary(const QByteArray &old, const QByteArray &now, BinaryDiff *streams, QString *error)
 {
     if (old.size() > binaryPatchBaseLimit) {
         *error = QStringLiteral("the base is too large to patch from");
-        return QByteArray();
+        return false;
     }
     const auto bytes = [](const QByteArray &data) {
         return reinterpret_cast<const uchar *>(data.constData());
     };
-    BinaryDiff streams;
-    if (!diffBinary(bytes(old), old.size(), bytes(now), now.size(), &streams)) {
+    if (!diffBinary(bytes(old), old.size(), bytes(now), now.size(), streams)) {
         *error = QStringLiteral("cannot sort the suffixes of the base");
-        return QByteArray();
+        return false;
     }
+    return true;
+}
+
+QByteArray encodeBinaryPatch(const BinaryDiff &streams, qint64 newSize, QString *error)
+{
     QByteArray control;
     QByteArray diff;
     QByteArray extra;
@@ -276,12 +280,20 @@ QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString
     char header[32] = "BSDIFF40";
     encodeNumber(control.size(), header + 8);
     encodeNumber(diff.size(), header + 16);
-    encodeNumber(now.size(), header + 24);
+    encodeNumber(newSize, header + 24);
     QByteArray patch;
     patch.reserve(qsizetype(sizeof header) + control.size() + diff.size() + extra.size());
     patch.append(header, qsizetype(sizeof header));
     patch.append(control).append(diff).append(extra);
     return patch;
+}
+
+QByteArray makeBinaryPatch(const QByteArray &old, const QByteArray &now, QString *error)
+{
+    BinaryDiff streams;
+    if (!diffBinary(old, now, &streams, error))
+        return QByteArray();
+    return encodeBinaryPatch(streams, now.size(), error);
 }
 
 bool mapFile(QFile &file, QByteArray *bytes, QString *error)

@@ -22,6 +22,14 @@ struct BinaryDiff
 bool diffBinary(const uchar *old, qint64 oldSize, const uchar *now, qint64 newSize,
                 BinaryDiff *streams);
 
+// The same for whole files, old at most binaryPatchBaseLimit bytes; false after a failure, whose
+// reason goes to error.
+bool diffBinary(const QByteArray &old, const QByteArray &now, BinaryDiff *streams, QString *error);
+
+// The streams packed as a BSDIFF40 patch to a new file of newSize bytes; empty after a failure,
+// whose reason goes to error.
+QByteArray encodeBinaryPatch(const BinaryDiff &streams, qint64 newSize, QString *error);
+
 // A binary patch from old to now in the BSDIFF40 format of bsdiff 4.3, which Debian's bspatch
 // applies as well as the updater; old must not be larger than binaryPatchBaseLimit. Empty after
 // a failure, whose reason goes to error.

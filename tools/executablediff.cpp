@@ -172,15 +172,21 @@ QByteArray packed(const QByteArray &data, int bits)
 
 QByteArray makeExecutablePatch(const QByteArray &base, const QByteArray &target)
 {
+    BinaryDiff plain;
+    QString error;
+    if (!diffBinary(base, target, &plain, &error))
+        return {};
+    return makeExecutablePatch(base, target, std::move(plain));
+}
+
+QByteArray makeExecutablePatch(const QByteArray &base, const QByteArray &target, BinaryDiff plain)
+{
     ElfImage oldElf;
     ElfImage newElf;
-    BinaryDiff first;
-    if (base.size() > binaryPatchBaseLimit || !oldElf.parse(bytesOf(base), base.size())
-        || !newElf.parse(bytesOf(target), target.size())
-        || !diffBinary(bytesOf(base), base.size(), bytesOf(target), target.size(), &first))
+    if (!oldElf.parse(bytesOf(base), base.size()) || !newElf.parse(bytesOf(target), target.size()))
         return {};
-    const AddressMap map = addressMapOf(regionsOf(matchesOf(first), oldElf, newElf));
-    first = {};
+    const AddressMap map = addressMapOf(regionsOf(matchesOf(plain), oldElf, newElf));
+    plain = {};
     QByteArray projected = base;
     projectReferences(reinterpret_cast<uchar *>(projected.data()), projected.size(), oldElf, map);
     BinaryDiff second;
