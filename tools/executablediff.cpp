@@ -9,6 +9,7 @@
 #include "update/varint.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <lzma.h>
 

@@ -3,6 +3,8 @@
 #include "tools/binarydiff.h"
 #include "tools/executablediff.h"
 
+#include <utility>
+
 QByteArray makePatch(const QByteArray &base, const QByteArray &target)
 {
     // One matching serves both formats: the executable-aware one starts from bsdiff's.
