@@ -21,6 +21,9 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 namespace {
 
 const QString patchesFolder = QStringLiteral("patches");
@@ -234,6 +237,9 @@ ReleasePatches::Outcome ReleasePatches::run(const Job &job) const
         const QByteArray patch = fromCache ? readWhole(cachePath) : makePatch(base, target);
         if (fromCache && patch.isEmpty())
             continue;
+        // A patch taken again counts as new, so that the publisher can prune by age.
+        if (fromCache)
+            ::utimensat(AT_FDCWD, QFile::encodeName(cachePath).constData(), nullptr, 0);
         if (patch.isEmpty()) {
             outcome.problem = QStringLiteral("%1: no patch could be made").arg(job.installPath);
             return outcome;

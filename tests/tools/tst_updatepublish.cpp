@@ -6,6 +6,7 @@
 #include "update/directoryupdate.h"
 
 #include <QCryptographicHash>
+#include <QDateTime>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QRegularExpression>
@@ -253,9 +254,16 @@ void tst_UpdatePublish::roundTrip()
                                     .toHex());
     QCOMPARE(cached.size(), 2);
     QVERIFY(writeTestFile(dir.filePath("cache/" + cached[0]), "damaged"));
+    // A patch taken from the cache is touched, so that pruning by age keeps what is used.
+    const QDateTime longAgo = QDateTime::currentDateTimeUtc().addDays(-400);
+    QFile used(dir.filePath("cache/" + cached[1]));
+    QVERIFY(used.open(QIODevice::ReadWrite)
+            && used.setFileTime(longAgo, QFileDevice::FileModificationTime));
+    used.close();
     publisher.setReplaceExisting(true);
     QVERIFY(publisher.publish());
     QCOMPARE(publisher.cachedPatchCount(), 1);
+    QVERIFY(QFileInfo(used).lastModified().daysTo(QDateTime::currentDateTime()) < 1);
     QCOMPARE(problemsOf(list), QStringList());
     QVERIFY(publisher.publish());
     QCOMPARE(publisher.cachedPatchCount(), 2);
