@@ -65,10 +65,13 @@ int main(int argc, char **argv)
                          &VersionServer::setReply);
         scanner->start();
     }
-    QObject::connect(&stops, &StopSignals::stopRequested, &application, [](int signalNumber) {
-        std::fprintf(stderr, "Stopping on signal %d\n", signalNumber);
-        QCoreApplication::quit();
-    });
+    // What the last minute counted is not lost at a restart.
+    QObject::connect(&stops, &StopSignals::stopRequested, &application,
+                     [&server](int signalNumber) {
+                         server.writeCounts("since the last count");
+                         std::fprintf(stderr, "Stopping on signal %d\n", signalNumber);
+                         QCoreApplication::quit();
+                     });
     std::fprintf(stderr, "Listening on %s:%u\n", options.address.constData(), server.port());
     std::fflush(stderr);
     return application.exec();

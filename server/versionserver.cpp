@@ -42,7 +42,7 @@ VersionServer::VersionServer(double rate, double burst, QObject *parent)
     , limiter(rate, burst)
 {
     countTimer.setInterval(countIntervalMs);
-    connect(&countTimer, &QTimer::timeout, this, &VersionServer::writeCounts);
+    connect(&countTimer, &QTimer::timeout, this, [this] { writeCounts("last minute"); });
 }
 
 VersionServer::~VersionServer()
@@ -128,13 +128,13 @@ void VersionServer::readBatches()
     }
 }
 
-void VersionServer::writeCounts()
+void VersionServer::writeCounts(const char *span)
 {
     limiter.prune(monotonicNs());
     std::fprintf(stderr,
-                 "last minute: %llu answered, %llu over the per-source limit, %llu without a "
-                 "version to announce, %llu other datagrams ignored; %zu sources tracked\n",
-                 answered, limited, unanswered, ignored, limiter.sources());
+                 "%s: %llu answered, %llu over the per-source limit, %llu without a "
+                 "version to announce, %llu other datagrams ignored; sources tracked: %zu\n",
+                 span, answered, limited, unanswered, ignored, limiter.sources());
     std::fflush(stderr);
     answered = limited = unanswered = ignored = 0;
 }

@@ -25,6 +25,8 @@ public:
     bool listen(const QByteArray &address, quint16 port);
     quint16 port() const { return boundPort; }
     QString errorString() const { return error; }
+    // The counts since the last line, labelled with span, and starts counting anew.
+    void writeCounts(const char *span);
 
 public slots:
     // At most 31 bytes reach a client; an empty reply answers nobody.
@@ -32,7 +34,6 @@ public slots:
 
 private:
     void readBatches();
-    void writeCounts();
 
     int descriptor = -1;
     quint16 boundPort = 0;
