@@ -54,15 +54,20 @@ bool readEntry(const QSettings &settings, const QString &directory, const QStrin
     return true;
 }
 
-// Linux file systems hold names of at most 255 bytes (NAME_MAX): a longer one can be neither
-// downloaded nor installed.
-bool hasOverlongName(const QString &path)
+// Linux file systems hold names of at most 255 bytes (NAME_MAX), and system calls take paths of at
+// most 4096 (PATH_MAX), of which the installation's and the working directory's own paths need
+// some: a longer one can be neither downloaded nor installed. Empty when the path fits.
+QString lengthProblem(const QString &path)
 {
+    constexpr qsizetype nameLimit = 255;
+    constexpr qsizetype pathLimit = 3072;
+    if (path.toUtf8().size() > pathLimit)
+        return QStringLiteral("the path %1 is longer than %2 bytes").arg(path).arg(pathLimit);
     for (const QStringView name : QStringView(path).split(QLatin1Char('/'))) {
-        if (name.toUtf8().size() > 255)
-            return true;
+        if (name.toUtf8().size() > nameLimit)
+            return QStringLiteral("a name in %1 is longer than a file system holds").arg(path);
     }
-    return false;
+    return {};
 }
 
 } // namespace
@@ -156,10 +161,8 @@ QString TaskSpecification::installPathConflict() const
     for (const FileSpecification &entry : files) {
         const QString path = entry.installPath();
         for (const QString &name : {where(entry), path}) {
-            if (hasOverlongName(name)) {
-                return QStringLiteral("%1: a name in %2 is longer than a file system holds")
-                        .arg(where(entry), name);
-            }
+            if (const QString problem = lengthProblem(name); !problem.isEmpty())
+                return where(entry) + QStringLiteral(": ") + problem;
         }
         if (qMax(entry.size, entry.unpackedSize) > quint64(std::numeric_limits<qint64>::max())) {
             return QStringLiteral("%1: a size of %2 bytes is more than a file system holds")

@@ -128,6 +128,13 @@ void tst_TaskList::installPathConflicts_data()
     QTest::newRow("names of 255 bytes, and longer")
             << "[d]\n" + longest + "=x::1\nx.gz=x::1::y::1::lib/" + longest + 'n'
             << QString("d/x.gz: a name in lib/" + longest + "n is longer than a file system holds");
+    // 3060 bytes; "d/" and the first key make 3072.
+    const QByteArray deep = QByteArray(16, 'd').append('/').repeated(180);
+    QTest::newRow("paths of 3072 bytes, and longer")
+            << "[d]\n" + deep + QByteArray(10, 'f') + "=x::1\nx.gz=x::1::y::1::" + deep
+                       + QByteArray(13, 'x')
+            << QString("d/x.gz: the path " + deep + QByteArray(13, 'x')
+                       + " is longer than 3072 bytes");
     // Beyond what a download's length can be told apart from "unknown".
     QTest::newRow("a size of 2^63 bytes")
             << QByteArray("[d]\nx.gz=x::1::y::9223372036854775808::x")
