@@ -573,8 +573,12 @@ bool ReleasePublisher::listReadsBack(const QString &written)
 bool ReleasePublisher::entriesReadBack(const QString &path)
 {
     TaskSpecification task;
-    if (!task.initializeByProductIni(path) || task.getSize() != files.size())
-        return fail(QStringLiteral("the list does not read back as written"));
+    if (!task.initializeByProductIni(path) || task.getSize() != files.size()) {
+        // Updaters would refuse such a list, for this reason.
+        const QString conflict = task.installPathConflict();
+        return fail(conflict.isEmpty() ? QStringLiteral("the list does not read back as written")
+                                       : QStringLiteral("cannot be published: ") + conflict);
+    }
     QHash<QString, FileSpecification> read;
     for (const FileSpecification &entry : std::as_const(task.files))
         read.insert(entry.directory + QLatin1Char('/') + entry.name, entry);

@@ -124,6 +124,7 @@ private slots:
     void signatures();
     void errors_data();
     void errors();
+    void pathTooLong();
 };
 
 void tst_UpdatePublish::roundTrip_data()
@@ -463,6 +464,21 @@ void tst_UpdatePublish::errors()
     QCOMPARE(run.err, messages);
     QCOMPARE(after.keys(), before.keys());
     QVERIFY(after == before);
+}
+
+// A path that updaters would refuse in the list is refused in the release, for the same reason,
+// and the version directory goes again.
+void tst_UpdatePublish::pathTooLong()
+{
+    QTemporaryDir dir;
+    const QString deep = QString(16, 'd').append('/').repeated(190) + "x.h";
+    QVERIFY(writeTree(dir.filePath("release"), {{"top", "y"}, {deep, "x"}}));
+    const Run run = runPublish({dir.filePath("release"), "client", "12", dir.filePath("mirror")});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(run.err.size(), 1);
+    QVERIFY(run.err.at(0).startsWith("update-publish: cannot be published: client."));
+    QVERIFY(run.err.at(0).endsWith(": the path " + deep + " is longer than 3072 bytes"));
+    QVERIFY(!QFileInfo::exists(dir.filePath("mirror/12")));
 }
 
 QTEST_GUILESS_MAIN(tst_UpdatePublish)
