@@ -783,11 +783,14 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
     largestFirst.clear();
-    if (!task.initializeByProductIni(listPath) || task.getSize() == 0) {
-        if (const QString conflict = task.installPathConflict(); !conflict.isEmpty())
-            emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
+    const bool read = task.initializeByProductIni(listPath);
+    // The list and what patches make lie in the working directory beside the downloads.
+    const QString conflict = task.installPathConflict(releaseFetch.fileNames()
+                                                      << FileSpecification::patchedFolder());
+    if (!conflict.isEmpty())
+        emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
+    if (!read || !conflict.isEmpty() || task.getSize() == 0)
         return false;
-    }
     // A signed manifest vouches for every file of the list, or for none.
     const bool signedRelease = releaseFetch.haveManifest() && releaseFetch.hasTrustedKeys();
     for (int i = 0; signedRelease && i < task.getSize(); ++i) {

@@ -19,10 +19,23 @@ void ReleaseFetch::start(const QString &mirrorUrl)
     manifestUsable = false;
 }
 
+namespace {
+
+const char *const suffixes[] = {".manifest", ".manifest.minisig", ".ini"};
+
+} // namespace
+
 QString ReleaseFetch::fileName() const
 {
-    static const char *const suffixes[] = {".manifest", ".manifest.minisig", ".ini"};
     return productListName + suffixes[current];
+}
+
+QStringList ReleaseFetch::fileNames() const
+{
+    QStringList names;
+    for (const char *suffix : suffixes)
+        names << productListName + suffix;
+    return names;
 }
 
 ReleaseFetch::Outcome ReleaseFetch::fileArrived(const QString &path, QString *note)

@@ -38,6 +38,8 @@ struct FileSpecification
     // working directory, by install path, apart from the downloads.
     QString patchedPath(const QString &workingDirectory) const
     {
-        return workingDirectory + QStringLiteral("/.patched/") + installPath();
+        return workingDirectory + QLatin1Char('/') + patchedFolder() + QLatin1Char('/')
+               + installPath();
     }
+    static QString patchedFolder() { return QStringLiteral(".patched"); }
 };

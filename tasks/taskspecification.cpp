@@ -70,6 +70,29 @@ QString lengthProblem(const QString &path)
     return {};
 }
 
+// Entries by the path each claims, cleaned: "a//b" and "./a/b" name the file "a/b" does.
+using Claims = QHash<QString, const FileSpecification *>;
+
+// A claimed path below another claimed file: that path, its entry and the file's entry.
+struct Nesting
+{
+    QString path;
+    const FileSpecification *lower = nullptr;
+    const FileSpecification *file = nullptr;
+};
+
+Nesting findNesting(const Claims &claims)
+{
+    for (auto it = claims.cbegin(); it != claims.cend(); ++it) {
+        for (qsizetype slash = it.key().indexOf(QLatin1Char('/')); slash > 0;
+             slash = it.key().indexOf(QLatin1Char('/'), slash + 1)) {
+            if (const FileSpecification *file = claims.value(it.key().left(slash)))
+                return {it.key(), *it, file};
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 bool TaskSpecification::get(int index, FileSpecification *out) const
@@ -151,13 +174,13 @@ bool TaskSpecification::initializeByProductIni(QSettings *settings)
     return installPathConflict().isEmpty();
 }
 
-QString TaskSpecification::installPathConflict() const
+QString TaskSpecification::installPathConflict(const QStringList &workingFiles) const
 {
     const auto where = [](const FileSpecification &entry) {
         return entry.directory + QLatin1Char('/') + entry.name;
     };
-    // "a//b" and "./a/b" name the file "a/b" does.
-    QHash<QString, const FileSpecification *> installedBy;
+    Claims installedBy;
+    Claims fetchedBy;
     for (const FileSpecification &entry : files) {
         const QString path = entry.installPath();
         for (const QString &name : {where(entry), path}) {
@@ -177,15 +200,21 @@ QString TaskSpecification::installPathConflict() const
                     .arg(where(entry), path, where(*earlier));
         }
         installedBy.insert(clean, &entry);
+        const QString fetched = QDir::cleanPath(where(entry));
+        if (const FileSpecification *earlier = fetchedBy.value(fetched))
+            return QStringLiteral("%1 is fetched where %2 is").arg(where(entry), where(*earlier));
+        if (workingFiles.contains(fetched.section(QLatin1Char('/'), 0, 0)))
+            return QStringLiteral("%1 is fetched into a file of the updater's own")
+                    .arg(where(entry));
+        fetchedBy.insert(fetched, &entry);
     }
-    for (auto it = installedBy.cbegin(); it != installedBy.cend(); ++it) {
-        for (qsizetype slash = it.key().indexOf(QLatin1Char('/')); slash > 0;
-             slash = it.key().indexOf(QLatin1Char('/'), slash + 1)) {
-            if (const FileSpecification *file = installedBy.value(it.key().left(slash))) {
-                return QStringLiteral("%1 installs at %2, below the file %3 installs")
-                        .arg(where(**it), it.key(), where(*file));
-            }
-        }
+    if (const Nesting nesting = findNesting(installedBy); nesting.file) {
+        return QStringLiteral("%1 installs at %2, below the file %3 installs")
+                .arg(where(*nesting.lower), nesting.path, where(*nesting.file));
+    }
+    if (const Nesting nesting = findNesting(fetchedBy); nesting.file) {
+        return QStringLiteral("%1 is fetched below the file %2")
+                .arg(where(*nesting.lower), where(*nesting.file));
     }
     return {};
 }

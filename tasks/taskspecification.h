@@ -3,6 +3,7 @@
 #include "tasks/filespecification.h"
 
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 class QSettings;
@@ -35,10 +36,12 @@ public:
     bool initializeByProductIni(const QString &path);
     bool initializeByProductIni(QSettings *settings);
 
-    // Why the entries cannot all be installed: one names no file ("x/", ".") or has a name of
-    // more than 255 bytes, two install at one path, or one installs below another's file. Empty
-    // when each has a file of its own.
-    QString installPathConflict() const;
+    // Why the entries cannot all be fetched and installed: one names no file ("x/", "."), has a
+    // name or a path longer than a file system takes or a size no file can have, two install or
+    // are fetched at one path, one lies below another's file, or one is fetched into
+    // workingFiles, the names that the download directory keeps for the updater. Empty when
+    // each has a file of its own.
+    QString installPathConflict(const QStringList &workingFiles = {}) const;
 
     // The saved form: an array "file" of one "::"-joined value per entry, marks included.
     void save(QSettings *settings) const;

@@ -485,6 +485,14 @@ private slots:
                                  "./readme.txt\n";
         add("list installing one file twice, an honest mirror next",
             {both, {}, 0, "lib/readme.txt.gz installs at ./readme.txt, as", {}, twice});
+        // Its download could not be made where the list itself lies.
+        add("list fetching into the list's own place, an honest mirror next",
+            {both,
+             {},
+             0,
+             "client_linux_amd64.ini/x is fetched into a file of the updater's own",
+             {},
+             "[client_linux_amd64.ini]\nx=60b725f10c9c85c70d97880dfe8191b3::2\n"});
         add("list of empty sections deleting files", {hostile, {}, 2, refused, {}, emptyDeleting});
         add("mirrors.ini missing", {{}, {}, 1, "mirrors.ini is missing"});
         add("mirrors.ini of garbage", {{}, {}, 2, "No mirror is listed", {}, noiseBytes(400, 9)});

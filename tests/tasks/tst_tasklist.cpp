@@ -121,6 +121,12 @@ void tst_TaskList::installPathConflicts_data()
     QTest::newRow("one path spelt two ways")
             << QByteArray("[d]\nlib/x=x::1\n[e]\nx.gz=x::1::y::1::./lib//x")
             << "e/x.gz installs at ./lib//x, as d/lib/x does";
+    QTest::newRow("one download spelt two ways")
+            << QByteArray("[d]\nx/y=x::1::y::1::one\n.%2Fx%2Fy=x::1::y::1::two")
+            << "d/x/y is fetched where d/./x/y is";
+    QTest::newRow("a download below another's")
+            << QByteArray("[d]\na=x::1::y::1::one\n[d/a]\nb=x::1::y::1::two")
+            << "d/a/b is fetched below the file d/a";
     QTest::newRow("a file below another's file")
             << QByteArray("[d]\nlib=x::1\n[e]\nx.gz=x::1::y::1::lib/sub/x")
             << "e/x.gz installs at lib/sub/x, below the file d/lib installs";
