@@ -5,6 +5,7 @@
 #include "session/downloadstream.h"
 #include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
+#include "tasks/productlist.h"
 #include "update/checksums.h"
 #include "update/filesync.h"
 #include "update/packing.h"
@@ -785,8 +786,9 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     largestFirst.clear();
     const bool read = task.initializeByProductIni(listPath);
     // The list and what patches make lie in the working directory beside the downloads.
-    const QString conflict = task.installPathConflict(releaseFetch.fileNames()
-                                                      << FileSpecification::patchedFolder());
+    const QString conflict =
+            task.installPathConflict(ProductList::releaseFileNames(parameters.productListName)
+                                     << FileSpecification::patchedFolder());
     if (!conflict.isEmpty())
         emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
     if (!read || !conflict.isEmpty() || task.getSize() == 0)

@@ -1,5 +1,6 @@
 #include "session/releasefetch.h"
 
+#include "tasks/productlist.h"
 #include "update/checksums.h"
 
 #include <QFile>
@@ -19,23 +20,9 @@ void ReleaseFetch::start(const QString &mirrorUrl)
     manifestUsable = false;
 }
 
-namespace {
-
-const char *const suffixes[] = {".manifest", ".manifest.minisig", ".ini"};
-
-} // namespace
-
 QString ReleaseFetch::fileName() const
 {
-    return productListName + suffixes[current];
-}
-
-QStringList ReleaseFetch::fileNames() const
-{
-    QStringList names;
-    for (const char *suffix : suffixes)
-        names << productListName + suffix;
-    return names;
+    return ProductList::releaseFileNames(productListName).at(current);
 }
 
 ReleaseFetch::Outcome ReleaseFetch::fileArrived(const QString &path, QString *note)

@@ -5,7 +5,6 @@
 
 #include <QList>
 #include <QString>
-#include <QStringList>
 
 // What comes from a mirror before a release's files, in this order: the release manifest, with
 // a trusted key its signature, then the product list, which a manifest must cover. The session
@@ -26,8 +25,6 @@ public:
     Step step() const { return current; }
     // The file to fetch now, relative to the mirror's version directory.
     QString fileName() const;
-    // The files of every step, which lie beside the release's files where they are fetched.
-    QStringList fileNames() const;
 
     // The file of the current step lies at path; a note for the log may come with any outcome.
     Outcome fileArrived(const QString &path, QString *note);

@@ -4,6 +4,12 @@
 
 namespace ProductList {
 
+QStringList releaseFileNames(const QString &type)
+{
+    return {type + QStringLiteral(".manifest"), type + QStringLiteral(".manifest.minisig"),
+            type + QStringLiteral(".ini")};
+}
+
 QString entryValue(const FileSpecification &entry)
 {
     QString value = entry.md5 + separator + QString::number(entry.size);

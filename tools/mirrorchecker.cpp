@@ -56,8 +56,13 @@ bool MirrorChecker::check()
         report(QStringLiteral("%1: outside any section, which the updater never reads").arg(key));
 
     TaskSpecification task;
-    if (!task.initializeByProductIni(&settings)) {
-        if (const QString conflict = task.installPathConflict(); !conflict.isEmpty())
+    const bool read = task.initializeByProductIni(&settings);
+    // As an updater reads it: beside the files it fetches, the list's own and what it makes.
+    const QString conflict =
+            task.installPathConflict(ProductList::releaseFileNames(info.completeBaseName())
+                                     << FileSpecification::patchedFolder());
+    if (!read || !conflict.isEmpty()) {
+        if (!conflict.isEmpty())
             report(conflict);
         else
             reportUnreadableList(settings);

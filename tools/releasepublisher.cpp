@@ -313,8 +313,8 @@ void ReleasePublisher::assignSections()
     MirrorNames sections;
     sections.claim(clientType);
     // The list and the manifest lie beside the sections.
-    for (const char *suffix : {".ini", ".manifest", ".manifest.minisig"})
-        sections.claim(clientType + QLatin1String(suffix));
+    for (const QString &name : ProductList::releaseFileNames(clientType))
+        sections.claim(name);
     QHash<QString, QString> sectionOf;
     sectionOf.insert(QString(), clientType);
     for (ReleaseFile &file : files) {

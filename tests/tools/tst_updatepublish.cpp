@@ -291,6 +291,11 @@ void tst_UpdatePublish::roundTrip()
     editList(list, key("x/y/f"), 4, "orlivo/f");
     QCOMPARE(problemsOf(list), QStringList(key("x/y/f") + " installs at orlivo/f, below the file "
                                            + key("orlivo") + " installs"));
+    // Where an updater keeps the list it fetched.
+    const QString listName = QFileInfo(list).fileName();
+    QSettings(list, QSettings::IniFormat).setValue(listName + "/stray", QString(32, '0') + "::1");
+    QCOMPARE(problemsOf(list),
+             QStringList(listName + "/stray is fetched into a file of the updater's own"));
 }
 
 // Keys and signatures of update-publish and of Debian's minisign work with each other.
