@@ -786,9 +786,9 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     largestFirst.clear();
     const bool read = task.initializeByProductIni(listPath);
     // The list and what patches make lie in the working directory beside the downloads.
-    const QString conflict =
-            task.installPathConflict(ProductList::releaseFileNames(parameters.productListName)
-                                     << FileSpecification::patchedFolder());
+    const QStringList workingFiles = ProductList::releaseFileNames(parameters.productListName)
+                                     << FileSpecification::patchedFolder();
+    const QString conflict = task.installPathConflict(workingFiles);
     if (!conflict.isEmpty())
         emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
     if (!read || !conflict.isEmpty() || task.getSize() == 0)
@@ -804,7 +804,8 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     emit progressCount(0, task.totalSize);
     task.resetMarks();
     patches.offer(releaseFetch.haveManifest() ? releaseFetch.manifest().patches()
-                                              : QList<PatchRecord>());
+                                              : QList<PatchRecord>(),
+                  task.files, workingFiles);
     quint64 done = 0;
     for (int i = 0; i < task.getSize(); ++i) {
         FileSpecification file;

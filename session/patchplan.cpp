@@ -6,13 +6,45 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 
-void PatchPlan::offer(const QList<PatchRecord> &records)
+#include <algorithm>
+
+namespace {
+
+// The path and every directory above it.
+QStringList pathAndParents(const QString &path)
+{
+    QStringList paths{path};
+    for (qsizetype slash = path.lastIndexOf(QLatin1Char('/')); slash > 0;
+         slash = path.lastIndexOf(QLatin1Char('/'), slash - 1))
+        paths << path.left(slash);
+    return paths;
+}
+
+} // namespace
+
+void PatchPlan::offer(const QList<PatchRecord> &records, const QList<FileSpecification> &files,
+                      const QStringList &workingFiles)
 {
     offered.clear();
     chosen.clear();
-    for (const PatchRecord &record : records)
-        offered.insert(record.installPath, record);
+    QSet<QString> taken(workingFiles.cbegin(), workingFiles.cend());
+    QSet<QString> directories;
+    for (const FileSpecification &file : files) {
+        const QStringList paths = pathAndParents(QDir::cleanPath(file.directory + "/" + file.name));
+        taken.insert(paths.first());
+        for (qsizetype i = 1; i < paths.size(); ++i)
+            directories.insert(paths.at(i));
+    }
+    for (const PatchRecord &record : records) {
+        const QStringList paths = pathAndParents(QDir::cleanPath(record.path));
+        const bool inTheWay = directories.contains(paths.first())
+                              || std::any_of(paths.cbegin(), paths.cend(),
+                                             [&](const QString &p) { return taken.contains(p); });
+        if (!inTheWay)
+            offered.insert(record.installPath, record);
+    }
 }
 
 void PatchPlan::choose(int index, const FileSpecification &file, const QString &installedMd5)

@@ -7,6 +7,7 @@
 #include <QList>
 #include <QMultiHash>
 #include <QString>
+#include <QStringList>
 
 // Which files of a run are made from a binary patch instead of being fetched whole: a file
 // whose installed copy is the base of a patch that the release manifest offers for its install
@@ -14,8 +15,11 @@
 class PatchPlan
 {
 public:
-    // Replaces the offered patches and forgets every choice.
-    void offer(const QList<PatchRecord> &records);
+    // Replaces the offered patches and forgets every choice. A patch is fetched beside the
+    // files, into the working directory: one that would lie where a file of the list or one of
+    // workingFiles does, or in their way, is not offered.
+    void offer(const QList<PatchRecord> &records, const QList<FileSpecification> &files,
+               const QStringList &workingFiles);
     // Chooses the patch for the file at index when installedMd5 is the base of one.
     void choose(int index, const FileSpecification &file, const QString &installedMd5);
     // True when a patch is offered for this install path, whatever its base.

@@ -738,6 +738,9 @@ private slots:
         QTest::newRow("patch damaged on the way") << "corrupt" << QByteArray("fetching the whole");
         QTest::newRow("unsigned manifest vouching for another patch")
                 << "lying" << QByteArray("does not make update");
+        // Fetched, it would take the place of that file's download.
+        QTest::newRow("unsigned manifest placing the patch where a listed file lies")
+                << "in the way" << QByteArray("Update fin");
     }
 
     void patches()
@@ -753,21 +756,25 @@ private slots:
         const QString whole = mirrorFiles.filter(QRegularExpression("/update[^/]*$")).value(0);
         QVERIFY(patches.size() == 2 && !whole.isEmpty());
         QString root = mirrorRoot;
-        if (trouble == "lying") {
-            // The other base's patch, listed with its own digest and size as this base's.
-            root = QFileInfo(work.path()).canonicalFilePath() + "/lying";
+        if (trouble == "lying" || trouble == "in the way") {
+            // Another file, listed with its own digest and size as this base's patch: the other
+            // base's patch in its place, or a file of the list where it lies.
+            root = QFileInfo(work.path()).canonicalFilePath() + "/" + trouble;
             QVERIFY(execute("cp", {"-a", mirrorRoot, root}));
-            const QString other = "/12/" + patches.at(1 - patches.indexOf(patch.mid(4)));
+            const QString other = trouble == "lying"
+                                          ? "/12/" + patches.at(1 - patches.indexOf(patch.mid(4)))
+                                          : mirrorFiles.filter("ring").value(0);
             const QByteArray bytes = readTestFile(root + other);
             const QString sha256 =
                     QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
-            QVERIFY(writeTestFile(root + patch, bytes));
+            QVERIFY(trouble == "in the way" || writeTestFile(root + patch, bytes));
             const QString manifest = root + "/12/" + clientType + ".manifest";
             QStringList lines = QString(readTestFile(manifest)).split('\n');
             const QString key = patch.mid(4) + '=';
+            const QString placed = (trouble == "lying" ? patch : other).mid(4) + '=';
             for (QString &line : lines) {
                 if (line.startsWith(key))
-                    line = key + sha256 + "::" + QString::number(bytes.size())
+                    line = placed + sha256 + "::" + QString::number(bytes.size())
                            + "::" + line.section("::", 2);
             }
             QVERIFY(writeTestFile(manifest, lines.join('\n').toUtf8()));
@@ -779,10 +786,15 @@ private slots:
         writeMirrors({"fault"});
         QVERIFY(runs(0, logLine));
         const QStringList requests = fault->logLines();
-        QCOMPARE(requests.filter("/patches/").size(), trouble == "changed" ? 0 : 1);
-        QCOMPARE(requests.filter(' ' + patch + ' ').size(), trouble == "changed" ? 0 : 1);
+        const bool patchUsed = trouble != "changed" && trouble != "in the way";
+        QCOMPARE(requests.filter("/patches/").size(), patchUsed ? 1 : 0);
+        QCOMPARE(requests.filter(' ' + patch + ' ').size(), patchUsed ? 1 : 0);
         QCOMPARE(requests.filter(' ' + whole + ' ').size(),
                  trouble.isEmpty() || trouble == "older" ? 0 : 1);
+        // Fetched once, as the file it is.
+        const QString ringTone = mirrorFiles.filter("ring").value(0);
+        QVERIFY(!ringTone.isEmpty());
+        QCOMPARE(requests.filter(' ' + ringTone + ' ').size(), 1);
         verifyHolds(release, "_old_update");
     }
 
