@@ -1,5 +1,6 @@
 #include "session/patchplan.h"
 
+#include "tasks/pathsafety.h"
 #include "update/binarypatch.h"
 #include "update/checksums.h"
 
@@ -9,20 +10,6 @@
 #include <QSet>
 
 #include <algorithm>
-
-namespace {
-
-// The path and every directory above it.
-QStringList pathAndParents(const QString &path)
-{
-    QStringList paths{path};
-    for (qsizetype slash = path.lastIndexOf(QLatin1Char('/')); slash > 0;
-         slash = path.lastIndexOf(QLatin1Char('/'), slash - 1))
-        paths << path.left(slash);
-    return paths;
-}
-
-} // namespace
 
 void PatchPlan::offer(const QList<PatchRecord> &records, const QList<FileSpecification> &files,
                       const QStringList &workingFiles)

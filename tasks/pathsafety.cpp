@@ -28,3 +28,12 @@ bool isUpdaterOwnPath(const QString &path)
     }
     return false;
 }
+
+QStringList pathAndParents(const QString &path)
+{
+    QStringList paths{path};
+    for (qsizetype slash = path.lastIndexOf(QLatin1Char('/')); slash > 0;
+         slash = path.lastIndexOf(QLatin1Char('/'), slash - 1))
+        paths << path.left(slash);
+    return paths;
+}

@@ -84,9 +84,9 @@ struct Nesting
 Nesting findNesting(const Claims &claims)
 {
     for (auto it = claims.cbegin(); it != claims.cend(); ++it) {
-        for (qsizetype slash = it.key().indexOf(QLatin1Char('/')); slash > 0;
-             slash = it.key().indexOf(QLatin1Char('/'), slash + 1)) {
-            if (const FileSpecification *file = claims.value(it.key().left(slash)))
+        const QStringList paths = pathAndParents(it.key());
+        for (qsizetype i = 1; i < paths.size(); ++i) {
+            if (const FileSpecification *file = claims.value(paths.at(i)))
                 return {it.key(), *it, file};
         }
     }
