@@ -785,9 +785,7 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
     task = TaskState();
     largestFirst.clear();
     const bool read = task.initializeByProductIni(listPath);
-    // The list and what patches make lie in the working directory beside the downloads.
-    const QStringList workingFiles = ProductList::releaseFileNames(parameters.productListName)
-                                     << FileSpecification::patchedFolder();
+    const QStringList workingFiles = ProductList::workingFileNames(parameters.productListName);
     const QString conflict = task.installPathConflict(workingFiles);
     if (!conflict.isEmpty())
         emit message(QStringLiteral("%1: %2").arg(listPath, conflict));

@@ -10,6 +10,11 @@ QStringList releaseFileNames(const QString &type)
             type + QStringLiteral(".ini")};
 }
 
+QStringList workingFileNames(const QString &type)
+{
+    return releaseFileNames(type) << FileSpecification::patchedFolder();
+}
+
 QString entryValue(const FileSpecification &entry)
 {
     QString value = entry.md5 + separator + QString::number(entry.size);

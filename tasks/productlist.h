@@ -19,6 +19,9 @@ inline const QString deleteGroup = QStringLiteral("delete");
 // The files a release of type keeps beside its sections, in the order an updater fetches them:
 // the release manifest, its signature and the list. Older updaters fetch the list alone.
 QStringList releaseFileNames(const QString &type);
+// The names at the top of an updater's working directory that no section may take: the release's
+// own files beside the downloads, and the folder where patches and unpacking make files.
+QStringList workingFileNames(const QString &type);
 // The value of an entry's key: two fields, or five when the file is packed.
 QString entryValue(const FileSpecification &entry);
 // The installed paths named by the "delete" group of the list at path.

@@ -57,10 +57,9 @@ bool MirrorChecker::check()
 
     TaskSpecification task;
     const bool read = task.initializeByProductIni(&settings);
-    // As an updater reads it: beside the files it fetches, the list's own and what it makes.
+    // As an updater reads it, beside its own files.
     const QString conflict =
-            task.installPathConflict(ProductList::releaseFileNames(info.completeBaseName())
-                                     << FileSpecification::patchedFolder());
+            task.installPathConflict(ProductList::workingFileNames(info.completeBaseName()));
     if (!read || !conflict.isEmpty()) {
         if (!conflict.isEmpty())
             report(conflict);
