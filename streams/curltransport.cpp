@@ -37,6 +37,17 @@ QUrl serverRoot(const QUrl &server)
     return server.adjusted(QUrl::RemoveUserInfo | QUrl::RemoveQuery | QUrl::RemoveFragment);
 }
 
+// "bytes 100-199/200" gives 100; anything else, -1.
+qint64 firstByteOfRange(const QByteArray &value)
+{
+    if (!value.startsWith("bytes "))
+        return -1;
+    const qsizetype dash = value.indexOf('-');
+    bool ok = false;
+    const qint64 first = value.mid(6, dash - 6).trimmed().toLongLong(&ok);
+    return dash > 6 && ok && first >= 0 ? first : -1;
+}
+
 // 408 and 429 ask the client to come back later, like a server error does.
 bool isFinalRefusal(long status)
 {
@@ -134,6 +145,9 @@ public:
     // server sends the whole file.
     qint64 base = 0;
     qint64 written = 0;
+    // The first byte of a 206's Content-Range; -1 without one.
+    qint64 rangeStart = -1;
+    bool misplacedRange = false;
     bool tooLong = false;
     QString writeFailure;
     qint64 reportedDone = 0;
@@ -252,6 +266,8 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
     bodyStarted = false;
     base = 0;
     written = 0;
+    rangeStart = -1;
+    misplacedRange = false;
     tooLong = false;
     writeFailure.clear();
     reportedDone = 0;
@@ -454,6 +470,15 @@ void CurlTransport::Private::endGet(CURLcode result)
         // A server that cannot resume still has the whole file to give.
         current->offset = 0;
         startTransfer(currentUrl(), false);
+    } else if (misplacedRange) {
+        // Bytes from elsewhere in the file would land in the wrong place; the whole file is
+        // still to be had.
+        if (!emptyDevice()) {
+            finish(WriteFailed, current->device->errorString());
+            return;
+        }
+        current->offset = 0;
+        startTransfer(currentUrl(), false);
     } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
@@ -526,6 +551,9 @@ size_t CurlTransport::Private::receiveHeader(const char *data, size_t length)
         const qsizetype reasonStart = line.indexOf(' ', codeStart);
         status = line.mid(codeStart, reasonStart < 0 ? -1 : reasonStart - codeStart).toLong();
         reason = reasonStart < 0 ? QByteArray() : line.mid(reasonStart + 1);
+        rangeStart = -1;
+    } else if (line.toLower().startsWith("content-range:")) {
+        rangeStart = firstByteOfRange(line.mid(line.indexOf(':') + 1).trimmed());
     }
     return length;
 }
@@ -558,13 +586,18 @@ size_t CurlTransport::Private::receiveBody(const char *data, size_t length)
     return length;
 }
 
-// An FTP server that takes the REST sends the rest; an HTTP server says so with 206.
+// An FTP server that takes the REST sends the rest; an HTTP server says so with 206, and its
+// Content-Range says from which byte.
 bool CurlTransport::Private::startBody()
 {
     bodyStarted = true;
-    if (current->offset <= 0 || isFtp() || status == 206) {
+    if (current->offset <= 0 || isFtp() || (status == 206 && rangeStart == current->offset)) {
         base = current->offset;
         return true;
+    }
+    if (status == 206 && rangeStart != 0) {
+        misplacedRange = true;
+        return false;
     }
     if (emptyDevice())
         return true;

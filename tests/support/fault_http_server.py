@@ -66,12 +66,15 @@ class Handler(BaseHTTPRequestHandler):
             return self.send_head(status, len(body))
         start = int(asked[6:-1] or 0) if asked.startswith("bytes=") and asked.endswith("-") else 0
         content_range = None
+        n = int(arg or 0)
         if status == 200 and kind != "full" and start:
             if start >= len(body):
                 return self.send_head(416, 0)
+            # A misplaced range answers from byte N instead.
+            start = n if kind == "misrange" else start
             content_range = f"bytes {start}-{len(body) - 1}/{len(body)}"
             status, body = 206, body[start:]
-        n, length = int(arg or 0), len(body)
+        length = len(body)
         if kind == "corrupt":
             body = body.translate(bytes(range(255, -1, -1)))
         elif kind in ("cut", "short", "stall"):
@@ -80,7 +83,7 @@ class Handler(BaseHTTPRequestHandler):
             pass
         elif kind == "endless":
             status, length, body, content_range = 200, None, b"e" * 16384, None
-        elif kind not in ("ok", "full"):
+        elif kind not in ("ok", "full", "misrange"):
             raise ValueError(f"unknown behaviour {behaviour}")
         self.send_head(status, length, content_range)
         try:

@@ -57,7 +57,8 @@ public:
     // it is served normally. "ok"; "status:N"; "cut:N" (full length announced, N bytes sent,
     // closed); "short:N" (no length, N bytes, closed); "stall:N" (N bytes, then silence);
     // "endless"; "trickle:N" (the body in ten parts over N ms); "corrupt" (every byte inverted);
-    // "full" (200 and the whole file whatever range was asked); "redirect:LOCATION" (301).
+    // "full" (200 and the whole file whatever range was asked); "misrange:N" (206 from byte N
+    // whatever range was asked); "redirect:LOCATION" (301).
     // Otherwise a range "bytes=N-" gets 206 and the behaviour applies to the rest.
     void setFaults(const QString &path, const QStringList &behaviours);
 
