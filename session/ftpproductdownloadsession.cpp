@@ -5,8 +5,10 @@
 #include "session/downloadstream.h"
 #include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
+#include "tasks/pathsafety.h"
 #include "tasks/productlist.h"
 #include "update/checksums.h"
+#include "update/cleanup.h"
 #include "update/filesync.h"
 #include "update/packing.h"
 
@@ -777,13 +779,14 @@ void FTPProductDownloadSession::requestListFile()
     record->stream->getFile(releaseFetch.fileName(), QString(), 0);
 }
 
-bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
+bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPath)
 {
     if (listPath.isEmpty())
         return false;
     // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
     largestFirst.clear();
+    clearedDirectories.clear();
     const bool read = task.initializeByProductIni(listPath);
     const QStringList workingFiles = ProductList::workingFileNames(parameters.productListName);
     const QString conflict = task.installPathConflict(workingFiles);
@@ -817,6 +820,10 @@ bool FTPProductDownloadSession::checkAllFiles(bool, const QString &listPath)
         } else {
             patches.choose(i, file, installedMd5);
             task.markNoFile(i, false);
+            if (resume) {
+                const PatchRecord *patch = patches.patchFor(i);
+                clearWayFor(patch ? patch->path : file.directory + "/" + file.name);
+            }
             // A file shorter than required is what a broken transfer left: its stream goes on
             // from its end.
             const QString temp = getTempFilePath(file);
@@ -865,6 +872,29 @@ bool FTPProductDownloadSession::isDownloaded(const FileSpecification &file) cons
     const QString expectedSha256 = getFileSha256(file);
     const QString actual = expectedSha256.isEmpty() ? getFileMD5Ex(path) : getFileSHA256Ex(path);
     return !actual.isEmpty() && actual == (expectedSha256.isEmpty() ? file.md5 : expectedSha256);
+}
+
+// A working directory taken up again may hold what another list of this version left where this
+// one needs a directory or a file, and the stream could not write there. No download of this list
+// lies in such a place, nested downloads being refused, so it goes.
+void FTPProductDownloadSession::clearWayFor(const QString &relativePath)
+{
+    QStringList places = pathAndParents(QDir::cleanPath(relativePath));
+    const QString download = parameters.tempDirectory + "/" + places.takeFirst();
+    for (auto place = places.crbegin(); place != places.crend(); ++place) {
+        if (clearedDirectories.contains(*place))
+            continue;
+        const QFileInfo info(parameters.tempDirectory + "/" + *place);
+        if (!info.isDir() || info.isSymLink()) {
+            // Nothing below a file, or below nothing, is left to clear.
+            removeTree(info.filePath());
+            return;
+        }
+        clearedDirectories.insert(*place);
+    }
+    const QFileInfo info(download);
+    if (info.isDir() && !info.isSymLink())
+        removeTree(download);
 }
 
 QString FTPProductDownloadSession::getFileSha256(const FileSpecification &file) const

@@ -127,6 +127,8 @@ private:
     // The MD5 of the installed copy of file; empty when there is none.
     QString installedFileMd5(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;
+    // Removes what stands where the download at relativePath or one of its directories goes.
+    void clearWayFor(const QString &relativePath);
     QString getFileSha256(const FileSpecification &file) const;
     QString getInstalledFilePath(const FileSpecification &file) const;
     QString getTempFilePath(const FileSpecification &file) const;
@@ -157,6 +159,8 @@ private:
     int smallestUnclaimed = -1;
     // Where files unpacked on arrival go, made once each.
     QSet<QString> unpackedDirectories;
+    // Directories of the working directory taken up again that were found to be directories.
+    QSet<QString> clearedDirectories;
     QTimer takeoverTimer;
     QTimer mirrorWatch;
     std::vector<std::unique_ptr<DownloadStream>> streams;

@@ -226,7 +226,9 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::addColumn<QString>("mirrors"); // kinds of startMirror(), joined by ' '
     QTest::addColumn<int>("streams");
     // Install path = "installed" (right bytes in the installation), "stale" (wrong bytes
-    // there), "complete", "truncated" (continued) or "corrupt" (in the working directory).
+    // there), "complete", "truncated" (continued) or "corrupt" (in the working directory), or
+    // what another list left there: "blocked" (a file in place of the download's directory),
+    // "occupied" (a directory in place of the download).
     QTest::addColumn<QString>("before"); // joined by ' '
 
     QTest::addColumn<bool>("finishes"); // with downloadFinished(), else processCancelled()
@@ -314,6 +316,8 @@ void tst_FTPProductDownloadSession::download_data()
                "data/tiny.txt=truncated lang/de.qm=corrupt lang/en.qm=stale"
             << true << QStringList{"Verification of 8 file(s) complete. Ready: 2, Downloaded: 2."}
             << QStringList{"data/tiny.txt", "lang/de.qm", "lang/en.qm", "sounds/notes.txt"};
+    QTest::newRow("resumed where another list left its files")
+            << "http" << 2 << "sounds/notes.txt=blocked README=occupied" << true << fresh << all;
 }
 
 // The owner deletes the session inside the slot of its final signal, as the window does.
@@ -335,6 +339,13 @@ void tst_FTPProductDownloadSession::download()
         const QString path = item.section('=', 0, 0);
         const QString state = item.section('=', 1);
         const FileSpecification &entry = entries[path];
+        const QString download = work.filePath(entry.directory + "/" + entry.name);
+        if (state == "blocked" || state == "occupied") {
+            QVERIFY(writeTestFile(state == "blocked" ? QFileInfo(download).path()
+                                                     : download + "/left",
+                                  "another list's"));
+            continue;
+        }
         const bool inInstallation = state == "installed" || state == "stale";
         QByteArray bytes = state == "installed" ? releaseFiles()[path]
                            : state == "stale"   ? QByteArray("old version")
@@ -349,9 +360,7 @@ void tst_FTPProductDownloadSession::download()
             upToDate << "File " + installation.filePath(path) + " up to date";
         if (state == "complete")
             kept << path;
-        QVERIFY(writeTestFile(inInstallation ? installation.filePath(path)
-                                             : work.filePath(entry.directory + "/" + entry.name),
-                              bytes));
+        QVERIFY(writeTestFile(inInstallation ? installation.filePath(path) : download, bytes));
     }
 
     QStringList urls;
