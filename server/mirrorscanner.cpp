@@ -1,5 +1,6 @@
 #include "server/mirrorscanner.h"
 
+#include "tasks/productlist.h"
 #include "tasks/releasemanifest.h"
 #include "update/checksums.h"
 #include "update/filesync.h"
@@ -98,9 +99,9 @@ void MirrorScanner::scan()
 bool MirrorScanner::isComplete(const QString &versionName) const
 {
     const QString dir = root + QLatin1Char('/') + versionName;
-    const QString listPath = dir + QLatin1Char('/') + type + QStringLiteral(".ini");
-    const QByteArray manifestText = readSmallFile(
-            dir + QLatin1Char('/') + type + QStringLiteral(".manifest"), manifestLimit);
+    const QString listPath = dir + QLatin1Char('/') + ProductList::fileName(type);
+    const QByteArray manifestText =
+            readSmallFile(dir + QLatin1Char('/') + ReleaseManifest::fileName(type), manifestLimit);
     ReleaseManifest manifest;
     if (!QFileInfo(listPath).isFile() || !manifest.parse(manifestText) || manifest.type() != type
         || manifest.version() != versionName || getFileSHA256Ex(listPath) != manifest.listSha256())
@@ -121,10 +122,10 @@ bool MirrorScanner::signatureHolds(const QString &dir, const QByteArray &manifes
                                    const QString &versionName) const
 {
     MinisignSignature signature;
-    return parseMinisignSignature(readSmallFile(dir + QLatin1Char('/') + type
-                                                        + QStringLiteral(".manifest.minisig"),
-                                                4096),
-                                  &signature)
+    return parseMinisignSignature(
+                   readSmallFile(dir + QLatin1Char('/') + ReleaseManifest::signatureName(type),
+                                 4096),
+                   &signature)
            && signature.trustedComment == ReleaseManifest::trustedComment(type, versionName)
            && verifyMinisign(manifestText, signature, keys);
 }

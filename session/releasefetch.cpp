@@ -119,7 +119,7 @@ bool ReleaseFetch::namesThisRelease() const
 
 QString ReleaseFetch::manifestUrl() const
 {
-    return QUrl(mirror + "/" + productListName + ".manifest").toDisplayString();
+    return QUrl(mirror + "/" + ReleaseManifest::fileName(productListName)).toDisplayString();
 }
 
 QString ReleaseFetch::invalidSignature() const

@@ -1,13 +1,19 @@
 #include "tasks/productlist.h"
 
+#include "tasks/releasemanifest.h"
+
 #include <QSettings>
 
 namespace ProductList {
 
+QString fileName(const QString &type)
+{
+    return type + QStringLiteral(".ini");
+}
+
 QStringList releaseFileNames(const QString &type)
 {
-    return {type + QStringLiteral(".manifest"), type + QStringLiteral(".manifest.minisig"),
-            type + QStringLiteral(".ini")};
+    return {ReleaseManifest::fileName(type), ReleaseManifest::signatureName(type), fileName(type)};
 }
 
 QStringList workingFileNames(const QString &type)

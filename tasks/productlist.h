@@ -16,6 +16,8 @@ namespace ProductList {
 inline const QString separator = QStringLiteral("::");
 inline const QString deleteGroup = QStringLiteral("delete");
 
+// The list of type, in its version directory.
+QString fileName(const QString &type);
 // The files a release of type keeps beside its sections, in the order an updater fetches them:
 // the release manifest, its signature and the list. Older updaters fetch the list alone.
 QStringList releaseFileNames(const QString &type);

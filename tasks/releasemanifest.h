@@ -42,6 +42,13 @@ public:
         setValue(patchesGroup, record.path, record.value());
     }
 
+    // Beside the list of type, in its version directory; older updaters never fetch either.
+    static QString fileName(const QString &type) { return type + QStringLiteral(".manifest"); }
+    static QString signatureName(const QString &type)
+    {
+        return fileName(type) + QStringLiteral(".minisig");
+    }
+
     // What a manifest's signature must say in its trusted comment.
     static QByteArray trustedComment(const QString &type, const QString &version)
     {

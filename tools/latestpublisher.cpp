@@ -1,6 +1,7 @@
 #include "tools/latestpublisher.h"
 
 #include "tasks/latestpointer.h"
+#include "tasks/productlist.h"
 #include "update/minisign.h"
 
 #include <QDateTime>
@@ -38,7 +39,8 @@ bool LatestPublisher::publish()
     // Checked back through the reader, so that a type the updater would refuse is never written.
     if (!LatestPointer().parse(pointer.toText()))
         return fail(QStringLiteral("%1 cannot be a client type of a pointer").arg(type));
-    const QString list = QDir(root).filePath(version + QLatin1Char('/') + type + ".ini");
+    const QString list =
+            QDir(root).filePath(version + QLatin1Char('/') + ProductList::fileName(type));
     if (!QFileInfo(list).isFile())
         return fail(QStringLiteral("%1 is not published: a pointer to it would strand clients")
                             .arg(list));

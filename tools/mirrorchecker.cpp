@@ -86,7 +86,7 @@ void MirrorChecker::checkManifest()
 {
     const QFileInfo list(listPath);
     const QString type = list.completeBaseName();
-    const QString path = list.dir().filePath(type + QStringLiteral(".manifest"));
+    const QString path = list.dir().filePath(ReleaseManifest::fileName(type));
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly)) {
         report(QStringLiteral("no release manifest %1; publish the release again").arg(path));
@@ -108,7 +108,7 @@ void MirrorChecker::checkManifest()
         report(QStringLiteral("SHA-256 %1, the manifest lists %2")
                        .arg(sha256, manifest.listSha256()));
     if (!trustedKeys.isEmpty())
-        checkSignature(text, path + QStringLiteral(".minisig"));
+        checkSignature(text, list.dir().filePath(ReleaseManifest::signatureName(type)));
 }
 
 void MirrorChecker::checkSignature(const QByteArray &text, const QString &path)

@@ -89,12 +89,20 @@ ReleasePublisher::ReleasePublisher(const QString &releaseDirectory, const QStrin
 
 QString ReleasePublisher::listPath() const
 {
-    return QDir(outputRoot).filePath(version + QLatin1Char('/') + clientType + ".ini");
+    return QDir(outputRoot)
+            .filePath(version + QLatin1Char('/') + ProductList::fileName(clientType));
 }
 
 QString ReleasePublisher::manifestPath() const
 {
-    return QDir(outputRoot).filePath(version + QLatin1Char('/') + clientType + ".manifest");
+    return QDir(outputRoot)
+            .filePath(version + QLatin1Char('/') + ReleaseManifest::fileName(clientType));
+}
+
+QString ReleasePublisher::signaturePath() const
+{
+    return QDir(outputRoot)
+            .filePath(version + QLatin1Char('/') + ReleaseManifest::signatureName(clientType));
 }
 
 QList<FileSpecification> ReleasePublisher::entries() const
@@ -148,8 +156,7 @@ QStringList ReleasePublisher::pathsToMake() const
     if (!present(versionDirectory.path()))
         return {versionDirectory.path()};
     const QString patches = versionDirectory.filePath(QStringLiteral("patches"));
-    QStringList paths{manifestPath(), manifestPath() + QStringLiteral(".minisig"), patches,
-                      QDir(patches).filePath(clientType)};
+    QStringList paths{manifestPath(), signaturePath(), patches, QDir(patches).filePath(clientType)};
     for (const ReleaseFile &file : files)
         paths << versionDirectory.filePath(file.entry.directory);
     paths.removeDuplicates();
@@ -534,17 +541,16 @@ bool ReleasePublisher::writeManifest(const QString &list)
     for (const PatchRecord &patch : std::as_const(patchRecords))
         manifest.addPatch(patch);
     const QByteArray text = manifest.toText();
-    const QString signaturePath = manifestPath() + QStringLiteral(".minisig");
     if (signingKeyPath.isEmpty()) {
         // A signature of an earlier publication would not match this manifest.
-        QFile::remove(signaturePath);
+        QFile::remove(signaturePath());
         return writeServedFile(manifestPath(), text);
     }
     const QByteArray signature =
             signMinisign(text, ReleaseManifest::trustedComment(clientType, version), signingKey);
     if (signature.isEmpty())
         return fail(QStringLiteral("cannot sign %1").arg(manifestPath()));
-    return writeServedFile(manifestPath(), text) && writeServedFile(signaturePath, signature);
+    return writeServedFile(manifestPath(), text) && writeServedFile(signaturePath(), signature);
 }
 
 bool ReleasePublisher::writeServedFile(const QString &path, const QByteArray &content)

@@ -62,6 +62,7 @@ public:
     QStringList errors() const { return problems; }
     QString listPath() const;
     QString manifestPath() const;
+    QString signaturePath() const;
     // What the last successful publish() listed, one entry per release file in path order.
     QList<FileSpecification> entries() const;
     QStringList deletedPaths() const { return deleted; }

@@ -3,6 +3,7 @@
 #include "app/apppaths.h"
 #include "app/commandlineoptions.h"
 #include "session/ftpproductdownloadsession.h"
+#include "tasks/productlist.h"
 #include "ui/workingdirectory.h"
 #include "update/cleanup.h"
 #include "update/directoryupdate.h"
@@ -238,7 +239,7 @@ bool UpdateRun::copyTemporaryOnly()
     update.setQuestion(question);
     emit installProgress(0, 1);
     const bool installed = update.updateContent(
-            unattended, tempDir, tempDir + QLatin1Char('/') + clientType + QStringLiteral(".ini"),
+            unattended, tempDir, tempDir + QLatin1Char('/') + ProductList::fileName(clientType),
             getAppRootPath());
     // What failed has been logged by the update itself.
     if (!installed) {
