@@ -575,9 +575,14 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
     // Extra streams exist only for a multiplexing mirror; elsewhere they would be connections.
     if (s >= baseStreamCount) {
         shutDownStream(s);
-        if (!hasStreamWithMirror())
-            emit processCancelled();
-        return;
+        // What it gives back needs a stream on a mirror that works. Those may all have shut
+        // down, their files taken over by this mirror; then one of them comes back.
+        if (hasStreamOnWorkingMirror() || (s = idleBaseStream()) < 0) {
+            if (!hasStreamWithMirror())
+                emit processCancelled();
+            return;
+        }
+        record = streams[s].get();
     }
 
     const int m = getNextMirror(s);
@@ -592,6 +597,22 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
     emit message(QString("Stream %1 can't continue - all mirrors reported error").arg(s));
     if (!hasStreamWithMirror())
         emit processCancelled();
+}
+
+bool FTPProductDownloadSession::hasStreamOnWorkingMirror() const
+{
+    return std::any_of(streams.cbegin(), streams.cend(), [this](const auto &record) {
+        return record->mirrorIndex >= 0 && !mirrors.at(record->mirrorIndex).failed;
+    });
+}
+
+int FTPProductDownloadSession::idleBaseStream() const
+{
+    for (int s = 0; s < baseStreamCount; ++s) {
+        if (streams[s]->mirrorIndex < 0)
+            return s;
+    }
+    return -1;
 }
 
 bool FTPProductDownloadSession::hasStreamWithMirror(int m) const

@@ -119,6 +119,9 @@ private:
     void changeStreamMirror(int s);
     // With m, on that mirror; without, on any.
     bool hasStreamWithMirror(int m = -1) const;
+    bool hasStreamOnWorkingMirror() const;
+    // One of the streams made at the start that has shut down; -1 when none has.
+    int idleBaseStream() const;
 
     void retrieveSessionState();
     void requestListFile();

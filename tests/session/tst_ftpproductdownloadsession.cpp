@@ -213,6 +213,7 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
                 {"https-slow", "limit_rate 30000;"},
                 {"https-goaway", "keepalive_requests 3;"},
                 {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"},
+                {"https-qm-missing", "location ~ \\.qm$ { return 404; }"},
                 {"https-qm-silent", QString("location ~ \\.qm$ { proxy_pass http://127.0.0.1:%1; }")
                                             .arg(silent.serverPort())}};
         server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
@@ -305,6 +306,10 @@ void tst_FTPProductDownloadSession::download_data()
             << QStringList{"Stream 0 change mirror to 1", "Stream 0 change mirror to 0"} << all;
     QTest::newRow("the slow mirror left when the other failed")
             << "fault:*=status:404 fault:*=trickle:300" << 2 << "" << true
+            << QStringList{"Stream 0 change mirror to 1"} << all;
+
+    QTest::newRow("an HTTP/2 mirror failing its last files, the other mirror left to them")
+            << "https-qm-missing http" << 1 << "" << true
             << QStringList{"Stream 0 change mirror to 1"} << all;
 
     QTest::newRow("every file corrupt everywhere")
