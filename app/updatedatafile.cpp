@@ -32,13 +32,16 @@ bool UpdateDataFile::readable() const
     return QFileInfo(filePath).isFile();
 }
 
-// QSettings writes through a link into the file it names, wherever that is, and waits for ever on
-// a pipe. A link goes, replaced by a copy of what it names; so does anything else in the file's
-// place that is neither a regular file nor a directory.
+// QSettings writes through a link into the file it names, wherever that is, waits for ever on a
+// pipe, and silently writes nothing into a file it may not write. A link goes, replaced by a copy
+// of what it names; so does a file this user may not write (someone else's, in the installation
+// this user owns) and anything else in the file's place that is neither a regular file nor a
+// directory.
 void UpdateDataFile::claimFile() const
 {
     const QFileInfo info(filePath);
-    if (!info.isSymLink() && (info.isFile() || info.isDir() || !info.exists()))
+    if (!info.isSymLink()
+        && ((info.isFile() && info.isWritable()) || info.isDir() || !info.exists()))
         return;
     QByteArray content;
     QFile named(filePath);
@@ -81,7 +84,7 @@ bool UpdateDataFile::getExistingUpdateData(QString *version, QString *type, QStr
     return true;
 }
 
-void UpdateDataFile::modifyUpdateData(const QString &version, const QString &dir,
+bool UpdateDataFile::modifyUpdateData(const QString &version, const QString &dir,
                                       const QString &type)
 {
     claimFile();
@@ -90,6 +93,13 @@ void UpdateDataFile::modifyUpdateData(const QString &version, const QString &dir
     settings.setValue(QStringLiteral("version"), version);
     settings.setValue(QStringLiteral("dir"), dir);
     settings.setValue(QStringLiteral("type"), type);
+    return written(&settings);
+}
+
+bool UpdateDataFile::written(QSettings *settings)
+{
+    settings->sync();
+    return settings->status() == QSettings::NoError;
 }
 
 void UpdateDataFile::cleanupCurrentUpdateDataIniFile()
@@ -125,8 +135,10 @@ bool UpdateDataFile::installedVersion(std::optional<int> *version) const
     return true;
 }
 
-void UpdateDataFile::recordInstalledVersion(int version)
+bool UpdateDataFile::recordInstalledVersion(int version)
 {
     claimFile();
-    QSettings(filePath, QSettings::IniFormat).setValue(installedVersionKey, version);
+    QSettings settings(filePath, QSettings::IniFormat);
+    settings.setValue(installedVersionKey, version);
+    return written(&settings);
 }

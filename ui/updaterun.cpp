@@ -94,12 +94,18 @@ bool UpdateRun::start()
         version = QString::number(clientVersion);
     const InitialParameters parameters = sessionParameters(version, workingDir, resume);
     // Recorded before the first byte arrives, so that an interruption at any point is resumed.
-    dataFile.modifyUpdateData(version, workingDir, clientType);
+    if (!dataFile.modifyUpdateData(version, workingDir, clientType))
+        reportUnwritableData(QStringLiteral("an interrupted update will start from the beginning"));
     tempDir = workingDir;
     // A session without mirrors reports that itself, through its signals.
     session->initialize(parameters);
     session->startUpdate();
     return true;
+}
+
+void UpdateRun::reportUnwritableData(const QString &consequence)
+{
+    emit message(QStringLiteral("%1 cannot be written: %2").arg(dataFile.path(), consequence));
 }
 
 InitialParameters UpdateRun::sessionParameters(const QString &version, const QString &workingDir,
@@ -224,7 +230,9 @@ void UpdateRun::onDownloadFinished()
     // record stay for a restart.
     const bool installed = copyTemporaryOnly();
     if (installed) {
-        dataFile.recordInstalledVersion(clientVersion);
+        if (!dataFile.recordInstalledVersion(clientVersion))
+            reportUnwritableData(
+                    QStringLiteral("version %1 is not recorded as installed").arg(clientVersion));
         removeTemporaryOnly();
     }
     emit updateFinished(installed);
@@ -258,17 +266,14 @@ void UpdateRun::removeTemporaryOnly()
     emit message(QStringLiteral("Update finished, version: %1").arg(clientVersion));
 }
 
+// The run's own directory, which update.ini records unless it could not be written.
 void UpdateRun::cleanupCurrentUpdateFiles()
 {
-    QString version;
-    QString dir;
-    if (!dataFile.getExistingUpdateData(&version, nullptr, &dir))
-        return;
     // Emptied only when it is still the private directory the run made, never through a link.
-    if (isOwnWorkingDirectory(dir, QDir::tempPath())) {
-        cleanupDirectory(dir);
-        removeFromParent(dir);
+    if (isOwnWorkingDirectory(tempDir, QDir::tempPath())) {
+        cleanupDirectory(tempDir);
+        removeFromParent(tempDir);
     }
-    QFile::remove(sessionFilePath(version));
+    QFile::remove(sessionFilePath(QString::number(clientVersion)));
     dataFile.cleanupCurrentUpdateDataIniFile();
 }

@@ -57,6 +57,8 @@ private:
     void createSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
                                         bool resume) const;
+    // The run goes on without what update.ini should have kept; the log says what is lost.
+    void reportUnwritableData(const QString &consequence);
     void onDownloadFinished();
     void onProcessCancelled();
     // Installs the downloaded files; false when the new version does not stand whole (the log

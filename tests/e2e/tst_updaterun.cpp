@@ -549,6 +549,14 @@ private slots:
              "Update finished", "links in the working directory"});
         add("update.ini a link to settings elsewhere",
             {http, {}, 0, "Update finished", "update.ini linked out"});
+        add("update.ini a directory, a version named",
+            {http,
+             {},
+             0,
+             "update.ini cannot be written: an interrupted update will start from",
+             "update.ini a directory",
+             {},
+             downgrade});
         add("update.ini and mirrors.ini pipes, a version named",
             {{}, {}, 1, "mirrors.ini is missing", "pipes", {}, downgrade});
         add("installation failing on a file where a new directory goes",
@@ -672,6 +680,10 @@ private slots:
                     && QFile::link(linkedSettings, at("update.ini")));
         }
         const QByteArray settingsBefore = readTestFile(linkedSettings);
+        const QString keptSettings = elsewhere + "/kept.ini";
+        if (run.trouble == "update.ini a directory")
+            QVERIFY(QFile::rename(at("update.ini"), keptSettings)
+                    && QDir().mkdir(at("update.ini")));
         for (const char *name : {"update.ini", "mirrors.ini"}) {
             if (run.trouble == "pipes") {
                 QFile::remove(at(name));
@@ -693,6 +705,12 @@ private slots:
         for (const char *name : {"update.ini", "mirrors.ini"})
             QVERIFY(run.trouble != "pipes" || QFileInfo(at(name)).isFile()
                     || QFile::remove(at(name)));
+        if (run.trouble == "update.ini a directory") {
+            QVERIFY(log.contains("update.ini cannot be written: version 12 is not recorded"));
+            // The next run finds its settings again, and the version server.
+            QVERIFY(QDir().rmdir(at("update.ini"))
+                    && QFile::rename(keptSettings, at("update.ini")));
+        }
         QCOMPARE(readTestFile(elsewhere + "/notes.txt"), "mine");
         QCOMPARE(readTestFile(linkedSettings), settingsBefore);
         QCOMPARE(treeBelow(elsewhere).keys().size(), settingsBefore.isEmpty() ? 1 : 2);
@@ -704,7 +722,10 @@ private slots:
         }
         const bool unattended = run.arguments.contains("--nouser");
         if (run.exitCode == 0 && unattended) {
-            verifyInstalled(true);
+            // Where update.ini could not be written, no version was recorded as installed; the
+            // next run must find it whole all the same, and no working directory left behind.
+            if (run.trouble != "update.ini a directory")
+                verifyInstalled(true);
             // The next start clears the old updater away and finds everything up to date.
             QVERIFY(runs(0, "Verification of 5 file(s) complete. Ready: 5, Downloaded: 0."));
             return verifyInstalled(false);
