@@ -596,7 +596,9 @@ bool CurlTransport::Private::startBody()
         return true;
     }
     if (status == 206 && rangeStart != 0) {
+        // Nor is progress reported from it: its bytes are not the file's.
         misplacedRange = true;
+        bodyStarted = false;
         return false;
     }
     if (emptyDevice())

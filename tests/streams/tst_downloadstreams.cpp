@@ -103,6 +103,7 @@ private slots:
     void httpFileOutcomes_data();
     void httpFileOutcomes();
     void redirectsKeepTls();
+    void misplacedRangeOverHttp2();
     void endingFromOwnSignal_data();
     void endingFromOwnSignal();
 
@@ -382,6 +383,31 @@ void tst_DownloadStreams::redirectsKeepTls()
     QVERIFY2(events.lastText.contains("/pub/clear.bin - redirect not followed"),
              qPrintable(events.lastText));
     QCOMPARE(http->logLines().size(), clearRequests);
+}
+
+// The transfer that starts again from the first byte shares its connection with others.
+void tst_DownloadStreams::misplacedRangeOverHttp2()
+{
+    const auto server = LoopbackServer::nginx(
+            root.path(), &certificates,
+            QStringLiteral("location /pub/ { proxy_pass %1; }").arg(faults->url("http", "/pub/")));
+    QVERIFY(server);
+    const QByteArray content = patternBytes(20000, 'k');
+    QVERIFY(writeTestFile(root.filePath("pub/k.bin"), content));
+    faults->setFaults("/pub/k.bin", {"misrange:4000"});
+    QTemporaryDir dest;
+    QVERIFY(writeTestFile(dest.filePath("k.bin"), content.left(8000)));
+    HTTPDownloadStream stream(dest.path());
+    stream.setTrustedCaFile(certificates.caFile);
+    StreamEvents events(&stream);
+    QVERIFY(connectAndWait(stream, events, server->url("https", "/pub")));
+    QVERIFY(stream.isMultiplexed());
+    const qsizetype logStart = faults->logLines().size();
+    QVERIFY(fetchAndWait(stream, events, "k.bin", content));
+    QStringList asked;
+    for (const QString &line : faults->logLines().mid(logStart))
+        asked << line.section(' ', 3);
+    QCOMPARE(asked, QStringList({"misrange:4000 bytes=8000-", "ok"}));
 }
 
 void tst_DownloadStreams::endingFromOwnSignal_data()
