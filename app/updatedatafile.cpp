@@ -35,13 +35,14 @@ bool UpdateDataFile::readable() const
 // QSettings writes through a link into the file it names, wherever that is, waits for ever on a
 // pipe, and silently writes nothing into a file it may not write. A link goes, replaced by a copy
 // of what it names; so does a file this user may not write (someone else's, in the installation
-// this user owns) and anything else in the file's place that is neither a regular file nor a
-// directory.
+// this user owns, unless it cannot be read either: its settings would be lost) and anything else
+// in the file's place that is neither a regular file nor a directory.
 void UpdateDataFile::claimFile() const
 {
     const QFileInfo info(filePath);
     if (!info.isSymLink()
-        && ((info.isFile() && info.isWritable()) || info.isDir() || !info.exists()))
+        && ((info.isFile() && (info.isWritable() || !info.isReadable())) || info.isDir()
+            || !info.exists()))
         return;
     QByteArray content;
     QFile named(filePath);

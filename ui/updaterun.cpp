@@ -94,7 +94,8 @@ bool UpdateRun::start()
         version = QString::number(clientVersion);
     const InitialParameters parameters = sessionParameters(version, workingDir, resume);
     // Recorded before the first byte arrives, so that an interruption at any point is resumed.
-    if (!dataFile.modifyUpdateData(version, workingDir, clientType))
+    workingDirRecorded = dataFile.modifyUpdateData(version, workingDir, clientType);
+    if (!workingDirRecorded)
         reportUnwritableData(QStringLiteral("an interrupted update will start from the beginning"));
     tempDir = workingDir;
     // A session without mirrors reports that itself, through its signals.
@@ -219,7 +220,16 @@ void UpdateRun::onProcessCancelled()
 {
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
+    dropUnrecordedWorkingDir();
     emit processCancelled();
+}
+
+// No later run can take up a working directory that update.ini does not name: kept, it would
+// only fill the disk, run after run.
+void UpdateRun::dropUnrecordedWorkingDir()
+{
+    if (!workingDirRecorded)
+        cleanupCurrentUpdateFiles();
 }
 
 void UpdateRun::onDownloadFinished()
@@ -234,6 +244,8 @@ void UpdateRun::onDownloadFinished()
             reportUnwritableData(
                     QStringLiteral("version %1 is not recorded as installed").arg(clientVersion));
         removeTemporaryOnly();
+    } else {
+        dropUnrecordedWorkingDir();
     }
     emit updateFinished(installed);
 }

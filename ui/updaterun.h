@@ -59,6 +59,7 @@ private:
                                         bool resume) const;
     // The run goes on without what update.ini should have kept; the log says what is lost.
     void reportUnwritableData(const QString &consequence);
+    void dropUnrecordedWorkingDir();
     void onDownloadFinished();
     void onProcessCancelled();
     // Installs the downloaded files; false when the new version does not stand whole (the log
@@ -75,5 +76,7 @@ private:
     UpdateDataFile dataFile;
     FTPProductDownloadSession *session = nullptr;
     QString tempDir;
+    // False when update.ini could not record tempDir for a later run.
+    bool workingDirRecorded = true;
     InstallQuestion question;
 };

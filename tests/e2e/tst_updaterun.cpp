@@ -549,14 +549,16 @@ private slots:
              "Update finished", "links in the working directory"});
         add("update.ini a link to settings elsewhere",
             {http, {}, 0, "Update finished", "update.ini linked out"});
-        add("update.ini a directory, a version named",
-            {http,
-             {},
-             0,
-             "update.ini cannot be written: an interrupted update will start from",
-             "update.ini a directory",
-             {},
-             downgrade});
+        for (const auto &[mirrors, status] : {std::pair{http, 0}, {QStringList{"dead http"}, 2}}) {
+            add(qPrintable(QString("update.ini a directory, a version named, exit %1").arg(status)),
+                {mirrors,
+                 {},
+                 status,
+                 "update.ini cannot be written: an interrupted update",
+                 "update.ini a directory",
+                 {},
+                 downgrade});
+        }
         add("update.ini and mirrors.ini pipes, a version named",
             {{}, {}, 1, "mirrors.ini is missing", "pipes", {}, downgrade});
         add("installation failing on a file where a new directory goes",
@@ -706,7 +708,10 @@ private slots:
             QVERIFY(run.trouble != "pipes" || QFileInfo(at(name)).isFile()
                     || QFile::remove(at(name)));
         if (run.trouble == "update.ini a directory") {
-            QVERIFY(log.contains("update.ini cannot be written: version 12 is not recorded"));
+            QVERIFY(run.exitCode != 0
+                    || log.contains("update.ini cannot be written: version 12 is not recorded"));
+            // Nobody could take up a working directory that nothing names.
+            QVERIFY(QDir(tempDir->path()).entryList({"orlivo_temp_*"}, QDir::AllEntries).isEmpty());
             // The next run finds its settings again, and the version server.
             QVERIFY(QDir().rmdir(at("update.ini"))
                     && QFile::rename(keptSettings, at("update.ini")));
