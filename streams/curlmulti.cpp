@@ -73,10 +73,20 @@ void CurlMulti::remove(CURL *easy)
         qWarning("Stopping a transfer failed: %s", curl_multi_strerror(removed));
 }
 
+template<typename Call>
+CURLMcode CurlMulti::timed(Call call)
+{
+    callClock.start();
+    const CURLMcode result = call();
+    callClock.invalidate();
+    return result;
+}
+
 void CurlMulti::socketAction(curl_socket_t socket, int events)
 {
     int running = 0;
-    afterAction(curl_multi_socket_action(multi, socket, events, &running), true);
+    afterAction(timed([&] { return curl_multi_socket_action(multi, socket, events, &running); }),
+                true);
 }
 
 // libcurl 7.88 can leave a transfer with nothing to wait on but its connect timeout: when a
@@ -89,7 +99,7 @@ void CurlMulti::kick()
     int running = 0;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    const CURLMcode result = curl_multi_socket_all(multi, &running);
+    const CURLMcode result = timed([&] { return curl_multi_socket_all(multi, &running); });
 #pragma GCC diagnostic pop
     afterAction(result, false);
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QSocketNotifier>
 #include <QString>
 #include <QTimer>
@@ -42,6 +43,9 @@ public:
     void keepOneConnection();
     CURLMcode add(CURL *easy, Client *client);
     void remove(CURL *easy);
+    // How long the call into libcurl now running has taken; 0 outside one. libcurl 7.88 waits
+    // inside a call, blocking the event loop, up to a minute for an FTP server's last reply.
+    qint64 callMs() const { return callClock.isValid() ? callClock.elapsed() : 0; }
 
 private:
     struct SocketWatch
@@ -59,6 +63,9 @@ private:
 
     void socketAction(curl_socket_t socket, int events);
     void kick();
+    // Runs call, one call into libcurl, timed for callMs().
+    template<typename Call>
+    CURLMcode timed(Call call);
     void afterAction(CURLMcode result, bool mayKick);
     bool isWatchingSockets() const;
     // The transfer still runs as the one that generation started.
@@ -79,4 +86,5 @@ private:
     quint64 lastGeneration = 0;
     QTimer curlTimer;
     QTimer kickTimer;
+    QElapsedTimer callClock;
 };

@@ -22,6 +22,8 @@ constexpr char userAgent[] = "Orlivo Update";
 // Large bodies come in fewer, larger blocks than libcurl's 16 KiB; small ones keep the default,
 // which costs nothing to set up for each of thousands of files.
 constexpr long largeReceiveBuffer = 262144;
+// A call into libcurl that runs this long is blocking the event loop, and every other transfer.
+constexpr qint64 blockingCallLimitMs = 1000;
 
 // Ids are unique in the process, so an id kept from an earlier transport never matches a new one.
 int lastCommandId = 0;
@@ -100,6 +102,7 @@ public:
     // Called by libcurl: they only record, never call back into libcurl or emit.
     static size_t headerCallback(char *data, size_t size, size_t count, void *userp);
     static size_t writeCallback(char *data, size_t size, size_t count, void *userp);
+    static int progressCallback(void *userp, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
     size_t receiveHeader(const char *data, size_t length);
     size_t receiveBody(const char *data, size_t length);
     bool startBody();
@@ -148,6 +151,8 @@ public:
     // The first byte of a 206's Content-Range; -1 without one.
     qint64 rangeStart = -1;
     bool misplacedRange = false;
+    // Given up inside a call that blocked: after an FTP transfer, waiting for the server's reply.
+    bool blocked = false;
     bool tooLong = false;
     QString writeFailure;
     qint64 reportedDone = 0;
@@ -268,6 +273,7 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
     written = 0;
     rangeStart = -1;
     misplacedRange = false;
+    blocked = false;
     tooLong = false;
     writeFailure.clear();
     reportedDone = 0;
@@ -310,6 +316,13 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
     set(CURLOPT_HEADERDATA, this);
     set(CURLOPT_WRITEFUNCTION, writeCallback);
     set(CURLOPT_WRITEDATA, this);
+    // libcurl 7.88 waits for an FTP server's reply to a finished transfer inside the call, up
+    // to a minute, while nothing else moves; it asks for progress every second meanwhile.
+    if (isFtp()) {
+        set(CURLOPT_NOPROGRESS, 0L);
+        set(CURLOPT_XFERINFOFUNCTION, progressCallback);
+        set(CURLOPT_XFERINFODATA, this);
+    }
     set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     // HTTP/2 only where TLS negotiates it: libcurl 7.88 breaks multiplexed cleartext HTTP/2.
     set(CURLOPT_HTTP_VERSION,
@@ -479,6 +492,9 @@ void CurlTransport::Private::endGet(CURLcode result)
         }
         current->offset = 0;
         startTransfer(currentUrl(), false);
+    } else if (blocked) {
+        finish(TransferFailed, QStringLiteral("No reply from the server after the transfer of %1")
+                                       .arg(currentUrl().toDisplayString()));
     } else if (!writeFailure.isEmpty()) {
         finish(WriteFailed, writeFailure);
     } else if (tooLong) {
@@ -536,6 +552,14 @@ size_t CurlTransport::Private::headerCallback(char *data, size_t size, size_t co
 size_t CurlTransport::Private::writeCallback(char *data, size_t size, size_t count, void *userp)
 {
     return static_cast<Private *>(userp)->receiveBody(data, size * count);
+}
+
+int CurlTransport::Private::progressCallback(void *userp, curl_off_t, curl_off_t, curl_off_t,
+                                             curl_off_t)
+{
+    auto *self = static_cast<Private *>(userp);
+    self->blocked = self->multi->callMs() > blockingCallLimitMs;
+    return self->blocked ? 1 : 0;
 }
 
 size_t CurlTransport::Private::receiveHeader(const char *data, size_t length)

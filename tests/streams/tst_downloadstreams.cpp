@@ -6,10 +6,12 @@
 #include "tests/support/testfiles.h"
 
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QPointer>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QTimer>
 
 #include <functional>
 
@@ -104,6 +106,7 @@ private slots:
     void httpFileOutcomes();
     void redirectsKeepTls();
     void misplacedRangeOverHttp2();
+    void unconfirmedFtpTransfer();
     void endingFromOwnSignal_data();
     void endingFromOwnSignal();
 
@@ -124,7 +127,7 @@ void tst_DownloadStreams::initTestCase()
     http = LoopbackServer::nginx(root.path());
     https = LoopbackServer::nginx(root.path(), &certificates);
     ftp = LoopbackServer::ftp(root.path(), "orlivo", "s3cret:/@");
-    ftpWithoutRest = LoopbackServer::ftp(root.path(), {}, {}, false);
+    ftpWithoutRest = LoopbackServer::ftp(root.path(), {}, {}, {"--no-rest"});
     proxy = LoopbackServer::proxy();
     socks = LoopbackServer::socksProxy();
     faults = LoopbackServer::faultHttp(root.path());
@@ -408,6 +411,33 @@ void tst_DownloadStreams::misplacedRangeOverHttp2()
     for (const QString &line : faults->logLines().mid(logStart))
         asked << line.section(' ', 3);
     QCOMPARE(asked, QStringList({"misrange:4000 bytes=8000-", "ok"}));
+}
+
+// libcurl would wait a minute for the reply inside its call, the whole event loop standing still.
+void tst_DownloadStreams::unconfirmedFtpTransfer()
+{
+    QElapsedTimer sinceTick;
+    qint64 longestStill = 0;
+    QTimer ticker;
+    connect(&ticker, &QTimer::timeout,
+            [&] { longestStill = qMax(longestStill, sinceTick.restart()); });
+    const auto server = LoopbackServer::ftp(root.path(), {}, {}, {"--unconfirmed-once"});
+    QVERIFY(server);
+    QTemporaryDir dest;
+    FTPDownloadStream stream(dest.path());
+    stream.setRepeatTimeUnit(10);
+    StreamEvents events(&stream);
+    QVERIFY(connectAndWait(stream, events, server->url("ftp", "/pub")));
+    const QByteArray content = readTestFile(root.filePath("pub/many/9.dat"));
+    events.lines.clear();
+    sinceTick.start();
+    ticker.start(50);
+    stream.getFile("many/9.dat", md5Of(content), content.size());
+    QTRY_VERIFY_WITH_TIMEOUT(events.fileEnded(), 20000);
+    QVERIFY2(longestStill < 5000, qPrintable(QString::number(longestStill)));
+    QCOMPARE(events.lines.last(), QString("fileFinished"));
+    QVERIFY(events.lines.contains("message Download attempt 2"));
+    QCOMPARE(readTestFile(stream.getDestFilePath()), content);
 }
 
 void tst_DownloadStreams::endingFromOwnSignal_data()

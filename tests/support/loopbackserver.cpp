@@ -61,15 +61,14 @@ LoopbackServer::nginx(const QString &root, const TestCertificates *tls, const QS
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,
-                                                    const QString &password, bool resumes)
+                                                    const QString &password,
+                                                    const QStringList &options)
 {
     QStringList arguments = {supportDir + "ftp_server.py", "@work@/server.log",
                              QDir(root).absolutePath()};
     if (!user.isEmpty())
         arguments << user << password;
-    if (!resumes)
-        arguments << QStringLiteral("--no-rest");
-    return start(python, arguments);
+    return start(python, arguments + options);
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::proxy()

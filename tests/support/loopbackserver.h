@@ -32,9 +32,11 @@ public:
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
                                                  const TestCertificates *tls = nullptr,
                                                  const QString &directives = {});
-    // pyftpdlib, root read-only to anonymous and user; without resumes it refuses REST.
+    // pyftpdlib, root read-only to anonymous and user; options as ftp_server.py's
+    // ("--no-rest", "--unconfirmed-once").
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
-                                               const QString &password = {}, bool resumes = true);
+                                               const QString &password = {},
+                                               const QStringList &options = {});
     // tinyproxy, which also tunnels (CONNECT) to loopback ports, for proxyUser and proxyPassword
     // only.
     static std::unique_ptr<LoopbackServer> proxy();
