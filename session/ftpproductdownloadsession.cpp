@@ -841,9 +841,11 @@ bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPa
         } else {
             patches.choose(i, file, installedMd5);
             task.markNoFile(i, false);
+            // The whole file too: a patch that does not apply falls back to it.
             if (resume) {
-                const PatchRecord *patch = patches.patchFor(i);
-                clearWayFor(patch ? patch->path : file.directory + "/" + file.name);
+                clearWayFor(file.directory + "/" + file.name);
+                if (const PatchRecord *patch = patches.patchFor(i))
+                    clearWayFor(patch->path);
             }
             // A file shorter than required is what a broken transfer left: its stream goes on
             // from its end.
