@@ -4,6 +4,9 @@
 #include <utility>
 #include <vector>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 std::shared_ptr<CurlMulti> CurlMulti::sharedFor(const QString &origin)
 {
     static std::map<QString, std::weak_ptr<CurlMulti>> instances;
@@ -50,6 +53,11 @@ void CurlMulti::keepOneConnection()
 
 CurlMulti::~CurlMulti()
 {
+    // Closing an FTP connection, libcurl sends QUIT and waits inside its call, up to a minute,
+    // for a reply that a hung server or a control connection that died while idle never sends.
+    // There is nothing left to say to any server here.
+    for (const curl_socket_t socket : openSockets)
+        shutdown(socket, SHUT_RDWR);
     // Closing cached connections still calls watchSocket(), so the notifiers must outlive this.
     const CURLMcode cleaned = multi ? curl_multi_cleanup(multi) : CURLM_OK;
     if (cleaned != CURLM_OK)
@@ -58,6 +66,10 @@ CurlMulti::~CurlMulti()
 
 CURLMcode CurlMulti::add(CURL *easy, Client *client)
 {
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocketCallback);
+    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocketCallback);
+    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
     const CURLMcode added = curl_multi_add_handle(multi, easy);
     if (added == CURLM_OK)
         transfers[easy] = Transfer{client, ++lastGeneration};
@@ -173,6 +185,22 @@ int CurlMulti::timerCallback(CURLM *, long timeoutMs, void *userp)
 {
     static_cast<CurlMulti *>(userp)->scheduleCurlTimer(timeoutMs);
     return 0;
+}
+
+curl_socket_t CurlMulti::openSocketCallback(void *userp, curlsocktype, curl_sockaddr *address)
+{
+    const int socket =
+            ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (socket < 0)
+        return CURL_SOCKET_BAD;
+    static_cast<CurlMulti *>(userp)->openSockets.insert(socket);
+    return socket;
+}
+
+int CurlMulti::closeSocketCallback(void *userp, curl_socket_t socket)
+{
+    static_cast<CurlMulti *>(userp)->openSockets.erase(socket);
+    return close(socket);
 }
 
 void CurlMulti::watchSocket(curl_socket_t socket, int what)

@@ -7,6 +7,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 
 #include <curl/curl.h>
 
@@ -73,6 +74,8 @@ private:
 
     static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *);
     static int timerCallback(CURLM *, long timeoutMs, void *userp);
+    static curl_socket_t openSocketCallback(void *userp, curlsocktype, curl_sockaddr *address);
+    static int closeSocketCallback(void *userp, curl_socket_t socket);
     void watchSocket(curl_socket_t socket, int what);
     void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
                         QSocketNotifier::Type type, bool wanted, int events);
@@ -82,6 +85,8 @@ private:
     bool ready = false;
     bool oneConnection = false;
     std::map<curl_socket_t, SocketWatch> sockets;
+    // Every connection's socket, watched or idle, until libcurl closes it.
+    std::set<curl_socket_t> openSockets;
     std::map<CURL *, Transfer> transfers;
     quint64 lastGeneration = 0;
     QTimer curlTimer;

@@ -106,7 +106,8 @@ private slots:
     void httpFileOutcomes();
     void redirectsKeepTls();
     void misplacedRangeOverHttp2();
-    void unconfirmedFtpTransfer();
+    void unansweringFtpServer_data();
+    void unansweringFtpServer();
     void endingFromOwnSignal_data();
     void endingFromOwnSignal();
 
@@ -414,30 +415,43 @@ void tst_DownloadStreams::misplacedRangeOverHttp2()
 }
 
 // libcurl would wait a minute for the reply inside its call, the whole event loop standing still.
-void tst_DownloadStreams::unconfirmedFtpTransfer()
+void tst_DownloadStreams::unansweringFtpServer_data()
 {
+    QTest::addColumn<QString>("option");
+    QTest::newRow("no reply to a finished download") << "--unconfirmed-once";
+    QTest::newRow("no reply to QUIT") << "--silent-quit";
+}
+
+// libcurl waits for these replies inside its calls; nothing else may stand still meanwhile.
+void tst_DownloadStreams::unansweringFtpServer()
+{
+    QFETCH(QString, option);
     QElapsedTimer sinceTick;
     qint64 longestStill = 0;
     QTimer ticker;
     connect(&ticker, &QTimer::timeout,
             [&] { longestStill = qMax(longestStill, sinceTick.restart()); });
-    const auto server = LoopbackServer::ftp(root.path(), {}, {}, {"--unconfirmed-once"});
+    const auto server = LoopbackServer::ftp(root.path(), {}, {}, {option});
     QVERIFY(server);
     QTemporaryDir dest;
-    FTPDownloadStream stream(dest.path());
-    stream.setRepeatTimeUnit(10);
-    StreamEvents events(&stream);
-    QVERIFY(connectAndWait(stream, events, server->url("ftp", "/pub")));
+    auto stream = std::make_unique<FTPDownloadStream>(dest.path());
+    stream->setRepeatTimeUnit(10);
+    StreamEvents events(stream.get());
+    QVERIFY(connectAndWait(*stream, events, server->url("ftp", "/pub")));
     const QByteArray content = readTestFile(root.filePath("pub/many/9.dat"));
     events.lines.clear();
     sinceTick.start();
     ticker.start(50);
-    stream.getFile("many/9.dat", md5Of(content), content.size());
+    stream->getFile("many/9.dat", md5Of(content), content.size());
     QTRY_VERIFY_WITH_TIMEOUT(events.fileEnded(), 20000);
-    QVERIFY2(longestStill < 5000, qPrintable(QString::number(longestStill)));
     QCOMPARE(events.lines.last(), QString("fileFinished"));
-    QVERIFY(events.lines.contains("message Download attempt 2"));
-    QCOMPARE(readTestFile(stream.getDestFilePath()), content);
+    QCOMPARE(readTestFile(stream->getDestFilePath()), content);
+    QCOMPARE(events.lines.contains("message Download attempt 2"), option == "--unconfirmed-once");
+    QElapsedTimer ending;
+    ending.start();
+    stream.reset();
+    QVERIFY2(ending.elapsed() < 5000, qPrintable(QString::number(ending.elapsed())));
+    QVERIFY2(longestStill < 5000, qPrintable(QString::number(longestStill)));
 }
 
 void tst_DownloadStreams::endingFromOwnSignal_data()

@@ -1,8 +1,9 @@
-"""usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest] [--unconfirmed-once];
+"""usage: ftp_server.py LOG ROOT [USER PASSWORD] [--no-rest] [--unconfirmed-once] [--silent-quit];
 prints "ready <port>".
 
 --no-rest refuses REST, as servers that cannot resume do. --unconfirmed-once never sends the
-reply to the first download it completes, as a control connection that died on the way would."""
+reply to the first download it completes, as a control connection that died on the way would.
+--silent-quit never answers QUIT, as a control connection that died while idle would not."""
 import logging
 import sys
 
@@ -10,7 +11,7 @@ from pyftpdlib.authorizers import DummyAuthorizer
 from pyftpdlib.handlers import DTPHandler, FTPHandler
 from pyftpdlib.servers import FTPServer
 
-OPTIONS = ("--no-rest", "--unconfirmed-once")
+OPTIONS = ("--no-rest", "--unconfirmed-once", "--silent-quit")
 
 
 class UnconfirmedOnce(DTPHandler):
@@ -33,6 +34,8 @@ if "--no-rest" in sys.argv:
     FTPHandler.ftp_REST = lambda self, line: self.respond("502 Command not implemented.")
 if "--unconfirmed-once" in sys.argv:
     FTPHandler.dtp_handler = UnconfirmedOnce
+if "--silent-quit" in sys.argv:
+    FTPHandler.ftp_QUIT = lambda self, line: None
 server = FTPServer(("127.0.0.1", 0), FTPHandler)
 print("ready", server.address[1], flush=True)
 server.serve_forever(timeout=0.5)
