@@ -30,7 +30,7 @@ PACKAGE = "libreoffice-core"
 PACKAGE_VERSIONS = ["4:7.4.7-1+deb12u13", "4:7.4.7-1+deb12u14"]
 RESUME_SIZE = 200 * MIB
 # A fresh install of many small files (median 1.4 KB).
-MANY_PACKAGE, MANY_VERSION = "libreoffice-common", "4:7.4.7-1+deb12u14"
+MANY_PACKAGE = "libreoffice-common=4:7.4.7-1+deb12u14"
 # The same release on a mirror at the link's rate and on one at a tenth of it.
 MIRRORS_RELEASE = bench.Release("mirrors", 20, 0, 2 * MIB)
 SLOW_RATE = "2mbit"
@@ -462,19 +462,19 @@ def rate_bytes(rate):
     return float(number) * {"": 1, "k": 1e3, "m": 1e6}[unit] / 8
 
 
-def fetch_many_deb(downloads):
+def fetch_many_deb(downloads, package):
+    """The .deb of package ("NAME=VERSION"), downloaded once."""
+    name, version = package.split("=", 1)
     downloads.mkdir(parents=True, exist_ok=True)
-    for deb in downloads.glob(MANY_PACKAGE + "_*.deb"):
-        if deb_version(deb) == MANY_VERSION:
+    for deb in downloads.glob(name + "_*.deb"):
+        if deb_version(deb) == version:
             return deb
-    run_checked(["apt-get", "download", "-q", "%s=%s" % (MANY_PACKAGE, MANY_VERSION)],
-                cwd=downloads)
-    return next(d for d in downloads.glob(MANY_PACKAGE + "_*.deb")
-                if deb_version(d) == MANY_VERSION)
+    run_checked(["apt-get", "download", "-q", package], cwd=downloads)
+    return next(d for d in downloads.glob(name + "_*.deb") if deb_version(d) == version)
 
 
 def prepare_many(work, publisher, deb, dereference, options):
-    root = work / "releases" / "many"
+    root = work / "releases" / ("many-" + deb.stem)
     stamp = root / "stamp"
     if not stamp.exists():
         shutil.rmtree(root, ignore_errors=True)
@@ -608,7 +608,8 @@ def many_case(ctx, namespace, root, args, tls, bundle):
             try:
                 launcher = trusting(namespace.launcher, bundle) if https else namespace.launcher
                 contenders = link_contenders(ctx, launcher, [link], entries, https)
-                label = "many %s %d ms" % (link.scheme, 2 * delay)
+                label = "many %s %s %d ms" % (args.many_package.split("=")[0], link.scheme,
+                                              2 * delay)
                 results = time_contenders(ctx, label, contenders, args.rounds, files, [link])
             finally:
                 link.stop()
@@ -746,6 +747,9 @@ def parse_arguments():
                         help="an earlier update binary, timed beside this one in many")
     parser.add_argument("--many-delays", default="20,50",
                         help="ms held in each direction for the many and mirrors workloads")
+    parser.add_argument("--many-package", default=MANY_PACKAGE,
+                        help="the Debian package (NAME=VERSION) whose files the many workload "
+                        "installs")
     parser.add_argument("--many-schemes", default="https,http",
                         help="which of the many workload's mirrors to time")
     parser.add_argument("--mirrors-schemes", default="http",
@@ -834,7 +838,8 @@ def main():
         if "many" in names or "mirrors" in names:
             tls, bundle = make_test_ca(work / "ca")
         if "many" in names:
-            deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve())
+            deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve(),
+                                 args.many_package)
             many = prepare_many(work, publisher, deb, dereference, options)
             tables += many_case(ctx, namespace, many, args, tls, bundle)
         if "mirrors" in names:
