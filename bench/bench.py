@@ -188,6 +188,11 @@ http {{
     server {{
         listen {listen};
         root {root};
+        # As the README has publishers do: lists and manifests compressed for those who ask.
+        location ~ \\.(ini|manifest)$ {{
+            gzip on;
+            gzip_types *;
+        }}
     }}
 }}
 """

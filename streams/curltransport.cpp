@@ -375,6 +375,11 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
             set(CURLOPT_MAXREDIRS, maximumRedirects);
             // What came over TLS never leaves it on a server's word.
             set(CURLOPT_REDIR_PROTOCOLS_STR, mayMultiplex() ? "https" : "http,https");
+            // What is held to no length (the list, the manifest) is text, always fetched whole:
+            // a mirror may compress it on the way. maxLength bounds the bytes it unpacks to. A
+            // file held to a length is asked for as stored, since ranges count stored bytes.
+            if (current && current->expectedLength < 0)
+                set(CURLOPT_ACCEPT_ENCODING, "");
         }
         if (!user.isEmpty())
             set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));

@@ -265,7 +265,7 @@ void tst_DownloadStreams::httpFileOutcomes_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<int>("partial"); // bytes left before: > 0 the file's first, < 0 wrong ones
-    QTest::addColumn<QString>("requests");  // what the server did, and the range asked for
+    QTest::addColumn<QString>("requests");  // what the server did, +gzip if asked, the range
     QTest::addColumn<int>("error");         // of fileError(); 0: fileFinished()
     QTest::addColumn<QString>("errorText"); // %1: the server's port, %2: the destination
 
@@ -280,7 +280,14 @@ void tst_DownloadStreams::httpFileOutcomes_data()
     QTest::newRow("endless body") << "d.bin" << 0 << "endless" << 2
                                   << "ERROR: Wrong length of %2/d.bin (";
     QTest::newRow("endless list, which has no checksum")
-            << "d.ini" << 0 << "endless" << 2 << "ERROR: %2/d.ini is longer than 67108864 bytes";
+            << "d.ini" << 0 << "endless +gzip" << 2
+            << "ERROR: %2/d.ini is longer than 67108864 bytes";
+    // Only what is fetched whole may come compressed: a range counts stored bytes.
+    QTest::newRow("a list may come compressed") << "k.ini" << 0 << "gzip +gzip" << 0 << "";
+    QTest::newRow("a checked file is never asked for compressed")
+            << "l.bin" << 0 << "gzip" << 0 << "";
+    QTest::newRow("endless list, compressed") << "p.ini" << 0 << "gzip:endless +gzip" << 2
+                                              << "ERROR: %2/p.ini is longer than 67108864 bytes";
     QTest::newRow("wrong bytes") << "f.bin" << 0 << "corrupt" << 1
                                  << "ERROR: Wrong checksum for %2/f.bin";
     QTest::newRow("wrong bytes left before: fetched again from the start")

@@ -3,6 +3,7 @@
 Takes JSON lines {path: [behaviour, ...]} on standard input, answering each with "ok" once in
 force. Prints "ready <port>" first.
 """
+import gzip
 import json
 import os
 import sys
@@ -32,12 +33,14 @@ def next_behaviour(path):
 class Handler(BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
-    def send_head(self, status, length=None, content_range=None, location=None):
+    def send_head(self, status, length=None, content_range=None, location=None, encoding=None):
         self.send_response(status)
         if location:
             self.send_header("Location", location)
         if content_range:
             self.send_header("Content-Range", content_range)
+        if encoding:
+            self.send_header("Content-Encoding", encoding)
         self.send_header("Content-Type", "application/octet-stream")
         # Without a length only the closing connection ends the body.
         self.send_header(*(("Connection", "close") if length is None
@@ -49,9 +52,10 @@ class Handler(BaseHTTPRequestHandler):
         path = unquote(self.path)
         behaviour = next_behaviour(path)
         asked = self.headers.get("Range", "")
+        accepts_gzip = "gzip" in self.headers.get("Accept-Encoding", "")
         with lock, open(LOG, "a") as f:
             f.write(" ".join(filter(None, [str(self.client_address[1]), self.command, self.path,
-                                           behaviour, asked])) + "\n")
+                                           behaviour, "+gzip" * accepts_gzip, asked])) + "\n")
         kind, _, arg = behaviour.partition(":")
         local = os.path.normpath(os.path.join(ROOT, path.lstrip("/")))
         status, body = 404, b"not found\n"
@@ -66,7 +70,7 @@ class Handler(BaseHTTPRequestHandler):
             return self.send_head(status, len(body))
         start = int(asked[6:-1] or 0) if asked.startswith("bytes=") and asked.endswith("-") else 0
         content_range = None
-        n = int(arg or 0)
+        n = int(arg) if arg.isdigit() else 0
         if status == 200 and kind != "full" and start:
             if start >= len(body):
                 return self.send_head(416, 0)
@@ -74,6 +78,12 @@ class Handler(BaseHTTPRequestHandler):
             start = n if kind == "misrange" else start
             content_range = f"bytes {start}-{len(body) - 1}/{len(body)}"
             status, body = 206, body[start:]
+        encoding = None
+        if kind == "gzip":
+            # Compressed on the way where the client accepts it; "gzip:endless", 80 MiB of it.
+            body = b"e" * (80 << 20) if arg == "endless" else body
+            if accepts_gzip:
+                body, encoding = gzip.compress(body, 1), "gzip"
         length = len(body)
         if kind == "corrupt":
             body = body.translate(bytes(range(255, -1, -1)))
@@ -83,9 +93,9 @@ class Handler(BaseHTTPRequestHandler):
             pass
         elif kind == "endless":
             status, length, body, content_range = 200, None, b"e" * 16384, None
-        elif kind not in ("ok", "full", "misrange"):
+        elif kind not in ("ok", "full", "misrange", "gzip"):
             raise ValueError(f"unknown behaviour {behaviour}")
-        self.send_head(status, length, content_range)
+        self.send_head(status, length, content_range, encoding=encoding)
         try:
             if kind == "trickle":
                 # Ten parts spread over N milliseconds, whatever the size.
