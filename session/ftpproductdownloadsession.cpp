@@ -579,7 +579,8 @@ void FTPProductDownloadSession::changeStreamMirror(int s)
         shutDownStream(s);
         // What it gives back needs a stream on a mirror that works. Those may all have shut
         // down, their files taken over by this mirror; then one of them comes back.
-        if (hasStreamOnWorkingMirror() || (s = idleBaseStream()) < 0) {
+        s = hasStreamOnWorkingMirror() ? -1 : idleBaseStream();
+        if (s < 0) {
             if (!hasStreamWithMirror())
                 emit processCancelled();
             return;
