@@ -56,6 +56,31 @@ bool isFinalRefusal(long status)
     return status >= 400 && status < 500 && status != 408 && status != 429;
 }
 
+// Sets options of one easy handle; the first that fails is the result.
+class EasyOptions
+{
+public:
+    explicit EasyOptions(CURL *easy)
+        : easy(easy)
+    {}
+
+    template<typename Value>
+    void set(CURLoption option, Value value)
+    {
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(easy, option, value);
+    }
+    void setText(CURLoption option, const QString &value)
+    {
+        set(option, value.toUtf8().constData());
+    }
+
+    CURLcode result = CURLE_OK;
+
+private:
+    CURL *easy;
+};
+
 } // namespace
 
 class CurlTransport::Private : public CurlMulti::Client
@@ -86,6 +111,10 @@ public:
     void startFtpSession();
     void startTransfer(const QUrl &url, bool headOnly);
     CURLcode configure(const QUrl &url, bool headOnly);
+    void setTransferOptions(EasyOptions &options, const QUrl &url, bool headOnly);
+    void setConnectionOptions(EasyOptions &options);
+    void setFtpOptions(EasyOptions &options);
+    void setHttpOptions(EasyOptions &options, bool headOnly);
     void removeTransfer();
     void finish(Error kind, const QString &text = {});
 
@@ -295,96 +324,102 @@ CURLcode CurlTransport::Private::configure(const QUrl &url, bool headOnly)
 {
     curl_easy_reset(easy);
     errorBuffer[0] = 0;
-    CURLcode result = CURLE_OK;
-    const auto set = [this, &result](CURLoption option, auto value) {
-        if (result == CURLE_OK)
-            result = curl_easy_setopt(easy, option, value);
-    };
-    const auto setText = [&set](CURLoption option, const QString &value) {
-        set(option, value.toUtf8().constData());
-    };
+    EasyOptions options(easy);
+    setTransferOptions(options, url, headOnly);
+    setConnectionOptions(options);
+    if (isFtp())
+        setFtpOptions(options);
+    else
+        setHttpOptions(options, headOnly);
+    return options.result;
+}
 
-    set(CURLOPT_URL, url.toEncoded().constData());
-    set(CURLOPT_NOSIGNAL, 1L);
-    set(CURLOPT_ERRORBUFFER, errorBuffer);
-    set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
-    set(CURLOPT_NOBODY, headOnly ? 1L : 0L);
-    set(CURLOPT_CONNECTTIMEOUT, connectTimeoutSeconds);
-    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    set(CURLOPT_LOW_SPEED_TIME, stallTimeout);
-    set(CURLOPT_HEADERFUNCTION, headerCallback);
-    set(CURLOPT_HEADERDATA, this);
-    set(CURLOPT_WRITEFUNCTION, writeCallback);
-    set(CURLOPT_WRITEDATA, this);
-    // libcurl 7.88 waits for an FTP server's reply to a finished transfer inside the call, up
-    // to a minute, while nothing else moves; it asks for progress every second meanwhile.
-    if (isFtp()) {
-        set(CURLOPT_NOPROGRESS, 0L);
-        set(CURLOPT_XFERINFOFUNCTION, progressCallback);
-        set(CURLOPT_XFERINFODATA, this);
-    }
-    set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-    // HTTP/2 only where TLS negotiates it: libcurl 7.88 breaks multiplexed cleartext HTTP/2.
-    set(CURLOPT_HTTP_VERSION,
-        long(mayMultiplex() ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
-    // Requests that start together wait for the first connection rather than open their own.
-    if (mayMultiplex())
-        set(CURLOPT_PIPEWAIT, 1L);
+void CurlTransport::Private::setTransferOptions(EasyOptions &options, const QUrl &url,
+                                                bool headOnly)
+{
+    options.set(CURLOPT_URL, url.toEncoded().constData());
+    options.set(CURLOPT_NOSIGNAL, 1L);
+    options.set(CURLOPT_ERRORBUFFER, errorBuffer);
+    options.set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
+    options.set(CURLOPT_NOBODY, headOnly ? 1L : 0L);
+    options.set(CURLOPT_CONNECTTIMEOUT, connectTimeoutSeconds);
+    options.set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    options.set(CURLOPT_LOW_SPEED_TIME, stallTimeout);
+    options.set(CURLOPT_HEADERFUNCTION, headerCallback);
+    options.set(CURLOPT_HEADERDATA, this);
+    options.set(CURLOPT_WRITEFUNCTION, writeCallback);
+    options.set(CURLOPT_WRITEDATA, this);
     // Not over HTTP/2: libcurl 7.88 fails a stream whose buffer differs from its connection's.
     if (!mayMultiplex() && current && current->expectedLength > largeReceiveBuffer)
-        set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
-    if (!headOnly && current && current->offset > 0) {
-        // HTTP gets a plain range: with RESUME_FROM libcurl fails on a server that sends the
-        // whole file instead, which is as good as a fresh start.
-        if (isFtp())
-            set(CURLOPT_RESUME_FROM_LARGE, curl_off_t(current->offset));
-        else
-            set(CURLOPT_RANGE, QByteArray::number(current->offset).append('-').constData());
-    }
+        options.set(CURLOPT_BUFFERSIZE, largeReceiveBuffer);
+    if (headOnly || !current || current->offset <= 0)
+        return;
+    // HTTP gets a plain range: with RESUME_FROM libcurl fails on a server that sends the whole
+    // file instead, which is as good as a fresh start.
+    if (isFtp())
+        options.set(CURLOPT_RESUME_FROM_LARGE, curl_off_t(current->offset));
+    else
+        options.set(CURLOPT_RANGE, QByteArray::number(current->offset).append('-').constData());
+}
 
+void CurlTransport::Private::setConnectionOptions(EasyOptions &options)
+{
+    options.set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
     // An empty proxy and an empty exception list keep the environment's proxy settings out.
-    set(CURLOPT_PROXY, proxyAddress.constData());
-    set(CURLOPT_NOPROXY, "");
-    if (!proxyAddress.isEmpty()) {
-        if (!proxyUser.isEmpty()) {
-            setText(CURLOPT_PROXYUSERNAME, proxyUser);
-            setText(CURLOPT_PROXYPASSWORD, proxyPassword);
-        }
-        // An HTTP proxy forwards plain HTTP itself; FTP must be tunnelled through it.
-        if (isFtp() && proxyAddress.startsWith("http"))
-            set(CURLOPT_HTTPPROXYTUNNEL, 1L);
+    options.set(CURLOPT_PROXY, proxyAddress.constData());
+    options.set(CURLOPT_NOPROXY, "");
+    if (!proxyAddress.isEmpty() && !proxyUser.isEmpty()) {
+        options.setText(CURLOPT_PROXYUSERNAME, proxyUser);
+        options.setText(CURLOPT_PROXYPASSWORD, proxyPassword);
     }
     if (!caFile.isEmpty()) {
-        setText(CURLOPT_CAINFO, caFile);
-        setText(CURLOPT_PROXY_CAINFO, caFile);
+        options.setText(CURLOPT_CAINFO, caFile);
+        options.setText(CURLOPT_PROXY_CAINFO, caFile);
     }
     if (!user.isEmpty()) {
-        setText(CURLOPT_USERNAME, user);
-        setText(CURLOPT_PASSWORD, password);
+        options.setText(CURLOPT_USERNAME, user);
+        options.setText(CURLOPT_PASSWORD, password);
     }
+}
 
-    if (isFtp()) {
-        // The directory is only changed when it differs from the previous file's.
-        set(CURLOPT_FTP_FILEMETHOD, long(CURLFTPMETHOD_SINGLECWD));
-        set(CURLOPT_SERVER_RESPONSE_TIMEOUT, stallTimeout);
-    } else {
-        set(CURLOPT_USERAGENT, userAgent);
-        // The connect step only has to reach this server, wherever it would send us.
-        if (!headOnly) {
-            set(CURLOPT_FOLLOWLOCATION, 1L);
-            set(CURLOPT_MAXREDIRS, maximumRedirects);
-            // What came over TLS never leaves it on a server's word.
-            set(CURLOPT_REDIR_PROTOCOLS_STR, mayMultiplex() ? "https" : "http,https");
-            // What is held to no length (the list, the manifest) is text, always fetched whole:
-            // a mirror may compress it on the way. maxLength bounds the bytes it unpacks to. A
-            // file held to a length is asked for as stored, since ranges count stored bytes.
-            if (current && current->expectedLength < 0)
-                set(CURLOPT_ACCEPT_ENCODING, "");
-        }
-        if (!user.isEmpty())
-            set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
-    }
-    return result;
+void CurlTransport::Private::setFtpOptions(EasyOptions &options)
+{
+    // libcurl 7.88 waits for an FTP server's reply to a finished transfer inside the call, up
+    // to a minute, while nothing else moves; it asks for progress every second meanwhile.
+    options.set(CURLOPT_NOPROGRESS, 0L);
+    options.set(CURLOPT_XFERINFOFUNCTION, progressCallback);
+    options.set(CURLOPT_XFERINFODATA, this);
+    // An HTTP proxy forwards plain HTTP itself; FTP must be tunnelled through it.
+    if (proxyAddress.startsWith("http"))
+        options.set(CURLOPT_HTTPPROXYTUNNEL, 1L);
+    // The directory is only changed when it differs from the previous file's.
+    options.set(CURLOPT_FTP_FILEMETHOD, long(CURLFTPMETHOD_SINGLECWD));
+    options.set(CURLOPT_SERVER_RESPONSE_TIMEOUT, stallTimeout);
+}
+
+void CurlTransport::Private::setHttpOptions(EasyOptions &options, bool headOnly)
+{
+    options.set(CURLOPT_USERAGENT, userAgent);
+    // HTTP/2 only where TLS negotiates it: libcurl 7.88 breaks multiplexed cleartext HTTP/2.
+    options.set(CURLOPT_HTTP_VERSION,
+                long(mayMultiplex() ? CURL_HTTP_VERSION_2TLS : CURL_HTTP_VERSION_1_1));
+    // Requests that start together wait for the first connection rather than open their own.
+    if (mayMultiplex())
+        options.set(CURLOPT_PIPEWAIT, 1L);
+    if (!user.isEmpty())
+        options.set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
+    // The connect step only has to reach this server, wherever it would send us.
+    if (headOnly)
+        return;
+    options.set(CURLOPT_FOLLOWLOCATION, 1L);
+    options.set(CURLOPT_MAXREDIRS, maximumRedirects);
+    // What came over TLS never leaves it on a server's word.
+    options.set(CURLOPT_REDIR_PROTOCOLS_STR, mayMultiplex() ? "https" : "http,https");
+    // What is held to no length (the list, the manifest) is text, always fetched whole: a mirror
+    // may compress it on the way. maxLength bounds the bytes it unpacks to. A file held to a
+    // length is asked for as stored, since ranges count stored bytes.
+    if (current && current->expectedLength < 0)
+        options.set(CURLOPT_ACCEPT_ENCODING, "");
 }
 
 void CurlTransport::Private::removeTransfer()
