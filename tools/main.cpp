@@ -110,16 +110,86 @@ QString patchSummary(const QList<PatchRecord> &patches, int cached)
             .arg(cached);
 }
 
-struct PatchOptions
+// Every option, declared once for the parser and for reading what it parsed.
+struct PublishOptions
 {
-    QStringList previous;
-    QString cache;
+    const QCommandLineOption pack{
+            QStringLiteral("pack"),
+            QStringLiteral("Which files to store packed: all, none, or auto (those that "
+                           "shrink by at least %1% and %2 bytes). Default: auto.")
+                    .arg(ReleasePublisher::minimumSavingPercent)
+                    .arg(ReleasePublisher::minimumSavingBytes),
+            QStringLiteral("mode"), QStringLiteral("auto")};
+    const QCommandLineOption compress{
+            QStringLiteral("compress"),
+            QStringLiteral("How to pack files: gzip, which every updater reads, or zstd, which "
+                           "is smaller and unpacks faster but needs an updater that knows it. "
+                           "Default: gzip."),
+            QStringLiteral("format"), QStringLiteral("gzip")};
+    const QCommandLineOption dereference{
+            QStringLiteral("dereference"),
+            QStringLiteral("Publish what a symbolic link in the release points to, under the "
+                           "link's name, instead of refusing the link.")};
+    const QCommandLineOption previous{
+            QStringLiteral("previous"),
+            QStringLiteral("A previous release (its directory, or the product list it was "
+                           "published with, beside its files); may be given once for each "
+                           "release users may still run. Its files that this release lacks are "
+                           "listed for deletion, and those it changes get binary patches from "
+                           "it under VERSION/patches/TYPE/ where a patch takes at most %1% of "
+                           "the file on the mirror.")
+                    .arg(ReleasePatches::maximumPercent),
+            QStringLiteral("path")};
+    const QCommandLineOption patchCache{
+            QStringLiteral("patch-cache"),
+            QStringLiteral("Keep the patches made in this directory, by the SHA-256 of both "
+                           "files, and take them from there instead of making them again."),
+            QStringLiteral("dir")};
+    const QCommandLineOption force{
+            QStringLiteral("force"),
+            QStringLiteral("Replace a product list already published for this type and version.")};
+    const QCommandLineOption check{
+            QStringLiteral("check"),
+            QStringLiteral("Check mode: verify the mirror tree of each product list given.")};
+    const QCommandLineOption sign{
+            QStringLiteral("sign"),
+            QStringLiteral("Sign the release manifest with this unencrypted minisign secret key "
+                           "(from --keygen or minisign -G -W)."),
+            QStringLiteral("secretkey")};
+    const QCommandLineOption key{
+            QStringLiteral("key"),
+            QStringLiteral("With --check: also verify the manifest's signature with the minisign "
+                           "public keys of this file."),
+            QStringLiteral("publickey")};
+    const QCommandLineOption keygen{
+            QStringLiteral("keygen"),
+            QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
+                           "0600) and update-keys.pub, which installations trust."),
+            QStringLiteral("dir")};
+    const QCommandLineOption latest{
+            QStringLiteral("latest"),
+            QStringLiteral("Write ROOT/TYPE.latest, the pointer to this version that updaters "
+                           "read when the version server does not answer; signed with --sign.")};
+    const QCommandLineOption expires{
+            QStringLiteral("expires"),
+            QStringLiteral("With --latest: days until updaters stop trusting the pointer; "
+                           "refresh it before. Default: %1.")
+                    .arg(LatestPublisher::defaultLifetimeDays),
+            QStringLiteral("days")};
+
+    QList<QCommandLineOption> all() const
+    {
+        return {pack,  compress, dereference, previous, patchCache, force,
+                check, sign,     key,         keygen,   latest,     expires};
+    }
 };
 
-int runPublish(const QStringList &arguments, const QString &packing, const PatchOptions &patches,
-               bool force, const QString &signingKey, const QString &compression, bool dereference)
+int runPublish(const QStringList &arguments, const QCommandLineParser &parser,
+               const PublishOptions &options)
 {
     QTextStream err(stderr);
+    const QString packing = parser.value(options.pack);
+    const QString compression = parser.value(options.compress);
     static const QHash<QString, ReleasePublisher::Packing> packings = {
             {QStringLiteral("none"), ReleasePublisher::Packing::None},
             {QStringLiteral("auto"), ReleasePublisher::Packing::Auto},
@@ -138,12 +208,12 @@ int runPublish(const QStringList &arguments, const QString &packing, const Patch
     ReleasePublisher publisher(arguments.at(0), arguments.at(1), arguments.at(2), arguments.at(3));
     publisher.setPacking(packings.value(packing));
     publisher.setPackFormat(*format);
-    publisher.setDereference(dereference);
-    for (const QString &previous : patches.previous)
+    publisher.setDereference(parser.isSet(options.dereference));
+    for (const QString &previous : parser.values(options.previous))
         publisher.addPreviousRelease(previous);
-    publisher.setPatchCache(patches.cache);
-    publisher.setReplaceExisting(force);
-    publisher.setSigningKey(signingKey);
+    publisher.setPatchCache(parser.value(options.patchCache));
+    publisher.setReplaceExisting(parser.isSet(options.force));
+    publisher.setSigningKey(parser.value(options.sign));
     if (!publisher.publish()) {
         printLines(err, publisher.errors());
         return 1;
@@ -180,15 +250,8 @@ int runLatest(const QString &root, const QString &type, const QString &version,
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char *argv[])
+void describe(QCommandLineParser &parser, const PublishOptions &options)
 {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("update-publish"));
-    QCoreApplication::setApplicationVersion(QStringLiteral(ORLIVO_VERSION));
-
-    QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral(
             "Publishes a release of the Orlivo client as a mirror tree that any HTTP or FTP "
             "server can serve:\nROOT/VERSION/TYPE.ini (the product list) and the files, packed "
@@ -202,72 +265,7 @@ int main(int argc, char *argv[])
             "published release (also done after publishing when --latest is given)."));
     parser.addHelpOption();
     parser.addVersionOption();
-    const QCommandLineOption packOption(
-            QStringLiteral("pack"),
-            QStringLiteral("Which files to store packed: all, none, or auto (those that "
-                           "shrink by at least %1% and %2 bytes). Default: auto.")
-                    .arg(ReleasePublisher::minimumSavingPercent)
-                    .arg(ReleasePublisher::minimumSavingBytes),
-            QStringLiteral("mode"), QStringLiteral("auto"));
-    const QCommandLineOption compressOption(
-            QStringLiteral("compress"),
-            QStringLiteral("How to pack files: gzip, which every updater reads, or zstd, which "
-                           "is smaller and unpacks faster but needs an updater that knows it. "
-                           "Default: gzip."),
-            QStringLiteral("format"), QStringLiteral("gzip"));
-    const QCommandLineOption dereferenceOption(
-            QStringLiteral("dereference"),
-            QStringLiteral("Publish what a symbolic link in the release points to, under the "
-                           "link's name, instead of refusing the link."));
-    const QCommandLineOption previousOption(
-            QStringLiteral("previous"),
-            QStringLiteral("A previous release (its directory, or the product list it was "
-                           "published with, beside its files); may be given once for each "
-                           "release users may still run. Its files that this release lacks are "
-                           "listed for deletion, and those it changes get binary patches from "
-                           "it under VERSION/patches/TYPE/ where a patch takes at most %1% of "
-                           "the file on the mirror.")
-                    .arg(ReleasePatches::maximumPercent),
-            QStringLiteral("path"));
-    const QCommandLineOption patchCacheOption(
-            QStringLiteral("patch-cache"),
-            QStringLiteral("Keep the patches made in this directory, by the SHA-256 of both "
-                           "files, and take them from there instead of making them again."),
-            QStringLiteral("dir"));
-    const QCommandLineOption forceOption(
-            QStringLiteral("force"),
-            QStringLiteral("Replace a product list already published for this type and version."));
-    const QCommandLineOption checkOption(
-            QStringLiteral("check"),
-            QStringLiteral("Check mode: verify the mirror tree of each product list given."));
-    const QCommandLineOption signOption(
-            QStringLiteral("sign"),
-            QStringLiteral("Sign the release manifest with this unencrypted minisign secret key "
-                           "(from --keygen or minisign -G -W)."),
-            QStringLiteral("secretkey"));
-    const QCommandLineOption keyOption(
-            QStringLiteral("key"),
-            QStringLiteral("With --check: also verify the manifest's signature with the minisign "
-                           "public keys of this file."),
-            QStringLiteral("publickey"));
-    const QCommandLineOption keygenOption(
-            QStringLiteral("keygen"),
-            QStringLiteral("Write a new key pair into the directory: update-secret.key (mode "
-                           "0600) and update-keys.pub, which installations trust."),
-            QStringLiteral("dir"));
-    const QCommandLineOption latestOption(
-            QStringLiteral("latest"),
-            QStringLiteral("Write ROOT/TYPE.latest, the pointer to this version that updaters "
-                           "read when the version server does not answer; signed with --sign."));
-    const QCommandLineOption expiresOption(
-            QStringLiteral("expires"),
-            QStringLiteral("With --latest: days until updaters stop trusting the pointer; "
-                           "refresh it before. Default: %1.")
-                    .arg(LatestPublisher::defaultLifetimeDays),
-            QStringLiteral("days"));
-    parser.addOptions({packOption, compressOption, dereferenceOption, previousOption,
-                       patchCacheOption, forceOption, checkOption, signOption, keyOption,
-                       keygenOption, latestOption, expiresOption});
+    parser.addOptions(options.all());
     parser.addPositionalArgument(QStringLiteral("RELEASE"),
                                  QStringLiteral("Directory holding the files of the release as "
                                                 "they stand in the installation."));
@@ -277,32 +275,44 @@ int main(int argc, char *argv[])
                                  QStringLiteral("Client version, a decimal number."));
     parser.addPositionalArgument(QStringLiteral("ROOT"),
                                  QStringLiteral("Mirror root; the release goes to ROOT/VERSION."));
-    parser.process(app);
+}
 
+int run(QCommandLineParser &parser, const PublishOptions &options)
+{
     const QStringList arguments = parser.positionalArguments();
-    if (parser.isSet(keygenOption))
-        return runKeygen(parser.value(keygenOption));
-    if (parser.isSet(checkOption)) {
+    if (parser.isSet(options.keygen))
+        return runKeygen(parser.value(options.keygen));
+    if (parser.isSet(options.check)) {
         if (arguments.isEmpty())
             parser.showHelp(1);
-        return runCheck(arguments, parser.value(keyOption));
+        return runCheck(arguments, parser.value(options.key));
     }
-    const bool latest = parser.isSet(latestOption);
+    const bool latest = parser.isSet(options.latest);
     if (latest && arguments.size() == 3)
         return runLatest(arguments.at(2), arguments.at(0), arguments.at(1),
-                         parser.value(expiresOption), parser.value(signOption));
+                         parser.value(options.expires), parser.value(options.sign));
     if (arguments.size() != 4) {
         QTextStream(stderr) << "update-publish: expected RELEASE TYPE VERSION ROOT, got "
                             << arguments.size() << " arguments (see --help)" << Qt::endl;
         return 1;
     }
-    const int published = runPublish(
-            arguments, parser.value(packOption),
-            {parser.values(previousOption), parser.value(patchCacheOption)},
-            parser.isSet(forceOption), parser.value(signOption), parser.value(compressOption),
-            parser.isSet(dereferenceOption));
+    const int published = runPublish(arguments, parser, options);
     if (published != 0 || !latest)
         return published;
-    return runLatest(arguments.at(3), arguments.at(1), arguments.at(2), parser.value(expiresOption),
-                     parser.value(signOption));
+    return runLatest(arguments.at(3), arguments.at(1), arguments.at(2),
+                     parser.value(options.expires), parser.value(options.sign));
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("update-publish"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(ORLIVO_VERSION));
+    QCommandLineParser parser;
+    const PublishOptions options;
+    describe(parser, options);
+    parser.process(app);
+    return run(parser, options);
 }
