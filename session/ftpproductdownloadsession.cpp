@@ -805,15 +805,41 @@ void FTPProductDownloadSession::requestListFile()
 
 bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPath)
 {
+    if (!readProductList(listPath))
+        return false;
+    emit progressCount(0, task.totalSize);
+    task.resetMarks();
+    patches.offer(releaseFetch.haveManifest() ? releaseFetch.manifest().patches()
+                                              : QList<PatchRecord>(),
+                  task.files, ProductList::workingFileNames(parameters.productListName));
+    quint64 done = 0;
+    for (int i = 0; i < task.getSize(); ++i) {
+        FileSpecification file;
+        task.get(i, &file);
+        if (!checkFile(i, file, resume))
+            continue;
+        done += file.size;
+        emit progressCount(done, task.totalSize);
+    }
+    task.updateCompletionInfo();
+    emit message(QString("Verification of %1 file(s) complete. Ready: %2, Downloaded: %3.")
+                         .arg(task.getSize())
+                         .arg(task.readyCount)
+                         .arg(task.downloadedCount - task.readyCount));
+    return true;
+}
+
+// A product list that lists nothing is as unusable as one that cannot be read.
+bool FTPProductDownloadSession::readProductList(const QString &listPath)
+{
     if (listPath.isEmpty())
         return false;
-    // A product list that lists nothing is as unusable as one that cannot be read.
     task = TaskState();
     largestFirst.clear();
     clearedDirectories.clear();
     const bool read = task.initializeByProductIni(listPath);
-    const QStringList workingFiles = ProductList::workingFileNames(parameters.productListName);
-    const QString conflict = task.installPathConflict(workingFiles);
+    const QString conflict =
+            task.installPathConflict(ProductList::workingFileNames(parameters.productListName));
     if (!conflict.isEmpty())
         emit message(QStringLiteral("%1: %2").arg(listPath, conflict));
     if (!read || !conflict.isEmpty() || task.getSize() == 0)
@@ -826,46 +852,36 @@ bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPa
         if (!ReleaseManifest::isSha256Text(getFileSha256(file)))
             return false;
     }
-    emit progressCount(0, task.totalSize);
-    task.resetMarks();
-    patches.offer(releaseFetch.haveManifest() ? releaseFetch.manifest().patches()
-                                              : QList<PatchRecord>(),
-                  task.files, workingFiles);
-    quint64 done = 0;
-    for (int i = 0; i < task.getSize(); ++i) {
-        FileSpecification file;
-        task.get(i, &file);
-        const QString installedMd5 = installedFileMd5(file);
-        if (!installedMd5.isEmpty() && installedMd5 == file.installedMd5()) {
-            task.markReady(i);
-            emit message(QString("File %1 up to date").arg(getInstalledFilePath(file)));
-        } else if (isDownloaded(file) || PatchPlan::isMade(file, parameters.tempDirectory)) {
-            task.markDownloaded(i);
-        } else {
-            patches.choose(i, file, installedMd5);
-            task.markNoFile(i, false);
-            // The whole file too: a patch that does not apply falls back to it.
-            if (resume) {
-                clearWayFor(file.directory + "/" + file.name);
-                if (const PatchRecord *patch = patches.patchFor(i))
-                    clearWayFor(patch->path);
-            }
-            // A file shorter than required is what a broken transfer left: its stream goes on
-            // from its end.
-            const QString temp = getTempFilePath(file);
-            if (QFileInfo(temp).size() >= qint64(file.size))
-                QFile::remove(temp);
-            continue;
-        }
-        done += file.size;
-        emit progressCount(done, task.totalSize);
-    }
-    task.updateCompletionInfo();
-    emit message(QString("Verification of %1 file(s) complete. Ready: %2, Downloaded: %3.")
-                         .arg(task.getSize())
-                         .arg(task.readyCount)
-                         .arg(task.downloadedCount - task.readyCount));
     return true;
+}
+
+// Marks file i as the disk has it: ready, downloaded, or still to fetch (false).
+bool FTPProductDownloadSession::checkFile(int i, const FileSpecification &file, bool resume)
+{
+    const QString installedMd5 = installedFileMd5(file);
+    if (!installedMd5.isEmpty() && installedMd5 == file.installedMd5()) {
+        task.markReady(i);
+        emit message(QString("File %1 up to date").arg(getInstalledFilePath(file)));
+        return true;
+    }
+    if (isDownloaded(file) || PatchPlan::isMade(file, parameters.tempDirectory)) {
+        task.markDownloaded(i);
+        return true;
+    }
+    patches.choose(i, file, installedMd5);
+    task.markNoFile(i, false);
+    // The whole file too: a patch that does not apply falls back to it.
+    if (resume) {
+        clearWayFor(file.directory + "/" + file.name);
+        if (const PatchRecord *patch = patches.patchFor(i))
+            clearWayFor(patch->path);
+    }
+    // A file shorter than required is what a broken transfer left: its stream goes on from its
+    // end.
+    const QString temp = getTempFilePath(file);
+    if (QFileInfo(temp).size() >= qint64(file.size))
+        QFile::remove(temp);
+    return false;
 }
 
 // An installed file is read only where its checksum can tell something: when it may be up to date,

@@ -127,6 +127,8 @@ private:
     void requestListFile();
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
+    bool readProductList(const QString &listPath);
+    bool checkFile(int i, const FileSpecification &file, bool resume);
     // The MD5 of the installed copy of file; empty when there is none.
     QString installedFileMd5(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;
