@@ -1001,16 +1001,19 @@ bool FTPProductDownloadSession::makeFromPatch(int s, const PatchRecord &patch)
 }
 
 // A packed file is unpacked as soon as it has arrived, while the link still carries the others,
-// so that the install only links it into place. It is kept where a file made from a patch lies
-// (a resume counts it as downloaded), and the packed download goes once it has served. One that
-// does not unpack to what the list says stays packed, for the install to report. False, with the
-// file handed back to be fetched again, when neither is left.
+// so that the install only links it into place, and every file that will be installed starts for
+// the disk at once, so that the flush before the switch finds it there. It is kept where a file
+// made from a patch lies (a resume counts it as downloaded), and the packed download goes once it
+// has served. One that does not unpack to what the list says stays packed, for the install to
+// report. False, with the file handed back to be fetched again, when neither is left.
 bool FTPProductDownloadSession::unpackArrived(int s)
 {
     FileSpecification file;
     task.get(streams[s]->fileIndex, &file);
-    if (!file.isPacked())
+    if (!file.isPacked()) {
+        startWriteback(getTempFilePath(file));
         return true;
+    }
     const QString packed = getTempFilePath(file);
     const QString result = file.patchedPath(parameters.tempDirectory);
     const QString directory = QFileInfo(result).path();
@@ -1020,8 +1023,11 @@ bool FTPProductDownloadSession::unpackArrived(int s)
         unpackedDirectories.insert(directory);
     }
     if (file.unpackedSize < writebackSize) {
-        if (unpackInPlace(packed, result, file.unpackedMd5, file.unpackedSize)
-            != InPlaceUnpacking::Lost)
+        const InPlaceUnpacking unpacked =
+                unpackInPlace(packed, result, file.unpackedMd5, file.unpackedSize);
+        if (unpacked == InPlaceUnpacking::Unpacked)
+            startWriteback(result);
+        if (unpacked != InPlaceUnpacking::Lost)
             return true;
         const QString why = systemError();
         QFile::remove(result);
