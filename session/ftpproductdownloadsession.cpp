@@ -699,34 +699,42 @@ void FTPProductDownloadSession::onProgressCount(int s, qint64, qint64)
 
 void FTPProductDownloadSession::onFileFinished(int s)
 {
+    if (state == SessionDownloading)
+        listedFileFinished(s);
+    else if (state == SessionRetrievingList && s == 0)
+        releaseFetchStepFinished();
+}
+
+void FTPProductDownloadSession::listedFileFinished(int s)
+{
     DownloadStream *record = streams[s].get();
-    if (state == SessionDownloading) {
-        // A stream that has given its file back has nothing to report finished.
-        if (record->fileIndex < 0)
+    // A stream that has given its file back has nothing to report finished.
+    if (record->fileIndex < 0)
+        return;
+    if (const PatchRecord *patch = patches.patchFor(record->fileIndex)) {
+        if (!makeFromPatch(s, *patch))
             return;
-        if (const PatchRecord *patch = patches.patchFor(record->fileIndex)) {
-            if (!makeFromPatch(s, *patch))
-                return;
-        } else if (!unpackArrived(s)) {
-            return;
-        }
-        task.markReady(record->fileIndex);
-        // Downloaded, not ready: files an earlier run left complete are never fetched again.
-        if (task.downloadedCount < task.getSize()) {
-            QString name;
-            task.get(record->fileIndex, nullptr, &name, nullptr, nullptr);
-            emit message(QString("Stream %1, %2 OK").arg(s).arg(name));
-            assignNextFile(s);
-            return;
-        }
-        mirrorWatch.stop();
-        emit message("Download finished.");
-        emit downloadFinished();
+    } else if (!unpackArrived(s)) {
         return;
     }
-    if (state != SessionRetrievingList || s != 0)
+    task.markReady(record->fileIndex);
+    // Downloaded, not ready: files an earlier run left complete are never fetched again.
+    if (task.downloadedCount < task.getSize()) {
+        QString name;
+        task.get(record->fileIndex, nullptr, &name, nullptr, nullptr);
+        emit message(QString("Stream %1, %2 OK").arg(s).arg(name));
+        assignNextFile(s);
         return;
-    const QString listPath = record->stream->getDestFilePath();
+    }
+    mirrorWatch.stop();
+    emit message("Download finished.");
+    emit downloadFinished();
+}
+
+// The manifest, its signature or the list has arrived on the first stream.
+void FTPProductDownloadSession::releaseFetchStepFinished()
+{
+    const QString listPath = streams[0]->stream->getDestFilePath();
     QString note;
     switch (releaseFetch.fileArrived(listPath, &note)) {
     case ReleaseFetch::FetchNext:
@@ -735,7 +743,7 @@ void FTPProductDownloadSession::onFileFinished(int s)
         requestListFile();
         break;
     case ReleaseFetch::Refused:
-        refuseMirrorList(s, note);
+        refuseMirrorList(0, note);
         break;
     case ReleaseFetch::ListReady:
         emit message("Download file list retrieved.");
@@ -744,7 +752,7 @@ void FTPProductDownloadSession::onFileFinished(int s)
             startDownloadBySessionState();
             return;
         }
-        refuseMirrorList(s, tr("Unable to initialize session with %1.").arg(listPath));
+        refuseMirrorList(0, tr("Unable to initialize session with %1.").arg(listPath));
         break;
     }
 }

@@ -123,6 +123,8 @@ private:
     // One of the streams made at the start that has shut down; -1 when none has.
     int idleBaseStream() const;
 
+    void listedFileFinished(int s);
+    void releaseFetchStepFinished();
     void retrieveSessionState();
     void requestListFile();
     void refuseMirrorList(int s, const QString &reason);
