@@ -66,10 +66,14 @@ CurlMulti::~CurlMulti()
 
 CURLMcode CurlMulti::add(CURL *easy, Client *client)
 {
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocketCallback);
-    curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocketCallback);
-    curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this);
+    // A socket this does not know of could not be shut down before the cleanup.
+    const bool tracked =
+            curl_easy_setopt(easy, CURLOPT_OPENSOCKETFUNCTION, openSocketCallback) == CURLE_OK
+            && curl_easy_setopt(easy, CURLOPT_OPENSOCKETDATA, this) == CURLE_OK
+            && curl_easy_setopt(easy, CURLOPT_CLOSESOCKETFUNCTION, closeSocketCallback) == CURLE_OK
+            && curl_easy_setopt(easy, CURLOPT_CLOSESOCKETDATA, this) == CURLE_OK;
+    if (!tracked)
+        return CURLM_BAD_EASY_HANDLE;
     const CURLMcode added = curl_multi_add_handle(multi, easy);
     if (added == CURLM_OK)
         transfers[easy] = Transfer{client, ++lastGeneration};
