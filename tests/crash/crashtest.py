@@ -52,23 +52,30 @@ def make_certificate(work):
 
 def start_nginx(root, work, certificate):
     """nginx on a plain HTTP port and, with a certificate, an HTTPS one with HTTP/2; returns the
-    process and the mirror URL of each."""
-    urls = {"http": "http://127.0.0.1:%d/" % free_port()}
-    servers = [(urls["http"], "")]
-    if certificate:
-        urls["https"] = "https://127.0.0.1:%d/" % free_port()
-        servers.append((urls["https"], " ssl http2; ssl_certificate %s; ssl_certificate_key %s"
-                        % certificate))
-    blocks = "".join(" server { listen %s%s; root %s; location / { limit_rate 6m; } }"
-                     % (url.split("/")[2], options, root) for url, options in servers)
-    (work / "nginx.conf").write_text(f"daemon off; pid {work}/nginx.pid; error_log stderr; "
-                                     f"events {{}} http {{ access_log off;{blocks} }}")
-    process = subprocess.Popen(["/usr/sbin/nginx", "-p", work, "-c", work / "nginx.conf"],
-                               stderr=subprocess.DEVNULL)
-    for _ in range(100):
-        if all(reachable(url) for url in urls.values()):
-            return process, urls
-        time.sleep(0.05)
+    process and the mirror URL of each. nginx writes its pid once it holds its ports; one that
+    finds a port taken retries for seconds while another program answers there: then new ports."""
+    for _ in range(5):
+        urls = {"http": "http://127.0.0.1:%d/" % free_port()}
+        servers = [(urls["http"], "")]
+        if certificate:
+            urls["https"] = "https://127.0.0.1:%d/" % free_port()
+            servers.append((urls["https"], " ssl http2; ssl_certificate %s; ssl_certificate_key %s"
+                            % certificate))
+        blocks = "".join(" server { listen %s%s; root %s; location / { limit_rate 6m; } }"
+                         % (url.split("/")[2], options, root) for url, options in servers)
+        (work / "nginx.pid").unlink(missing_ok=True)
+        (work / "nginx.conf").write_text(f"daemon off; pid {work}/nginx.pid; error_log stderr; "
+                                         f"events {{}} http {{ access_log off;{blocks} }}")
+        process = subprocess.Popen(["/usr/sbin/nginx", "-p", work, "-c", work / "nginx.conf"],
+                                   stderr=subprocess.DEVNULL)
+        for _ in range(200):
+            if process.poll() is not None:
+                break
+            if (work / "nginx.pid").exists() and all(reachable(url) for url in urls.values()):
+                return process, urls
+            time.sleep(0.05)
+        process.kill()
+        process.wait()
     sys.exit("nginx did not start")
 
 

@@ -4,6 +4,7 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -55,9 +56,12 @@ LoopbackServer::nginx(const QString &root, const TestCertificates *tls, const QS
             tls ? QStringLiteral(" ssl http2; ssl_certificate %1; ssl_certificate_key %2")
                             .arg(tls->certFile, tls->keyFile)
                 : QString();
+    // nginx writes its pid once its port is bound; one that finds the port taken retries for
+    // seconds while the other program answers there.
     return start(
             QStringLiteral("/usr/sbin/nginx"), {"-e", "stderr", "-c", "@work@/server.conf"},
-            QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath(), " " + directives));
+            QString::fromLatin1(nginxConfig).arg(ssl, QDir(root).absolutePath(), " " + directives),
+            QStringLiteral("nginx.pid"));
 }
 
 std::unique_ptr<LoopbackServer> LoopbackServer::ftp(const QString &root, const QString &user,
@@ -124,8 +128,10 @@ void LoopbackServer::setFaults(const QString &path, const QStringList &behaviour
         qFatal("the fault server did not take its script");
 }
 
-std::unique_ptr<LoopbackServer>
-LoopbackServer::start(const QString &program, const QStringList &arguments, const QString &config)
+std::unique_ptr<LoopbackServer> LoopbackServer::start(const QString &program,
+                                                      const QStringList &arguments,
+                                                      const QString &config,
+                                                      const QString &readyFile)
 {
     // A port that was free a moment ago may be taken when the program binds it: then another.
     for (int attempt = 0; attempt < 5; ++attempt) {
@@ -163,6 +169,10 @@ LoopbackServer::start(const QString &program, const QStringList &arguments, cons
         }
         while (server->listenPort && !deadline.hasExpired()
                && process.state() != QProcess::NotRunning) {
+            if (!readyFile.isEmpty() && !QFileInfo::exists(work + "/" + readyFile)) {
+                QTest::qWait(20);
+                continue;
+            }
             QTcpSocket probe;
             probe.connectToHost(QHostAddress::LocalHost, server->listenPort);
             if (probe.waitForConnected(500))

@@ -68,9 +68,13 @@ private:
     LoopbackServer() = default;
     // "@work@" stands for the server's directory, "@port@" in config or arguments for its port;
     // the request log is @work@/server.log (a program's standard error when its port is in its
-    // arguments). Without either the program binds port 0 and prints it.
-    static std::unique_ptr<LoopbackServer>
-    start(const QString &program, const QStringList &arguments, const QString &config = {});
+    // arguments). Without either the program binds port 0 and prints it. readyFile, in
+    // @work@, is made by the program once it holds its port: until then an answer on the port
+    // may come from another program that took it first.
+    static std::unique_ptr<LoopbackServer> start(const QString &program,
+                                                 const QStringList &arguments,
+                                                 const QString &config = {},
+                                                 const QString &readyFile = {});
 
     QTemporaryDir dir;
     QProcess process;
