@@ -48,10 +48,10 @@ bool MirrorChecker::check()
     }
     QSettings settings(listPath, QSettings::IniFormat);
     const QStringList topKeys = settings.childKeys();
-    if (settings.status() != QSettings::NoError) {
-        report(QStringLiteral("is not a valid ini file"));
-        return false;
-    }
+    // Updaters read what Qt can of a malformed list and skip the rest without a word. Qt also
+    // calls a list with a byte order mark malformed, and reads it whole.
+    if (settings.status() != QSettings::NoError)
+        reportSkippedLines();
     for (const QString &key : topKeys)
         report(QStringLiteral("%1: outside any section, which the updater never reads").arg(key));
 
@@ -166,6 +166,27 @@ void MirrorChecker::checkPatches(const QList<FileSpecification> &entries)
 }
 
 // The list's parser refuses the whole list; say which names made it, where that is the cause.
+void MirrorChecker::reportSkippedLines()
+{
+    QFile file(listPath);
+    if (!file.open(QIODevice::ReadOnly))
+        return;
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    for (qsizetype i = 0; i < lines.size(); ++i) {
+        QByteArray line = lines.at(i).trimmed();
+        if (i == 0 && line.startsWith("\xef\xbb\xbf"))
+            line = line.mid(3).trimmed();
+        const bool section = line.startsWith('[') && line.endsWith(']');
+        if (!line.isEmpty() && !line.startsWith(';') && !line.startsWith('#') && !section
+            && !line.contains('=')) {
+            report(QStringLiteral("line %1 is neither a [section] nor a key=value, and updaters "
+                                  "skip it: %2")
+                           .arg(i + 1)
+                           .arg(QString::fromUtf8(line)));
+        }
+    }
+}
+
 void MirrorChecker::reportUnreadableList(QSettings &settings)
 {
     const qsizetype before = found.size();

@@ -13,8 +13,8 @@ class QSettings;
 // would find it: every listed file present with its listed length and checksum, every packed
 // file unpacking to its listed length and checksum, every path safe and every install path
 // named once; the release manifest naming the list's type and version, the list's SHA-256 and
-// every file's and every patch's, and, with trusted keys, its signature. Problems are collected one line each,
-// naming the list and the file.
+// every file's and every patch's, and, with trusted keys, its signature. Problems are collected one
+// line each, naming the list and the file.
 class MirrorChecker
 {
 public:
@@ -29,6 +29,7 @@ public:
     int checkedFiles() const { return checked; }
 
 private:
+    void reportSkippedLines();
     void reportUnreadableList(QSettings &settings);
     void checkManifest();
     void checkSignature(const QByteArray &text, const QString &path);

@@ -294,8 +294,17 @@ void tst_UpdatePublish::roundTrip()
     // Where an updater keeps the list it fetched.
     const QString listName = QFileInfo(list).fileName();
     QSettings(list, QSettings::IniFormat).setValue(listName + "/stray", QString(32, '0') + "::1");
-    QCOMPARE(problemsOf(list),
-             QStringList(listName + "/stray is fetched into a file of the updater's own"));
+    const QString stray = listName + "/stray is fetched into a file of the updater's own";
+    QCOMPARE(problemsOf(list), QStringList(stray));
+    // A line that updaters skip is named; an editor's byte order mark they read past.
+    const QByteArray text = readTestFile(list);
+    QVERIFY(writeTestFile(list, "\xef\xbb\xbf" + text + "orlivo 0123\n"));
+    found = problemsOf(list);
+    QCOMPARE(found.filter(QRegularExpression("^line |^" + QRegularExpression::escape(stray))),
+             QStringList({QString("line %1 is neither a [section] nor a key=value, and updaters "
+                                  "skip it: orlivo 0123")
+                                  .arg(text.count('\n') + 1),
+                          stray}));
 }
 
 // Keys and signatures of update-publish and of Debian's minisign work with each other.
