@@ -165,7 +165,6 @@ void MirrorChecker::checkPatches(const QList<FileSpecification> &entries)
     }
 }
 
-// The list's parser refuses the whole list; say which names made it, where that is the cause.
 void MirrorChecker::reportSkippedLines()
 {
     QFile file(listPath);
@@ -187,6 +186,7 @@ void MirrorChecker::reportSkippedLines()
     }
 }
 
+// The list's parser refuses the whole list; say which names made it, where that is the cause.
 void MirrorChecker::reportUnreadableList(QSettings &settings)
 {
     const qsizetype before = found.size();
