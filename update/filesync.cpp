@@ -3,6 +3,7 @@
 #include <QFile>
 
 #include <cerrno>
+#include <cstdio>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,9 +63,8 @@ bool syncDirectory(const QString &path)
 bool writeSyncedFile(const QString &path, const QByteArray &data)
 {
     const bool written =
-            withDescriptor(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, [&](int fd) {
-                return writeAll(fd, data) && ::fsync(fd) == 0;
-            });
+            withDescriptor(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW,
+                           [&](int fd) { return writeAll(fd, data) && ::fsync(fd) == 0; });
     if (!written) {
         const int error = errno;
         ::unlink(name(path).constData());
@@ -149,6 +149,13 @@ bool linkFile(const QString &existing, const QString &link)
 bool renameFile(const QString &from, const QString &to)
 {
     return ::rename(name(from).constData(), name(to).constData()) == 0;
+}
+
+bool renameToNewPath(const QString &from, const QString &to)
+{
+    return ::renameat2(AT_FDCWD, name(from).constData(), AT_FDCWD, name(to).constData(),
+                       RENAME_NOREPLACE)
+           == 0;
 }
 
 bool removeFile(const QString &path)

@@ -45,6 +45,8 @@ bool pathExists(const QString &path);
 bool isSameFile(const QString &a, const QString &b);
 bool linkFile(const QString &existing, const QString &link);
 bool renameFile(const QString &from, const QString &to);
+// Renames only when nothing is at to; fails where the file system cannot promise that.
+bool renameToNewPath(const QString &from, const QString &to);
 bool removeFile(const QString &path);
 
 // The system's text for the last failure (errno).

@@ -7,6 +7,7 @@
 #include "update/terminationhold.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFileInfo>
 
 #include <algorithm>
@@ -106,8 +107,10 @@ void UpdateJournal::planFile(const QString &relative, bool inUse, bool installed
         missing.prepend(dir);
     }
     for (const QString &dir : std::as_const(missing)) {
-        if (!newDirectories.contains(dir))
+        if (!newDirectorySet.contains(dir)) {
             newDirectories << dir;
+            newDirectorySet.insert(dir);
+        }
     }
     Action action = Action::Add;
     if (installed)
@@ -219,9 +222,10 @@ bool UpdateJournal::read(State *state)
             return false;
         const char *letter =
                 std::find(std::begin(actionLetters), std::end(actionLetters), line.at(0));
-        if (line.at(0) == 'd')
+        if (line.at(0) == 'd') {
             newDirectories << path;
-        else if (letter != std::end(actionLetters))
+            newDirectorySet.insert(path);
+        } else if (letter != std::end(actionLetters))
             entries << Entry{Action(letter - std::begin(actionLetters)), path};
         else
             return false;
@@ -232,12 +236,66 @@ bool UpdateJournal::read(State *state)
 bool UpdateJournal::apply(int *failed, QString *error)
 {
     for (int i = qMax(*failed, 0); i < entries.size(); ++i) {
+        if (movedWithDirectory(entries.at(i)))
+            continue;
         if (!applyEntry(entries.at(i), error)) {
             *failed = i;
             return false;
         }
     }
     return true;
+}
+
+// A directory the switch makes goes into place whole, by one rename, when its staged tree holds
+// exactly the files added below it and the directories made for them: a fresh installation's
+// thousands of files then cost a few renames, not one each and a directory made per folder.
+// Applied again after a kill, its staged tree is gone and each file is found switched.
+bool UpdateJournal::movedWithDirectory(const Entry &entry)
+{
+    if (entry.action != Action::Add)
+        return false;
+    QString top;
+    for (QString dir = parentPath(entry.path); newDirectorySet.contains(dir);
+         dir = parentPath(dir)) {
+        top = dir;
+    }
+    if (top.isEmpty())
+        return false;
+    auto known = movedDirectories.constFind(top);
+    if (known == movedDirectories.cend())
+        known = movedDirectories.insert(top, moveDirectory(top));
+    return *known;
+}
+
+bool UpdateJournal::moveDirectory(const QString &top)
+{
+    const QString prefix = top + QLatin1Char('/');
+    QSet<QString> added;
+    for (const Entry &entry : std::as_const(entries)) {
+        if (!entry.path.startsWith(prefix))
+            continue;
+        if (entry.action != Action::Add)
+            return false;
+        added.insert(entry.path);
+    }
+    // The staged directory itself is renamed, never a link standing for it or above it.
+    removeLinksOnTheWay(root, stagedPath(prefix), &checkedDirectories);
+    const QString staged = stagedPath(top);
+    qsizetype found = 0;
+    QDirIterator it(staged, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QFileInfo info = it.nextFileInfo();
+        const QString relative = top + info.filePath().mid(staged.size());
+        if (info.isSymLink())
+            return false;
+        if (info.isDir() ? !newDirectorySet.contains(relative)
+                         : !info.isFile() || !added.contains(relative)) {
+            return false;
+        }
+        found += info.isDir() ? 0 : 1;
+    }
+    return found == added.size() && renameToNewPath(staged, installedPath(top));
 }
 
 // Each step looks at what is there before acting, so that it can be applied again after a kill

@@ -73,6 +73,8 @@ private:
 
     bool write(State state, QString *error);
     bool read(State *state);
+    bool movedWithDirectory(const Entry &entry);
+    bool moveDirectory(const QString &top);
     bool applyEntry(const Entry &entry, QString *error);
     bool undoEntry(const Entry &entry, QString *error);
     QString backupPath(const QString &relative) const;
@@ -84,6 +86,9 @@ private:
     mutable QString canonicalRoot;
     QList<Entry> entries;
     QStringList newDirectories;
+    QSet<QString> newDirectorySet;
+    // New directories of the installation tried whole, and whether that worked.
+    QHash<QString, bool> movedDirectories;
     mutable QHash<QString, Place> places;
     // Directories of staging and backups known not to be links.
     QSet<QString> checkedDirectories;

@@ -11,6 +11,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/stat.h>
+
 // Installing downloaded files into a real directory tree, with the user's answers given
 // through the question handler.
 class tst_DirectoryUpdate : public QObject
@@ -275,21 +277,29 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation_data()
     // 1: killed once the switch was applied; 0: before; -1: after applying it without a staged file
     QTest::addColumn<int>("killedAfter");
     QTest::addColumn<bool>("completes");
+    // Staged where no file is planned: a new directory holding it cannot go into place whole.
+    QTest::addColumn<QString>("junk");
     const QByteArray stale = "older a"; // a backup left from an earlier switch
-    QTest::newRow("killed before the clean-up: completed") << "" << QByteArray() << 1 << true;
+    QTest::newRow("killed before the clean-up: completed")
+            << "" << QByteArray() << 1 << true << "junk";
+    QTest::newRow("stray link in a new directory, killed before the clean-up")
+            << "" << QByteArray() << 1 << true << "sub/junk";
     QTest::newRow("journal path with ..")
-            << "" << QByteArray("d ../victim/sub\nx ../victim/a.txt\n") << 0 << false;
-    QTest::newRow("absolute journal path") << "" << QByteArray("x @VICTIM@/a.txt\n") << 0 << false;
+            << "" << QByteArray("d ../victim/sub\nx ../victim/a.txt\n") << 0 << false << "junk";
+    QTest::newRow("absolute journal path")
+            << "" << QByteArray("x @VICTIM@/a.txt\n") << 0 << false << "junk";
     QTest::newRow("journal path through a directory linking out")
-            << "out" << QByteArray("x out/gone.txt\n") << 0 << false;
+            << "out" << QByteArray("x out/gone.txt\n") << 0 << false << "junk";
     QTest::newRow("staging directory is a link, no journal")
-            << ".update-staging" << QByteArray() << 0 << false;
+            << ".update-staging" << QByteArray() << 0 << false << "junk";
     QTest::newRow("staged files below a link")
-            << ".update-staging/new" << QByteArray() << 0 << false;
-    QTest::newRow("backups below a link") << ".update-staging/backup" << QByteArray() << 0 << true;
+            << ".update-staging/new" << QByteArray() << 0 << false << "junk";
+    QTest::newRow("backups below a link")
+            << ".update-staging/backup" << QByteArray() << 0 << true << "junk";
     QTest::newRow("backup left from an earlier switch, staged file missing")
-            << "" << stale << -1 << false;
-    QTest::newRow("staged file missing at the switch") << "" << QByteArray() << -1 << false;
+            << "" << stale << -1 << false << "junk";
+    QTest::newRow("staged file missing at the switch")
+            << "" << QByteArray() << -1 << false << "junk";
 }
 
 // A switch a killed run left open, whatever lies in the updater's own places: the next start
@@ -301,6 +311,7 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation()
     QFETCH(QByteArray, appended);
     QFETCH(int, killedAfter);
     QFETCH(bool, completes);
+    QFETCH(QString, junk);
     const QString install = work->filePath("install");
     const QString victim = work->filePath("victim");
     QVERIFY(writeTree(victim,
@@ -334,7 +345,10 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation()
     }
     QVERIFY(killedAfter >= 0 || QFile::remove(journal.stagedPath("sub/c.txt")));
     // A link the clean-up must remove, not follow.
-    QVERIFY(QFile::link(victim, journal.stagedPath("junk")));
+    QVERIFY(QFile::link(victim, journal.stagedPath(junk)));
+    const QString stagedSub = journal.stagedPath("sub");
+    struct stat subBefore = {};
+    QVERIFY(killedAfter < 0 || ::stat(QFile::encodeName(stagedSub).constData(), &subBefore) == 0);
     if (!linked.isEmpty()) {
         QVERIFY(linked != ".update-staging" || journalFile.remove());
         removeTree(target(linked));
@@ -351,6 +365,11 @@ void tst_DirectoryUpdate::recoversSwitchInsideTheInstallation()
         after.insert(name, "new " + name.toUtf8());
     QCOMPARE(state(install), completes ? after : before);
     QCOMPARE(QFileInfo(target("link.so")).isSymLink(), !completes);
+    // A new directory holding exactly its planned files went into place whole, by one rename.
+    struct stat subAfter = {};
+    const bool whole = ::stat(QFile::encodeName(target("sub")).constData(), &subAfter) == 0
+                       && subAfter.st_ino == subBefore.st_ino;
+    QCOMPARE(whole, completes && !junk.startsWith("sub/"));
     QCOMPARE(QFileInfo::exists(target(".update-staging")),
              !completes && !appended.isEmpty() && !stale);
 }
