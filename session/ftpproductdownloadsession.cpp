@@ -718,6 +718,7 @@ void FTPProductDownloadSession::listedFileFinished(int s)
         return;
     }
     task.markReady(record->fileIndex);
+    emit fileReady(task.files.at(record->fileIndex));
     // Downloaded, not ready: files an earlier run left complete are never fetched again.
     if (task.downloadedCount < task.getSize()) {
         QString name;

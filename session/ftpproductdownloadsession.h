@@ -53,6 +53,8 @@ signals:
     void progressCount(quint64 done, quint64 total);
     void message(const QString &text);
     void downloadFinished();
+    // A listed file has arrived and is verified (unpacked or patched, where it was either).
+    void fileReady(const FileSpecification &file);
     void streamStarted(int stream);
     void streamSwitchMirror(int stream);
     void streamError(int stream, const QString &text);

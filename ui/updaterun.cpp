@@ -49,10 +49,17 @@ UpdateRun::UpdateRun(const QString &clientType, int clientVersion, bool announce
     , clientVersion(clientVersion)
     , announced(announced)
     , unattended(unattended)
-{}
+    , installation(new DirectoryUpdate(this))
+{
+    connect(installation, &DirectoryUpdate::message, this, &UpdateRun::message);
+    connect(installation, &DirectoryUpdate::progress, this, &UpdateRun::installProgress);
+}
 
 UpdateRun::~UpdateRun()
 {
+    // Ended before its download did: what was staged would only wait for the next start.
+    if (session)
+        installation->abandonStaging();
     delete session;
 }
 
@@ -214,12 +221,17 @@ void UpdateRun::createSession()
     connect(session, &Session::processCancelled, this, &UpdateRun::onProcessCancelled);
     connect(session, &Session::downloadFinished, this, &UpdateRun::onDownloadFinished);
     connect(session, &Session::message, this, &UpdateRun::message);
+    // The link keeps the run waiting: staging meanwhile leaves less to do after the last file.
+    installation->beginStaging(getAppRootPath());
+    connect(session, &Session::fileReady, this,
+            [this](const FileSpecification &file) { installation->prestage(file, tempDir); });
 }
 
 void UpdateRun::onProcessCancelled()
 {
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
+    installation->abandonStaging();
     dropUnrecordedWorkingDir();
     emit processCancelled();
 }
@@ -253,12 +265,9 @@ void UpdateRun::onDownloadFinished()
 bool UpdateRun::copyTemporaryOnly()
 {
     emit message(QStringLiteral("Copy updated files..."));
-    DirectoryUpdate update;
-    connect(&update, &DirectoryUpdate::message, this, &UpdateRun::message);
-    connect(&update, &DirectoryUpdate::progress, this, &UpdateRun::installProgress);
-    update.setQuestion(question);
+    installation->setQuestion(question);
     emit installProgress(0, 1);
-    const bool installed = update.updateContent(
+    const bool installed = installation->updateContent(
             unattended, tempDir, tempDir + QLatin1Char('/') + ProductList::fileName(clientType),
             getAppRootPath());
     // What failed has been logged by the update itself.

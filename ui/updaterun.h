@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QString>
 
+class DirectoryUpdate;
 class FTPProductDownloadSession;
 
 // One update run without a window: the start sequence (an earlier run taken up again or cleaned
@@ -75,6 +76,8 @@ private:
     bool unattended = false;
     UpdateDataFile dataFile;
     FTPProductDownloadSession *session = nullptr;
+    // Stages each file as it arrives, and installs the version once all are there.
+    DirectoryUpdate *installation = nullptr;
     QString tempDir;
     // False when update.ini could not record tempDir for a later run.
     bool workingDirRecorded = true;

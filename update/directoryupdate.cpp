@@ -14,12 +14,106 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QSet>
+#include <QSignalBlocker>
 
 #include <cerrno>
+
+namespace {
+
+// Where a listed file's content is: its download, or the file as it is installed when the
+// download made it from a patch or unpacked it on arrival.
+struct Source
+{
+    QString path;
+    PathStatus status;
+    // The entry as that file is: neither packed nor downloaded for a file kept as installed.
+    FileSpecification form;
+};
+
+Source sourceOf(const FileSpecification &entry, const QString &sourceDir)
+{
+    Source source{QDir(sourceDir).absoluteFilePath(entry.directory + QLatin1Char('/') + entry.name),
+                  {},
+                  entry};
+    source.status = pathStatus(source.path);
+    if (source.status.size >= 0)
+        return source;
+    const QString patched = entry.patchedPath(sourceDir);
+    if (const PathStatus patchedStatus = pathStatus(patched); patchedStatus.size >= 0) {
+        source.path = patched;
+        source.status = patchedStatus;
+        source.form.md5 = entry.installedMd5();
+        source.form.size = entry.installedSize();
+        source.form.unpackedName.clear();
+        source.form.name = entry.installPath();
+    }
+    return source;
+}
+
+// Larger files are copied into a staging on another file system only at the installation: a
+// copy while the download runs would hold up every transfer meanwhile.
+constexpr qint64 prestageCopyLimit = 1 << 20;
+
+} // namespace
 
 DirectoryUpdate::DirectoryUpdate(QObject *parent)
     : QObject(parent)
 {}
+
+DirectoryUpdate::~DirectoryUpdate() = default;
+
+void DirectoryUpdate::beginStaging(const QString &targetDir)
+{
+    for (const QString &line : UpdateJournal::recover(targetDir))
+        emit message(line);
+    prestaged.clear();
+    linksToStaging.reset();
+    staging = std::make_unique<UpdateJournal>(targetDir);
+    // A journal that could not be finished keeps the only copies of some files.
+    if (staging->isOpen())
+        staging.reset();
+}
+
+void DirectoryUpdate::prestage(const FileSpecification &entry, const QString &sourceDir)
+{
+    if (!staging)
+        return;
+    const QString relative = entry.installPath();
+    const QString staged = staging->stagedPath(relative);
+    staging->clearWayToStaged(relative);
+    const Source source = sourceOf(entry, sourceDir);
+    // A packed download is unpacked at the installation, which keeps what it unpacked.
+    if (source.status.size < 0 || source.form.isPacked())
+        return;
+    if (!linksToStaging)
+        linksToStaging = onSameFileSystem(sourceDir, staging->installDir());
+    if (!*linksToStaging && source.status.size > prestageCopyLimit)
+        return;
+    // Whatever fails here is done again, and told, at the installation.
+    const QSignalBlocker quiet(this);
+    const QString target = staging->installedPath(relative);
+    if (stageFile(source.form, source.path, source.status, staged, target, pathStatus(target))
+                .isEmpty()) {
+        prestaged.insert(staged);
+    }
+}
+
+void DirectoryUpdate::abandonStaging()
+{
+    if (staging)
+        staging->discardStaging();
+    staging.reset();
+    prestaged.clear();
+}
+
+// Still what was staged: nothing installs between the download and the switch but this run.
+bool DirectoryUpdate::isPrestaged(const QString &staged, const FileSpecification &form) const
+{
+    if (!prestaged.contains(staged))
+        return false;
+    const PathStatus status = pathStatus(staged);
+    return status.regular && quint64(status.size) == form.installedSize();
+}
 
 bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
                                     const QString &productIni, const QString &targetDir)
@@ -30,9 +124,12 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
         emit message(QStringLiteral("Unable to read %1.").arg(productIni));
         return false;
     }
-    // A switch a killed run left is finished first: staging starts from one whole version.
-    for (const QString &line : UpdateJournal::recover(targetDir))
-        emit message(line);
+    // A switch a killed run left is finished first: staging starts from one whole version. So
+    // did staging while the download ran.
+    if (!staging || staging->installDir() != targetDir) {
+        for (const QString &line : UpdateJournal::recover(targetDir))
+            emit message(line);
+    }
     UpdateJournal journal(targetDir);
     // A journal that could not be finished keeps the only copies of some files; it is left for
     // whoever looks into it.
@@ -56,6 +153,8 @@ bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
         journal.discardStaging();
         emit message(QStringLiteral("Update stopped; the previous version was not changed"));
     }
+    staging.reset();
+    prestaged.clear();
     emit updateFinished();
     return outcome == Outcome::Whole;
 }
@@ -72,27 +171,12 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     madeDirectories.clear();
     stagedFiles.clear();
     bool partial = false;
-    const QDir source(sourceDir);
     for (int i = 0; i < task.getSize();) {
         FileSpecification entry;
         task.get(i, &entry);
-        QString sourcePath =
-                source.absoluteFilePath(entry.directory + QLatin1Char('/') + entry.name);
-        PathStatus sourceStatus = pathStatus(sourcePath);
+        const Source source = sourceOf(entry, sourceDir);
+        const FileSpecification &form = source.form;
         const QString relative = entry.installPath();
-        // A file made from a patch is there as it is installed, neither packed nor downloaded.
-        FileSpecification form = entry;
-        if (sourceStatus.size < 0) {
-            const QString patched = entry.patchedPath(sourceDir);
-            if (const PathStatus patchedStatus = pathStatus(patched); patchedStatus.size >= 0) {
-                sourcePath = patched;
-                sourceStatus = patchedStatus;
-                form.md5 = entry.installedMd5();
-                form.size = entry.installedSize();
-                form.unpackedName.clear();
-                form.name = relative;
-            }
-        }
         const QString staged = journal->stagedPath(relative);
         const QString target = journal->installedPath(relative);
         const PathStatus targetStatus = pathStatus(target);
@@ -100,11 +184,22 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         // A file that was not downloaded is installed already.
         bool stagedWell = false;
         InstallAnswer answer = InstallAnswer::Ignore;
-        const bool downloaded = sourceStatus.size >= 0;
+        const bool downloaded = source.status.size >= 0;
         if (downloaded) {
             QString problem;
-            if (replaceProblem(relative, targetStatus, *journal, &problem).isEmpty())
-                problem = stageFile(form, sourcePath, sourceStatus, staged, target, targetStatus);
+            const bool replaceable =
+                    replaceProblem(relative, targetStatus, *journal, &problem).isEmpty();
+            if (replaceable && isPrestaged(staged, form)) {
+                stagedFiles.insert(staged);
+            } else {
+                // Not switched, or no longer what was staged: never written through.
+                journal->clearWayToStaged(relative);
+                if (prestaged.contains(staged))
+                    removeFile(staged);
+                if (replaceable)
+                    problem = stageFile(form, source.path, source.status, staged, target,
+                                        targetStatus);
+            }
             stagedWell = problem.isEmpty();
             if (!stagedWell)
                 answer = ask(silent, problem);
@@ -115,7 +210,7 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
             continue;
         if (stagedWell) {
             if (form.isPacked())
-                keepUnpacked(entry, sourceDir, sourcePath, staged);
+                keepUnpacked(entry, sourceDir, source.path, staged);
             journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()),
                               targetStatus.exists);
         } else if (downloaded) {

@@ -6,6 +6,9 @@
 #include <QSet>
 #include <QString>
 
+#include <memory>
+#include <optional>
+
 struct FileSpecification;
 struct PathStatus;
 class TaskSpecification;
@@ -15,17 +18,26 @@ class UpdateJournal;
 // into a directory inside the installation and verifies it there, changing nothing installed.
 // Switching then records a journal and moves the files into place with renames only, removing
 // what the product list's "delete" group names; a failure rolls the installation back to the
-// previous version. Lives for one call of updateContent(); asks the user through the question
-// handler unless silent.
+// previous version. Staging may begin while the download runs, each file as it arrives. Lives
+// for one run; asks the user through the question handler unless silent.
 class DirectoryUpdate : public QObject
 {
     Q_OBJECT
 
 public:
     explicit DirectoryUpdate(QObject *parent = nullptr);
+    ~DirectoryUpdate() override;
 
     // Who answers when a file cannot be installed; none means Abort.
     void setQuestion(InstallQuestion handler) { question = std::move(handler); }
+
+    // Staging begins while the download runs: a switch a killed run left is finished first.
+    void beginStaging(const QString &targetDir);
+    // Stages a downloaded and verified file at once, so that the installation finds it staged.
+    // Says nothing and leaves nothing when that fails: the installation stages it then.
+    void prestage(const FileSpecification &entry, const QString &sourceDir);
+    // Removes what was staged for a download that will not be installed.
+    void abandonStaging();
 
     // True when the new version stands whole in targetDir. False when the product list cannot
     // be read, a file could not be staged or switched (the previous version then stands), or
@@ -66,7 +78,15 @@ private:
     // Abort when silent: an unattended run never installs a version with holes.
     InstallAnswer ask(bool silent, const QString &text) const;
 
+    bool isPrestaged(const QString &staged, const FileSpecification &form) const;
+
     InstallQuestion question;
     QSet<QString> madeDirectories;
     QSet<QString> stagedFiles;
+    // Staging begun while the download ran, in its installation; null before.
+    std::unique_ptr<UpdateJournal> staging;
+    // Staged while the download ran.
+    QSet<QString> prestaged;
+    // Links reach the staging from the working directory; unknown before the first file.
+    std::optional<bool> linksToStaging;
 };

@@ -133,6 +133,14 @@ bool pathExists(const QString &path)
     return ::lstat(name(path).constData(), &status) == 0;
 }
 
+bool onSameFileSystem(const QString &a, const QString &b)
+{
+    struct stat first = {};
+    struct stat second = {};
+    return ::stat(name(a).constData(), &first) == 0 && ::stat(name(b).constData(), &second) == 0
+           && first.st_dev == second.st_dev;
+}
+
 bool isSameFile(const QString &a, const QString &b)
 {
     struct stat first = {};

@@ -80,6 +80,11 @@ QString UpdateJournal::stagedPath(const QString &relative) const
     return stagingDir() + QStringLiteral("/new/") + relative;
 }
 
+void UpdateJournal::clearWayToStaged(const QString &relative)
+{
+    removeLinksOnTheWay(root, stagedPath(relative), &checkedDirectories);
+}
+
 QString UpdateJournal::backupPath(const QString &relative) const
 {
     return stagingDir() + QStringLiteral("/backup/") + relative;

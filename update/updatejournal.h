@@ -37,10 +37,14 @@ public:
     enum class Place { Directory, Missing, Other, Outside };
     Place place(const QString &relative) const;
 
+    const QString &installDir() const { return root; }
     QString installedPath(const QString &relative) const;
     QString stagedPath(const QString &relative) const;
     QString asidePath(const QString &relative) const;
     QString stagingDir() const;
+    // Removes every link that stands as a directory on the way to the staged file's place, so
+    // that staging it never writes through one.
+    void clearWayToStaged(const QString &relative);
 
     // Flushes the staged files and then records the switch; false with error set.
     bool begin(QString *error);

@@ -1,6 +1,7 @@
 #include "update/directoryupdate.h"
 
 #include "app/apppaths.h"
+#include "tasks/taskspecification.h"
 #include "tests/support/testfiles.h"
 #include "update/cleanup.h"
 #include "update/packing.h"
@@ -10,6 +11,8 @@
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <functional>
 
 #include <sys/stat.h>
 
@@ -21,7 +24,10 @@ class tst_DirectoryUpdate : public QObject
 
 private slots:
     void init();
+    void installsPackedPlainAndNestedFiles_data();
     void installsPackedPlainAndNestedFiles();
+    void stagingWhileDownloadingTrustsNothingChanged_data();
+    void stagingWhileDownloadingTrustsNothingChanged();
     void staleCopyAsksAndFollowsTheAnswer_data();
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
@@ -40,6 +46,9 @@ private:
     void addPacked(const QString &key, const QString &unpackedName, const QByteArray &content,
                    PackFormat format = PackFormat::Gzip);
     bool run(bool silent);
+    // When set, staging begins before the installation and this is what the download does
+    // meanwhile with the listed files.
+    std::function<void(DirectoryUpdate &update, const QList<FileSpecification> &files)> downloading;
 
     std::unique_ptr<QTemporaryDir> work;
     quint64 listedTotal = 0;
@@ -57,6 +66,7 @@ void tst_DirectoryUpdate::init()
     work = std::make_unique<QTemporaryDir>();
     QVERIFY(QDir(work->path()).mkpath("install"));
     listedTotal = 0;
+    downloading = {};
     answer = [this](const QString &text) {
         questions << text;
         return InstallAnswer::Ignore;
@@ -98,6 +108,12 @@ bool tst_DirectoryUpdate::run(bool silent)
         progress << done;
         reportedTotal = total;
     });
+    if (downloading) {
+        TaskSpecification task;
+        update.beginStaging(work->filePath("install"));
+        downloading(update, task.initializeByProductIni(listPath()) ? task.files
+                                                                    : QList<FileSpecification>());
+    }
     QSignalSpy finishedSpy(&update, &DirectoryUpdate::updateFinished);
     const bool result = update.updateContent(silent, work->filePath("src"), listPath(),
                                              work->filePath("install"));
@@ -105,8 +121,23 @@ bool tst_DirectoryUpdate::run(bool silent)
     return result;
 }
 
+void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles_data()
+{
+    QTest::addColumn<bool>("prestaging");
+    QTest::newRow("staged at the installation") << false;
+    QTest::newRow("staged as each file arrived") << true;
+}
+
 void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
 {
+    QFETCH(bool, prestaging);
+    if (prestaging) {
+        downloading = [this](DirectoryUpdate &update, const QList<FileSpecification> &files) {
+            for (const FileSpecification &file : files)
+                update.prestage(file, work->filePath("src"));
+            QVERIFY(QFileInfo(target(".update-staging/new/readme.txt")).isFile());
+        };
+    }
     addPlain("bin/readme.txt", "plain text");
     addPacked("data/sound.wav.gz", "sounds/ring tone.wav", patternBytes(100000, 1));
     addPacked("data/voice.bin.zst", "voice.bin", patternBytes(300000, 2), PackFormat::Zstd);
@@ -157,6 +188,55 @@ void tst_DirectoryUpdate::installsPackedPlainAndNestedFiles()
     QCOMPARE(finished, 1);
     QCOMPARE(progress.last(), listedTotal);
     QCOMPARE(reportedTotal, listedTotal);
+}
+
+void tst_DirectoryUpdate::stagingWhileDownloadingTrustsNothingChanged_data()
+{
+    QTest::addColumn<bool>("beforeFiles"); // meddled with before any file arrives
+    QTest::addColumn<QString>("linked");   // below the staging, made a link into the victim
+    QTest::addColumn<bool>("removed");     // the staged readme.txt removed
+    QTest::newRow("staged file removed") << false << "" << true;
+    QTest::newRow("staged file replaced by a link") << false << "readme.txt" << true;
+    QTest::newRow("staged directory replaced by a link") << false << "sub" << false;
+    QTest::newRow("link in the staging before the files arrive") << true << "sub" << false;
+}
+
+// Whatever stands in the staging when the installation comes was staged by this run and is
+// still what it staged, or it is staged again; nothing goes through a link.
+void tst_DirectoryUpdate::stagingWhileDownloadingTrustsNothingChanged()
+{
+    QFETCH(bool, beforeFiles);
+    QFETCH(QString, linked);
+    QFETCH(bool, removed);
+    const QString victim = work->filePath("victim");
+    QVERIFY(writeTree(victim, {{"readme.txt", "victim"}, {"sub/y", "victim y"}}));
+    const TestTree victimBefore = treeBelow(victim);
+    addPlain("bin/readme.txt", "plain text");
+    addPlain("bin/sub/x.so", "x");
+    const QString staging = target(".update-staging/new/");
+    const auto meddle = [&] {
+        if (removed)
+            QVERIFY(QFile::remove(staging + "readme.txt"));
+        if (linked.isEmpty())
+            return;
+        removeTree(staging + linked);
+        QVERIFY(QDir().mkpath(staging) && QFile::link(victim + "/" + linked, staging + linked));
+    };
+    downloading = [&](DirectoryUpdate &update, const QList<FileSpecification> &files) {
+        if (beforeFiles)
+            meddle();
+        for (const FileSpecification &file : files)
+            update.prestage(file, work->filePath("src"));
+        if (!beforeFiles)
+            meddle();
+    };
+
+    QVERIFY(run(true));
+    QCOMPARE(readTestFile(target("readme.txt")), "plain text");
+    QCOMPARE(readTestFile(target("sub/x.so")), "x");
+    QVERIFY(!QFileInfo(target("sub")).isSymLink());
+    QCOMPARE(treeBelow(victim), victimBefore);
+    QVERIFY(!QFileInfo::exists(target(".update-staging")));
 }
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
