@@ -20,9 +20,21 @@
 
 namespace {
 
+// Larger files are copied into a staging on another file system only at the installation: a
+// copy while the download runs would hold up every transfer meanwhile.
+constexpr qint64 prestageCopyLimit = 1 << 20;
+
+} // namespace
+
+DirectoryUpdate::DirectoryUpdate(QObject *parent)
+    : QObject(parent)
+{}
+
+DirectoryUpdate::~DirectoryUpdate() = default;
+
 // Where a listed file's content is: its download, or the file as it is installed when the
 // download made it from a patch or unpacked it on arrival.
-struct Source
+struct DirectoryUpdate::Source
 {
     QString path;
     PathStatus status;
@@ -30,7 +42,8 @@ struct Source
     FileSpecification form;
 };
 
-Source sourceOf(const FileSpecification &entry, const QString &sourceDir)
+DirectoryUpdate::Source DirectoryUpdate::sourceOf(const FileSpecification &entry,
+                                                  const QString &sourceDir)
 {
     Source source{QDir(sourceDir).absoluteFilePath(entry.directory + QLatin1Char('/') + entry.name),
                   {},
@@ -49,18 +62,6 @@ Source sourceOf(const FileSpecification &entry, const QString &sourceDir)
     }
     return source;
 }
-
-// Larger files are copied into a staging on another file system only at the installation: a
-// copy while the download runs would hold up every transfer meanwhile.
-constexpr qint64 prestageCopyLimit = 1 << 20;
-
-} // namespace
-
-DirectoryUpdate::DirectoryUpdate(QObject *parent)
-    : QObject(parent)
-{}
-
-DirectoryUpdate::~DirectoryUpdate() = default;
 
 void DirectoryUpdate::beginStaging(const QString &targetDir)
 {
@@ -107,12 +108,10 @@ void DirectoryUpdate::abandonStaging()
 }
 
 // Still what was staged: nothing installs between the download and the switch but this run.
-bool DirectoryUpdate::isPrestaged(const QString &staged, const FileSpecification &form) const
+bool DirectoryUpdate::isPrestaged(const QString &staged, const FileSpecification &entry) const
 {
-    if (!prestaged.contains(staged))
-        return false;
     const PathStatus status = pathStatus(staged);
-    return status.regular && quint64(status.size) == form.installedSize();
+    return status.regular && quint64(status.size) == entry.installedSize();
 }
 
 bool DirectoryUpdate::updateContent(bool silent, const QString &sourceDir,
@@ -174,43 +173,23 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
     for (int i = 0; i < task.getSize();) {
         FileSpecification entry;
         task.get(i, &entry);
-        const Source source = sourceOf(entry, sourceDir);
-        const FileSpecification &form = source.form;
         const QString relative = entry.installPath();
-        const QString staged = journal->stagedPath(relative);
-        const QString target = journal->installedPath(relative);
-        const PathStatus targetStatus = pathStatus(target);
-
+        const PathStatus targetStatus = pathStatus(journal->installedPath(relative));
+        Source source;
+        bool downloaded = false;
+        const QString problem =
+                stageListed(entry, sourceDir, targetStatus, journal, &source, &downloaded);
+        const bool stagedWell = downloaded && problem.isEmpty();
         // A file that was not downloaded is installed already.
-        bool stagedWell = false;
-        InstallAnswer answer = InstallAnswer::Ignore;
-        const bool downloaded = source.status.size >= 0;
-        if (downloaded) {
-            QString problem;
-            const bool replaceable =
-                    replaceProblem(relative, targetStatus, *journal, &problem).isEmpty();
-            if (replaceable && isPrestaged(staged, form)) {
-                stagedFiles.insert(staged);
-            } else {
-                // Not switched, or no longer what was staged: never written through.
-                journal->clearWayToStaged(relative);
-                if (prestaged.contains(staged))
-                    removeFile(staged);
-                if (replaceable)
-                    problem = stageFile(form, source.path, source.status, staged, target,
-                                        targetStatus);
-            }
-            stagedWell = problem.isEmpty();
-            if (!stagedWell)
-                answer = ask(silent, problem);
-        }
+        const InstallAnswer answer =
+                stagedWell || !downloaded ? InstallAnswer::Ignore : ask(silent, problem);
         if (answer == InstallAnswer::Abort)
             return Outcome::Failed;
         if (answer == InstallAnswer::Retry)
             continue;
         if (stagedWell) {
-            if (form.isPacked())
-                keepUnpacked(entry, sourceDir, source.path, staged);
+            if (source.form.isPacked())
+                keepUnpacked(entry, sourceDir, source.path, journal->stagedPath(relative));
             journal->planFile(relative, isSpecialFileName(QFileInfo(relative).fileName()),
                               targetStatus.exists);
         } else if (downloaded) {
@@ -222,6 +201,37 @@ DirectoryUpdate::Outcome DirectoryUpdate::stageFiles(bool silent, const QString 
         ++i;
     }
     return partial ? Outcome::Partial : Outcome::Whole;
+}
+
+QString DirectoryUpdate::stageListed(const FileSpecification &entry, const QString &sourceDir,
+                                     const PathStatus &targetStatus, UpdateJournal *journal,
+                                     Source *source, bool *downloaded)
+{
+    const QString relative = entry.installPath();
+    const QString staged = journal->stagedPath(relative);
+    // Staged while the download ran, from a source looked at then.
+    const bool early = prestaged.contains(staged);
+    *source = early ? Source() : sourceOf(entry, sourceDir);
+    *downloaded = early || source->status.size >= 0;
+    if (!*downloaded)
+        return {};
+    QString problem;
+    const bool replaceable = replaceProblem(relative, targetStatus, *journal, &problem).isEmpty();
+    if (replaceable && early && isPrestaged(staged, entry)) {
+        stagedFiles.insert(staged);
+        return {};
+    }
+    // Not switched, or no longer what was staged: never written through.
+    journal->clearWayToStaged(relative);
+    if (early) {
+        removeFile(staged);
+        prestaged.remove(staged);
+        *source = sourceOf(entry, sourceDir);
+    }
+    if (!replaceable)
+        return problem;
+    return stageFile(source->form, source->path, source->status, staged,
+                     journal->installedPath(relative), targetStatus);
 }
 
 QString DirectoryUpdate::replaceProblem(const QString &relative, const PathStatus &installed,

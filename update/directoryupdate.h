@@ -57,8 +57,18 @@ public slots:
 private:
     enum class Outcome { Whole, Partial, Failed };
 
+    // Where a listed file's content is.
+    struct Source;
+    static Source sourceOf(const FileSpecification &entry, const QString &sourceDir);
+
     Outcome stageFiles(bool silent, const QString &sourceDir, const TaskSpecification &task,
                        UpdateJournal *journal);
+    // Stages one listed file, or takes what was staged while the download ran, and returns the
+    // problem to ask about, empty when it is staged. A file not downloaded (downloaded false)
+    // is installed already.
+    QString stageListed(const FileSpecification &entry, const QString &sourceDir,
+                        const PathStatus &targetStatus, UpdateJournal *journal, Source *source,
+                        bool *downloaded);
     Outcome switchFiles(bool silent, bool removesFiles, UpdateJournal *journal);
     // Why the installed file at relative could not be replaced, logged; empty when it can be.
     // The box text of the question goes to question.
@@ -78,7 +88,7 @@ private:
     // Abort when silent: an unattended run never installs a version with holes.
     InstallAnswer ask(bool silent, const QString &text) const;
 
-    bool isPrestaged(const QString &staged, const FileSpecification &form) const;
+    bool isPrestaged(const QString &staged, const FileSpecification &entry) const;
 
     InstallQuestion question;
     QSet<QString> madeDirectories;
