@@ -63,6 +63,17 @@ class Namespace:
             self.remove()
             raise
 
+    def shaped_bytes(self):
+        """Bytes the throttled loopback has carried so far, in either direction: the data with
+        its TLS, HTTP and TCP/IP framing, the acknowledgements and the requests. 0 without a
+        namespace."""
+        if not self.name:
+            return 0
+        text = subprocess.run(list(self.launcher) + ["tc", "-s", "qdisc", "show", "dev", "lo"],
+                              stdout=subprocess.PIPE, text=True).stdout
+        found = re.search(r"Sent (\d+) bytes", text)
+        return int(found.group(1)) if found else 0
+
     def remove(self):
         if self.name:
             # Whatever an interrupted run left inside was started by this benchmark.
@@ -368,6 +379,8 @@ CONTENDERS = [("updater", None, updater("patched")),
 @dataclasses.dataclass
 class LinkContext(bench.Context):
     link: Link = None
+    namespace: Namespace = None
+    rate: str = None
     publisher: str = None
     baseline: str = None
     contenders: str = None
@@ -582,12 +595,17 @@ def time_contenders(ctx, label, contenders, rounds, release_files, links):
             rnd = bench.Round(ctx.work, "%s-%d-%d" % (label.replace(" ", "-"),
                                                       list(results).index(name), r), r == 0)
             before = sum(link.delivered() for link in links)
+            shaped = ctx.namespace.shaped_bytes()
             result = runner(rnd)
             result.received = sum(link.delivered() for link in links) - before
+            shaped = ctx.namespace.shaped_bytes() - shaped
             bench.verify_installation(rnd.install, release_files)
             results[name].append(result)
-            log("%-28s %-32s round %d: %6.2f s, %6.2f MB" % (label, name, r + 1, result.seconds,
-                                                            result.received / 1e6))
+            # What the link could not have carried faster, whoever had used it.
+            wire = " (%.2f s on the wire)" % (shaped / rate_bytes(ctx.rate)) if shaped else ""
+            log("%-28s %-32s round %d: %6.2f s, %6.2f MB%s" % (label, name, r + 1,
+                                                              result.seconds,
+                                                              result.received / 1e6, wire))
             logs = ctx.work / "logs"
             logs.mkdir(exist_ok=True)
             shutil.copy2(rnd.dir / "stderr.log", logs / (rnd.dir.name + ".log"))
@@ -830,7 +848,7 @@ def main():
         use_namespace = namespace.name is not None
         link = Link(work / "releases" / "mirrors", work / "nginx", namespace, args.delay_ms)
         ctx = LinkContext(Path(update_bin).resolve(), work, launcher=namespace.launcher,
-                          link=link, publisher=publisher,
+                          link=link, namespace=namespace, rate=args.rate, publisher=publisher,
                           baseline=str(args.baseline_update.resolve()) if args.baseline_update
                           else None, contenders=args.contenders)
         if update:
