@@ -192,16 +192,19 @@ private slots:
         release = work.filePath("release-12");
         const QByteArray updater = readTestFile(UPDATE_BINARY);
         QVERIFY(!updater.isEmpty());
-        QVERIFY(writeTree(work.path(), {{"release-10/update", updater + "\nOrlivo update 10\n"},
-                                        {"release-11/update", updater},
-                                        {"release-11/readme.txt", "Orlivo 11\n"},
-                                        {"release-11/codec-old.dat", patternBytes(3000, 1)},
-                                        {"release-11/lib/libvoice.so", noiseBytes(20000, 2)},
-                                        {"release-12/update", updater + "\nOrlivo update 12\n"},
-                                        {"release-12/readme.txt", patternBytes(20000, 3)},
-                                        {"release-12/lib/libvoice.so", noiseBytes(30000, 3)},
-                                        {"release-12/sounds/ring tone.wav", noiseBytes(9000, 4)},
-                                        {"release-12/sounds/silence.wav", ""}}));
+        QVERIFY(writeTree(work.path(),
+                          {{"release-10/update", updater + "\nOrlivo update 10\n"},
+                           {"release-11/update", updater},
+                           {"release-11/readme.txt", "Orlivo 11\n"},
+                           {"release-11/codec-old.dat", patternBytes(3000, 1)},
+                           {"release-11/lib/libvoice.so", noiseBytes(20000, 2)},
+                           {"release-12/update", updater + "\nOrlivo update 12\n"},
+                           {"release-12/readme.txt", patternBytes(20000, 3)},
+                           {"release-12/lib/libvoice.so", noiseBytes(30000, 3)},
+                           // A name that every URL must escape.
+                           {QString::fromUtf8("release-12/sounds/ring tone #2 +50%;ä.wav"),
+                            noiseBytes(9000, 4)},
+                           {"release-12/sounds/silence.wav", ""}}));
         QVERIFY(QFile::setPermissions(previousRelease + "/update", QFile::Permissions(0x7000)));
 
         // nginx and pyftpdlib report canonical paths.
