@@ -87,7 +87,7 @@ void DirectoryUpdate::prestage(const FileSpecification &entry, const QString &so
     if (source.status.size < 0 || source.form.isPacked())
         return;
     if (!linksToStaging)
-        linksToStaging = onSameFileSystem(sourceDir, staging->installDir());
+        linksToStaging = onSameMount(sourceDir, staging->installDir());
     if (!*linksToStaging && source.status.size > prestageCopyLimit)
         return;
     // Whatever fails here is done again, and told, at the installation.

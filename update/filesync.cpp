@@ -133,12 +133,20 @@ bool pathExists(const QString &path)
     return ::lstat(name(path).constData(), &status) == 0;
 }
 
-bool onSameFileSystem(const QString &a, const QString &b)
+bool onSameMount(const QString &a, const QString &b)
 {
-    struct stat first = {};
-    struct stat second = {};
-    return ::stat(name(a).constData(), &first) == 0 && ::stat(name(b).constData(), &second) == 0
-           && first.st_dev == second.st_dev;
+    struct statx first = {};
+    struct statx second = {};
+    constexpr unsigned int wanted = STATX_INO | STATX_MNT_ID;
+    if (::statx(AT_FDCWD, name(a).constData(), 0, wanted, &first) != 0
+        || ::statx(AT_FDCWD, name(b).constData(), 0, wanted, &second) != 0
+        || first.stx_dev_major != second.stx_dev_major
+        || first.stx_dev_minor != second.stx_dev_minor) {
+        return false;
+    }
+    // A kernel before 5.8 tells no mount; the device is all there is to go by.
+    const bool mountsKnown = (first.stx_mask & second.stx_mask & STATX_MNT_ID) != 0;
+    return !mountsKnown || first.stx_mnt_id == second.stx_mnt_id;
 }
 
 bool isSameFile(const QString &a, const QString &b)

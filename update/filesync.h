@@ -41,8 +41,9 @@ PathStatus pathStatus(const QString &path);
 QString parentPath(const QString &path);
 // True when something, a dangling link included, is at path.
 bool pathExists(const QString &path);
-// True when both paths lie on one file system, where a file can be linked from one to the other.
-bool onSameFileSystem(const QString &a, const QString &b);
+// True when both paths lie on one mount, where a file can be linked from one to the other: two
+// bind mounts of one file system (as a service's sandbox makes them) refuse links between them.
+bool onSameMount(const QString &a, const QString &b);
 // True when both paths name the same file (hard links of one inode).
 bool isSameFile(const QString &a, const QString &b);
 bool linkFile(const QString &existing, const QString &link);

@@ -4,9 +4,12 @@
 #include "tasks/taskspecification.h"
 #include "tests/support/testfiles.h"
 #include "update/cleanup.h"
+#include "update/filesync.h"
 #include "update/packing.h"
 #include "update/updatejournal.h"
 
+#include <QProcess>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -28,6 +31,8 @@ private slots:
     void installsPackedPlainAndNestedFiles();
     void stagingWhileDownloadingTrustsNothingChanged_data();
     void stagingWhileDownloadingTrustsNothingChanged();
+    void largeFilesStagedEarlyOnlyByLink_data();
+    void largeFilesStagedEarlyOnlyByLink();
     void staleCopyAsksAndFollowsTheAnswer_data();
     void staleCopyAsksAndFollowsTheAnswer();
     void failuresAreLoggedAndAsked_data();
@@ -237,6 +242,49 @@ void tst_DirectoryUpdate::stagingWhileDownloadingTrustsNothingChanged()
     QVERIFY(!QFileInfo(target("sub")).isSymLink());
     QCOMPARE(treeBelow(victim), victimBefore);
     QVERIFY(!QFileInfo::exists(target(".update-staging")));
+}
+
+void tst_DirectoryUpdate::largeFilesStagedEarlyOnlyByLink_data()
+{
+    QTest::addColumn<QStringList>("mount"); // what the working directory is made, if anything
+    QTest::addColumn<bool>("linked");
+    QTest::newRow("one mount") << QStringList() << true;
+    QTest::newRow("a bind mount of the same file system") << QStringList{"--bind", "@"} << false;
+    QTest::newRow("another file system") << QStringList{"-t", "tmpfs", "tmpfs"} << false;
+}
+
+// A copy of a large file would hold up every transfer; where no link can be made it waits for
+// the installation.
+void tst_DirectoryUpdate::largeFilesStagedEarlyOnlyByLink()
+{
+    QFETCH(QStringList, mount);
+    QFETCH(bool, linked);
+    const QString src = work->filePath("src");
+    QVERIFY(QDir().mkpath(src));
+    if (!mount.isEmpty()) {
+        if (QProcess::execute("mount", mount.replaceInStrings("@", src) << src) != 0)
+            QSKIP("mounting needs root");
+    }
+    const auto unmount = qScopeGuard([&] {
+        if (!mount.isEmpty())
+            QProcess::execute("umount", {"-l", src});
+    });
+    const QByteArray large = noiseBytes(3 << 20, 5);
+    addPlain("bin/large.so", large);
+    addPlain("bin/small.txt", "small");
+    downloading = [&](DirectoryUpdate &update, const QList<FileSpecification> &files) {
+        for (const FileSpecification &file : files)
+            update.prestage(file, src);
+        const QString staged = target(".update-staging/new/");
+        QCOMPARE(isSameFile(source("bin/small.txt"), staged + "small.txt"), linked);
+        QVERIFY(QFileInfo(staged + "small.txt").isFile());
+        QCOMPARE(isSameFile(source("bin/large.so"), staged + "large.so"), linked);
+        QCOMPARE(QFileInfo::exists(staged + "large.so"), linked);
+    };
+
+    QVERIFY(run(true));
+    QCOMPARE(readTestFile(target("large.so")), large);
+    QCOMPARE(readTestFile(target("small.txt")), "small");
 }
 
 void tst_DirectoryUpdate::staleCopyAsksAndFollowsTheAnswer_data()
