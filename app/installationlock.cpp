@@ -27,6 +27,12 @@ int openLockFile(const QByteArray &path)
 bool lockInstallation(const QString &dir, bool *busy, QString *error)
 {
     *busy = false;
+    // Found out now, not after a download that could never be installed.
+    if (::faccessat(AT_FDCWD, QFile::encodeName(dir).constData(), W_OK, AT_EACCESS) != 0) {
+        *error = QStringLiteral("The installation %1 cannot be changed: %2")
+                         .arg(dir, qt_error_string(errno));
+        return false;
+    }
     const QString path = QDir(dir).absoluteFilePath(QStringLiteral(".update-lock"));
     const int fd = openLockFile(QFile::encodeName(path));
     if (fd < 0) {
