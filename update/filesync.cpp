@@ -137,9 +137,9 @@ bool onSameMount(const QString &a, const QString &b)
 {
     struct statx first = {};
     struct statx second = {};
-    constexpr unsigned int wanted = STATX_INO | STATX_MNT_ID;
-    if (::statx(AT_FDCWD, name(a).constData(), 0, wanted, &first) != 0
-        || ::statx(AT_FDCWD, name(b).constData(), 0, wanted, &second) != 0
+    // The device comes whatever is asked for.
+    if (::statx(AT_FDCWD, name(a).constData(), 0, STATX_MNT_ID, &first) != 0
+        || ::statx(AT_FDCWD, name(b).constData(), 0, STATX_MNT_ID, &second) != 0
         || first.stx_dev_major != second.stx_dev_major
         || first.stx_dev_minor != second.stx_dev_minor) {
         return false;
