@@ -139,7 +139,9 @@ void MirrorChoice::noteDelivered(int m, qint64 bytes)
         return;
     if (elapsed <= idleGapMs) {
         const double sample = double(r.windowBytes) * 1000.0 / double(elapsed);
-        r.rate = r.rate > 0 ? (r.rate + sample) / 2 : sample;
+        // A mirror that falls to half its speed is believed at once: its files should move
+        // before the link has idled for long. A faster one is believed over two windows.
+        r.rate = r.rate > 0 && sample * 2 > r.rate ? (r.rate + sample) / 2 : sample;
         r.windowBytes = 0;
     } else {
         r.windowBytes = bytes;
