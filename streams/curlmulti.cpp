@@ -26,6 +26,14 @@ std::shared_ptr<CurlMulti> CurlMulti::create()
     return std::shared_ptr<CurlMulti>(new CurlMulti);
 }
 
+namespace {
+
+// As many requests as the session keeps in flight on one mirror, and nginx's own limit. libcurl's
+// default, 100, held the rest back: on a 100 ms link small files then came a fifth slower.
+constexpr long streamsPerConnection = 128;
+
+} // namespace
+
 CurlMulti::CurlMulti()
     : multi(curl_multi_init())
 {
@@ -41,7 +49,9 @@ CurlMulti::CurlMulti()
             && curl_multi_setopt(multi, CURLMOPT_SOCKETDATA, this) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_TIMERFUNCTION, timerCallback) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this) == CURLM_OK
-            && curl_multi_setopt(multi, CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX)) == CURLM_OK;
+            && curl_multi_setopt(multi, CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX)) == CURLM_OK
+            && curl_multi_setopt(multi, CURLMOPT_MAX_CONCURRENT_STREAMS, streamsPerConnection)
+                       == CURLM_OK;
 }
 
 void CurlMulti::keepOneConnection()
