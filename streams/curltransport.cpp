@@ -11,6 +11,7 @@
 #include <optional>
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 namespace {
 
@@ -128,10 +129,12 @@ public:
     QUrl currentUrl() const;
     QString curlErrorText(CURLcode result) const;
 
-    // Called by libcurl: they only record, never call back into libcurl or emit.
+    // Called by libcurl: they only look and record, never act through libcurl or emit.
     static size_t headerCallback(char *data, size_t size, size_t count, void *userp);
     static size_t writeCallback(char *data, size_t size, size_t count, void *userp);
     static int progressCallback(void *userp, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+    static int connectedCallback(void *userp, char *, char *, int, int);
+    bool negotiatedHttp2() const;
     size_t receiveHeader(const char *data, size_t length);
     size_t receiveBody(const char *data, size_t length);
     bool startBody();
@@ -187,6 +190,8 @@ public:
     qint64 reportedDone = 0;
     qint64 reportedTotal = 0;
     bool multiplexed = false;
+    // The connect step ended at the TLS handshake that chose HTTP/2: its request was never sent.
+    bool reachedOverHttp2 = false;
 
     Error error = NoError;
     QString errorText;
@@ -304,6 +309,7 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
     misplacedRange = false;
     blocked = false;
     tooLong = false;
+    reachedOverHttp2 = false;
     writeFailure.clear();
     reportedDone = 0;
     reportedTotal = 0;
@@ -409,8 +415,13 @@ void CurlTransport::Private::setHttpOptions(EasyOptions &options, bool headOnly)
     if (!user.isEmpty())
         options.set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
     // The connect step only has to reach this server, wherever it would send us.
-    if (headOnly)
+    if (headOnly) {
+        if (mayMultiplex()) {
+            options.set(CURLOPT_PREREQFUNCTION, connectedCallback);
+            options.set(CURLOPT_PREREQDATA, this);
+        }
         return;
+    }
     options.set(CURLOPT_FOLLOWLOCATION, 1L);
     options.set(CURLOPT_MAXREDIRS, maximumRedirects);
     // What came over TLS never leaves it on a server's word.
@@ -487,7 +498,9 @@ void CurlTransport::Private::reportProgress()
 void CurlTransport::Private::endTransfer(CURLcode result)
 {
     long version = 0;
-    if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0)
+    if (reachedOverHttp2)
+        multiplexed = true;
+    else if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0)
         multiplexed = version == CURL_HTTP_VERSION_2_0;
     if (multiplexed)
         multi->keepOneConnection();
@@ -499,7 +512,7 @@ void CurlTransport::Private::endTransfer(CURLcode result)
             foldedError = result == CURLE_OK ? NoError : TransferFailed;
             foldedErrorText = result == CURLE_OK ? QString() : curlErrorText(result);
             finish(NoError);
-        } else if (isFtp() || result != CURLE_OK) {
+        } else if (isFtp() || (result != CURLE_OK && !reachedOverHttp2)) {
             finish(TransferFailed, curlErrorText(result));
         } else {
             finish(NoError);
@@ -600,6 +613,29 @@ int CurlTransport::Private::progressCallback(void *userp, curl_off_t, curl_off_t
     auto *self = static_cast<Private *>(userp);
     self->blocked = self->multi->callMs() > blockingCallLimitMs;
     return self->blocked ? 1 : 0;
+}
+
+// The connect step's request costs a round trip before the first file can be asked for. Once a
+// TLS handshake has chosen HTTP/2 the server is reached, and the connection outlives a request
+// given up before it is sent; over HTTP/1.1 it would not, so there the request goes.
+int CurlTransport::Private::connectedCallback(void *userp, char *, char *, int, int)
+{
+    auto *self = static_cast<Private *>(userp);
+    self->reachedOverHttp2 = self->negotiatedHttp2();
+    return self->reachedOverHttp2 ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+}
+
+bool CurlTransport::Private::negotiatedHttp2() const
+{
+    curl_tlssessioninfo *session = nullptr;
+    if (curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || !session
+        || session->backend != CURLSSLBACKEND_OPENSSL || !session->internals) {
+        return false;
+    }
+    const unsigned char *protocol = nullptr;
+    unsigned int length = 0;
+    SSL_get0_alpn_selected(static_cast<const SSL *>(session->internals), &protocol, &length);
+    return length == 2 && protocol[0] == 'h' && protocol[1] == '2';
 }
 
 size_t CurlTransport::Private::receiveHeader(const char *data, size_t length)
