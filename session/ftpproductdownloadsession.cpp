@@ -641,6 +641,8 @@ void FTPProductDownloadSession::onFailedToConnect(int s, const QString &text)
 void FTPProductDownloadSession::onConnected(int s)
 {
     emit message(QString("Stream %1 connected").arg(s));
+    if (state == SessionRetrievingList && startPrefetch(s))
+        return;
     DownloadStream *record = streams[s].get();
     if (state == SessionDownloading) {
         if (record->stream && record->stream->getState() == DownloadStream_Connected) {
@@ -663,6 +665,9 @@ void FTPProductDownloadSession::onConnected(int s)
 
 void FTPProductDownloadSession::onDisconnected(int s)
 {
+    // What was asked for beside the first stream belongs to the mirror it leaves.
+    if (s == 0)
+        releasePrefetchers();
     DownloadStream *record = streams[s].get();
     if (record->mirrorIndex < 0)
         return;
@@ -702,7 +707,9 @@ void FTPProductDownloadSession::onFileFinished(int s)
     if (state == SessionDownloading)
         listedFileFinished(s);
     else if (state == SessionRetrievingList && s == 0)
-        releaseFetchStepFinished();
+        releaseFetchStepFinished(streams[0]->stream->getDestFilePath());
+    else if (state == SessionRetrievingList)
+        prefetchEnded(s);
 }
 
 void FTPProductDownloadSession::listedFileFinished(int s)
@@ -732,10 +739,9 @@ void FTPProductDownloadSession::listedFileFinished(int s)
     emit downloadFinished();
 }
 
-// The manifest, its signature or the list has arrived on the first stream.
-void FTPProductDownloadSession::releaseFetchStepFinished()
+// The manifest, its signature or the list has arrived.
+void FTPProductDownloadSession::releaseFetchStepFinished(const QString &listPath)
 {
-    const QString listPath = streams[0]->stream->getDestFilePath();
     QString note;
     switch (releaseFetch.fileArrived(listPath, &note)) {
     case ReleaseFetch::FetchNext:
@@ -750,6 +756,8 @@ void FTPProductDownloadSession::releaseFetchStepFinished()
         emit message("Download file list retrieved.");
         state = SessionDownloading;
         if (checkAllFiles(parameters.resumeSession, listPath)) {
+            // Their connection carries the files from now on, with as many streams as it takes.
+            releasePrefetchers();
             startDownloadBySessionState();
             return;
         }
@@ -761,6 +769,7 @@ void FTPProductDownloadSession::releaseFetchStepFinished()
 // Nothing of a list that cannot be used is acted on: its mirror is left like one that lacks it.
 void FTPProductDownloadSession::refuseMirrorList(int s, const QString &reason)
 {
+    releasePrefetchers();
     state = SessionStarting;
     task = TaskState();
     emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), reason));
@@ -769,6 +778,9 @@ void FTPProductDownloadSession::refuseMirrorList(int s, const QString &reason)
 
 void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, const QString &text)
 {
+    // Taken up as the first stream's own failure when the chain comes to the file.
+    if (state == SessionRetrievingList && s != 0 && prefetchEnded(s, error, text))
+        return;
     if (state == SessionRetrievingList && s == 0 && error != DownloadStream_LocalFileError) {
         QString note;
         const ReleaseFetch::Outcome outcome = releaseFetch.fileFailed(&note);
@@ -784,8 +796,10 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
         fetchWhole(s, text);
         return;
     }
-    if (state == SessionRetrievingList)
+    if (state == SessionRetrievingList) {
+        releasePrefetchers();
         state = SessionStarting;
+    }
     // A local file error is no fault of the mirror; moving on would not help.
     emit message(QString("Stream %1 reported error: %2").arg(QString::number(s), text));
     if (error != DownloadStream_LocalFileError) {
@@ -800,16 +814,93 @@ void FTPProductDownloadSession::onFileError(int s, DownloadStream_Error error, c
 void FTPProductDownloadSession::retrieveSessionState()
 {
     state = SessionRetrievingList;
-    releaseFetch.start(mirrors.at(streams[0]->mirrorIndex).url);
+    const int m = streams[0]->mirrorIndex;
+    releaseFetch.start(mirrors.at(m).url);
+    if (streams[0]->stream->isMultiplexed())
+        prefetchReleaseFiles(m);
     requestListFile();
 }
 
 // The manifest, its signature or the list, as the fetch chain is.
 void FTPProductDownloadSession::requestListFile()
 {
+    const QString name = releaseFetch.fileName();
+    if (prefetches.contains(name)) {
+        const Prefetch prefetch = prefetches.value(name);
+        switch (prefetch.state) {
+        case Prefetch::Running:
+            awaitedPrefetch = name;
+            return;
+        case Prefetch::Arrived:
+            releaseFetchStepFinished(streams[prefetch.stream]->stream->getDestFilePath());
+            return;
+        case Prefetch::Failed:
+            prefetches.remove(name);
+            onFileError(0, prefetch.error, prefetch.text);
+            return;
+        }
+    }
     DownloadStream *record = streams[0].get();
     record->fileIndex = -1;
-    record->stream->getFile(releaseFetch.fileName(), QString(), 0);
+    record->stream->getFile(name, QString(), 0);
+}
+
+// A round trip each saved: the signature and the list no longer wait for the manifest.
+void FTPProductDownloadSession::prefetchReleaseFiles(int m)
+{
+    releasePrefetchers();
+    int r = baseStreamCount;
+    for (const QString &name : releaseFetch.laterFileNames()) {
+        for (; r < int(streams.size()) && streams[r]->mirrorIndex >= 0; ++r) {}
+        if (r == int(streams.size()))
+            createDownloadStream();
+        Prefetch prefetch;
+        prefetch.stream = r;
+        prefetches.insert(name, prefetch);
+        joinMultiplexedMirror(r, m);
+    }
+}
+
+bool FTPProductDownloadSession::startPrefetch(int s)
+{
+    for (auto it = prefetches.cbegin(); it != prefetches.cend(); ++it) {
+        if (it->stream == s && it->state == Prefetch::Running) {
+            streams[s]->fileIndex = -1;
+            streams[s]->stream->getFile(it.key(), QString(), 0);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool FTPProductDownloadSession::prefetchEnded(int s, DownloadStream_Error error,
+                                             const QString &text)
+{
+    for (auto it = prefetches.begin(); it != prefetches.end(); ++it) {
+        if (it->stream != s || it->state != Prefetch::Running)
+            continue;
+        it->state = error == DownloadStream_Error{} ? Prefetch::Arrived : Prefetch::Failed;
+        it->error = error;
+        it->text = text;
+        if (awaitedPrefetch == it.key()) {
+            awaitedPrefetch.clear();
+            requestListFile();
+        }
+        return true;
+    }
+    return false;
+}
+
+void FTPProductDownloadSession::releasePrefetchers()
+{
+    for (const Prefetch &prefetch : std::as_const(prefetches)) {
+        DownloadStream *record = streams[prefetch.stream].get();
+        if (record->stream)
+            record->stream->cancel();
+        record->mirrorIndex = -1;
+    }
+    prefetches.clear();
+    awaitedPrefetch.clear();
 }
 
 bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPath)
@@ -975,7 +1066,9 @@ void FTPProductDownloadSession::startDownloadBySessionState()
         if (record->mirrorIndex >= 0)
             ++load[record->mirrorIndex];
     }
-    for (const auto &record : streams) {
+    // Extra streams come with the connections they ride, below.
+    for (int k = 0; k < baseStreamCount; ++k) {
+        const DownloadStream *record = streams[k].get();
         if (record->mirrorIndex >= 0 || order.isEmpty())
             continue;
         int m = order.first();

@@ -10,6 +10,7 @@
 #include "tasks/taskstate.h"
 
 #include <QDir>
+#include <QMap>
 #include <QObject>
 #include <QSet>
 #include <QString>
@@ -126,9 +127,17 @@ private:
     int idleBaseStream() const;
 
     void listedFileFinished(int s);
-    void releaseFetchStepFinished();
+    // The file of the fetch chain's step has arrived at path.
+    void releaseFetchStepFinished(const QString &path);
     void retrieveSessionState();
     void requestListFile();
+    // On a mirror that multiplexes, the chain's later files are asked for at once, each by an
+    // extra stream; the chain takes them up in its order, or asks again where one failed.
+    void prefetchReleaseFiles(int m);
+    bool startPrefetch(int s);
+    // False when stream s fetches nothing for the chain. Without an error, the file arrived.
+    bool prefetchEnded(int s, DownloadStream_Error error = {}, const QString &text = {});
+    void releasePrefetchers();
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
     bool readProductList(const QString &listPath);
@@ -160,6 +169,19 @@ private:
     MirrorChoice mirrors;
     TaskState task;
     ReleaseFetch releaseFetch;
+    struct Prefetch
+    {
+        enum State { Running, Arrived, Failed };
+        int stream = -1;
+        State state = Running;
+        // Why it failed, after the retries the first stream would have made.
+        DownloadStream_Error error = {};
+        QString text;
+    };
+    // By the chain's file name.
+    QMap<QString, Prefetch> prefetches;
+    // The chain's step that waits for its prefetch; empty when none does.
+    QString awaitedPrefetch;
     PatchPlan patches;
     // The task's files by size, largest first; made when first asked for. Those before
     // largestUnclaimed and after smallestUnclaimed are claimed, so that each claim looks at few.

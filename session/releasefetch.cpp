@@ -25,6 +25,17 @@ QString ReleaseFetch::fileName() const
     return ProductList::releaseFileNames(productListName).at(current);
 }
 
+QStringList ReleaseFetch::laterFileNames() const
+{
+    const QStringList names = ProductList::releaseFileNames(productListName);
+    QStringList later;
+    for (int step = current + 1; step <= FetchingList; ++step) {
+        if (step != FetchingSignature || hasTrustedKeys())
+            later << names.at(step);
+    }
+    return later;
+}
+
 ReleaseFetch::Outcome ReleaseFetch::fileArrived(const QString &path, QString *note)
 {
     switch (current) {

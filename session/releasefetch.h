@@ -25,6 +25,8 @@ public:
     Step step() const { return current; }
     // The file to fetch now, relative to the mirror's version directory.
     QString fileName() const;
+    // Those the chain asks for after it, whatever comes of this one.
+    QStringList laterFileNames() const;
 
     // The file of the current step lies at path; a note for the log may come with any outcome.
     Outcome fileArrived(const QString &path, QString *note);

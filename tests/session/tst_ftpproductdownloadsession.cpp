@@ -214,6 +214,7 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
                 {"https-goaway", "keepalive_requests 3;"},
                 {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"},
                 {"https-qm-missing", "location ~ \\.qm$ { return 404; }"},
+                {"https-list-missing", "location ~ \\.ini$ { return 404; }"},
                 {"https-qm-silent", QString("location ~ \\.qm$ { proxy_pass http://127.0.0.1:%1; }")
                                             .arg(silent.serverPort())}};
         server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
@@ -263,6 +264,11 @@ void tst_FTPProductDownloadSession::download_data()
 
     QTest::newRow("https: HTTP/2, many requests on one connection")
             << "https" << 2 << "" << true << fresh << all;
+    // Asked for beside the manifest, the list's failure is the chain's when it comes to it.
+    QTest::newRow("list missing on an HTTP/2 mirror 0")
+            << "https-list-missing http" << 2 << "" << true
+            << QStringList{"Stream 0 reported error: ERROR: ", "Stream 0 change mirror to 1"} + fresh
+            << all;
     QTest::newRow("a slow mirror's file taken over, continued from its byte")
             << "fault:*=trickle:4000 http" << 2 << "" << true << QStringList{"Stream 1 takes over "}
             << all;
@@ -464,6 +470,9 @@ void tst_FTPProductDownloadSession::download()
             for (const QString &request : requests)
                 QCOMPARE(request.section(' ', 0, 0), requests.first().section(' ', 0, 0));
             QCOMPARE(requests.filter(QRegularExpression("^\\S+ HEAD ")).size(), 0);
+            // The list was asked for by a stream of its own while the manifest came.
+            QVERIFY(log.indexOf(QRegularExpression("^Stream [1-9]\\d* connected$"))
+                    < log.indexOf("Download file list retrieved."));
         }
         if (mirrors == "https-goaway") {
             QStringList connections;
