@@ -132,7 +132,7 @@ private:
     void retrieveSessionState();
     void requestListFile();
     // On a mirror that multiplexes, the chain's later files are asked for at once, each by an
-    // extra stream; the chain takes them up in its order, or asks again where one failed.
+    // extra stream; the chain takes them up in its order, a failure as the first stream's own.
     void prefetchReleaseFiles(int m);
     bool startPrefetch(int s);
     // False when stream s fetches nothing for the chain. Without an error, the file arrived.
