@@ -861,34 +861,38 @@ void FTPProductDownloadSession::prefetchReleaseFiles(int m)
     }
 }
 
+QMap<QString, FTPProductDownloadSession::Prefetch>::iterator
+FTPProductDownloadSession::runningPrefetch(int s)
+{
+    return std::find_if(prefetches.begin(), prefetches.end(), [s](const Prefetch &prefetch) {
+        return prefetch.stream == s && prefetch.state == Prefetch::Running;
+    });
+}
+
 bool FTPProductDownloadSession::startPrefetch(int s)
 {
-    for (auto it = prefetches.cbegin(); it != prefetches.cend(); ++it) {
-        if (it->stream == s && it->state == Prefetch::Running) {
-            streams[s]->fileIndex = -1;
-            streams[s]->stream->getFile(it.key(), QString(), 0);
-            return true;
-        }
-    }
-    return false;
+    const auto it = runningPrefetch(s);
+    if (it == prefetches.end())
+        return false;
+    streams[s]->fileIndex = -1;
+    streams[s]->stream->getFile(it.key(), QString(), 0);
+    return true;
 }
 
 bool FTPProductDownloadSession::prefetchEnded(int s, DownloadStream_Error error,
                                              const QString &text)
 {
-    for (auto it = prefetches.begin(); it != prefetches.end(); ++it) {
-        if (it->stream != s || it->state != Prefetch::Running)
-            continue;
-        it->state = error == DownloadStream_Error{} ? Prefetch::Arrived : Prefetch::Failed;
-        it->error = error;
-        it->text = text;
-        if (awaitedPrefetch == it.key()) {
-            awaitedPrefetch.clear();
-            requestListFile();
-        }
-        return true;
+    const auto it = runningPrefetch(s);
+    if (it == prefetches.end())
+        return false;
+    it->state = error == DownloadStream_Error{} ? Prefetch::Arrived : Prefetch::Failed;
+    it->error = error;
+    it->text = text;
+    if (awaitedPrefetch == it.key()) {
+        awaitedPrefetch.clear();
+        requestListFile();
     }
-    return false;
+    return true;
 }
 
 void FTPProductDownloadSession::releasePrefetchers()

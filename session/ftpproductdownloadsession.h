@@ -180,6 +180,8 @@ private:
     };
     // By the chain's file name.
     QMap<QString, Prefetch> prefetches;
+    // The file stream s fetches beside the manifest; end() when none.
+    QMap<QString, Prefetch>::iterator runningPrefetch(int s);
     // The chain's step that waits for its prefetch; empty when none does.
     QString awaitedPrefetch;
     PatchPlan patches;
