@@ -917,10 +917,11 @@ bool FTPProductDownloadSession::checkAllFiles(bool resume, const QString &listPa
                                               : QList<PatchRecord>(),
                   task.files, ProductList::workingFileNames(parameters.productListName));
     quint64 done = 0;
+    DirectoryListing disk;
     for (int i = 0; i < task.getSize(); ++i) {
         FileSpecification file;
         task.get(i, &file);
-        if (!checkFile(i, file, resume))
+        if (!checkFile(i, file, resume, disk))
             continue;
         done += file.size;
         emit progressCount(done, task.totalSize);
@@ -960,15 +961,21 @@ bool FTPProductDownloadSession::readProductList(const QString &listPath)
 }
 
 // Marks file i as the disk has it: ready, downloaded, or still to fetch (false).
-bool FTPProductDownloadSession::checkFile(int i, const FileSpecification &file, bool resume)
+bool FTPProductDownloadSession::checkFile(int i, const FileSpecification &file, bool resume,
+                                          DirectoryListing &disk)
 {
-    const QString installedMd5 = installedFileMd5(file);
+    const QString installedMd5 =
+            disk.mayHold(getInstalledFilePath(file)) ? installedFileMd5(file) : QString();
     if (!installedMd5.isEmpty() && installedMd5 == file.installedMd5()) {
         task.markReady(i);
         emit message(QString("File %1 up to date").arg(getInstalledFilePath(file)));
         return true;
     }
-    if (isDownloaded(file) || PatchPlan::isMade(file, parameters.tempDirectory)) {
+    const QString temp = getTempFilePath(file);
+    const bool downloadMayBeThere = disk.mayHold(temp);
+    if ((downloadMayBeThere && isDownloaded(file))
+        || (disk.mayHold(file.patchedPath(parameters.tempDirectory))
+            && PatchPlan::isMade(file, parameters.tempDirectory))) {
         task.markDownloaded(i);
         return true;
     }
@@ -982,8 +989,7 @@ bool FTPProductDownloadSession::checkFile(int i, const FileSpecification &file, 
     }
     // A file shorter than required is what a broken transfer left: its stream goes on from its
     // end.
-    const QString temp = getTempFilePath(file);
-    if (QFileInfo(temp).size() >= qint64(file.size))
+    if (downloadMayBeThere && QFileInfo(temp).size() >= qint64(file.size))
         QFile::remove(temp);
     return false;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "session/directorylisting.h"
 #include "session/ftpproductdownloadsessionstate.h"
 #include "session/initialparameters.h"
 #include "session/markedsitedata.h"
@@ -141,7 +142,7 @@ private:
     void refuseMirrorList(int s, const QString &reason);
     bool checkAllFiles(bool resume, const QString &listPath);
     bool readProductList(const QString &listPath);
-    bool checkFile(int i, const FileSpecification &file, bool resume);
+    bool checkFile(int i, const FileSpecification &file, bool resume, DirectoryListing &disk);
     // The MD5 of the installed copy of file; empty when there is none.
     QString installedFileMd5(const FileSpecification &file) const;
     bool isDownloaded(const FileSpecification &file) const;
