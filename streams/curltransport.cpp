@@ -416,7 +416,7 @@ void CurlTransport::Private::setHttpOptions(EasyOptions &options, bool headOnly)
         options.set(CURLOPT_HTTPAUTH, long(CURLAUTH_BASIC));
     // The connect step only has to reach this server, wherever it would send us.
     if (headOnly) {
-        if (mayMultiplex()) {
+        if (mayMultiplex() && proxyAddress.isEmpty()) {
             options.set(CURLOPT_PREREQFUNCTION, connectedCallback);
             options.set(CURLOPT_PREREQDATA, this);
         }
@@ -617,7 +617,9 @@ int CurlTransport::Private::progressCallback(void *userp, curl_off_t, curl_off_t
 
 // The connect step's request costs a round trip before the first file can be asked for. Once a
 // TLS handshake has chosen HTTP/2 the server is reached, and the connection outlives a request
-// given up before it is sent; over HTTP/1.1 it would not, so there the request goes.
+// given up before it is sent. Over HTTP/1.1 it would not. Through a proxy's tunnel libcurl 7.88
+// takes it for dead when the server's first frames lie unread, and opens another. There the
+// request goes.
 int CurlTransport::Private::connectedCallback(void *userp, char *, char *, int, int)
 {
     auto *self = static_cast<Private *>(userp);

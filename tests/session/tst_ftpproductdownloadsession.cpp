@@ -89,6 +89,8 @@ private:
     QHash<QString, FileSpecification> entries; // by install path
     // Takes connections and never answers: an upstream that has gone quiet.
     QTcpServer silent;
+    // The proxy of an "https-proxied" mirror, for the row that has one.
+    std::unique_ptr<LoopbackServer> proxy;
 };
 
 void tst_FTPProductDownloadSession::initialize_data()
@@ -166,6 +168,7 @@ void tst_FTPProductDownloadSession::initTestCase()
 
 void tst_FTPProductDownloadSession::cleanup()
 {
+    proxy.reset();
     const QDir installation(getAppRootPath());
     for (const QString &path : releaseFiles().keys()) {
         QFile::remove(installation.filePath(path));
@@ -207,8 +210,10 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
     } else {
         // "https-slow": each response at 30 kB/s; "https-goaway": every connection ended after
         // three requests; for the two .qm files "https-qm-unavailable" answers 503 and
-        // "https-qm-silent" nothing at all.
+        // "https-qm-silent" nothing at all; "https-proxied" is reached through tinyproxy.
         const bool tls = kind.startsWith("https");
+        if (kind == "https-proxied")
+            proxy = LoopbackServer::proxy();
         const QHash<QString, QString> directives{
                 {"https-slow", "limit_rate 30000;"},
                 {"https-goaway", "keepalive_requests 3;"},
@@ -264,6 +269,8 @@ void tst_FTPProductDownloadSession::download_data()
 
     QTest::newRow("https: HTTP/2, many requests on one connection")
             << "https" << 2 << "" << true << fresh << all;
+    QTest::newRow("https through a proxy, one tunnel") << "https-proxied" << 2 << "" << true
+                                                       << fresh << all;
     // Asked for beside the manifest, the list's failure is the chain's when it comes to it.
     QTest::newRow("list missing on an HTTP/2 mirror 0")
             << "https-list-missing http" << 2 << "" << true
@@ -394,8 +401,14 @@ void tst_FTPProductDownloadSession::download()
     for (auto wait = waits.cbegin(); wait != waits.cend(); ++wait)
         QSettings(parameters.mirrorsFile, QSettings::IniFormat)
                 .setValue(QString("m%1/timeout").arg(wait.key() + 1), wait.value());
-    QVERIFY(writeTestFile(parameters.updateDataFile,
-                          QString("[update]\nstreams=%1\n").arg(streams).toUtf8()));
+    QString updateData = QString("[update]\nstreams=%1\n").arg(streams);
+    if (proxy) {
+        QUrl proxyUrl(proxy->url("http"));
+        proxyUrl.setUserName(LoopbackServer::proxyUser);
+        proxyUrl.setPassword(LoopbackServer::proxyPassword);
+        updateData += "proxy=" + proxyUrl.toString() + "\n";
+    }
+    QVERIFY(writeTestFile(parameters.updateDataFile, updateData.toUtf8()));
 
     using Session = FTPProductDownloadSession;
     auto session = std::make_unique<Session>();
@@ -484,6 +497,9 @@ void tst_FTPProductDownloadSession::download()
             QVERIFY2(log.filter("Download error").isEmpty(), qPrintable(log.join('\n')));
         }
     }
+    // Through a proxy too the connect step's connection carries everything.
+    if (proxy)
+        QCOMPARE(proxy->logLines().filter("): CONNECT ").size(), 1);
     // A packed file fetched now is kept as what it unpacks to, the packed download gone.
     for (const QString &path : fetched + kept) {
         const FileSpecification &entry = entries[path];
