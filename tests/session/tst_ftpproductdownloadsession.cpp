@@ -478,10 +478,11 @@ void tst_FTPProductDownloadSession::download()
         const qsizetype failed = requests.indexOf(QRegularExpression(".* status:404$"));
         QVERIFY2(failed < 0 || failed == requests.size() - 1, qPrintable(requests.join('\n')));
         // Over HTTP/2 every stream's requests share one connection, which only the first
-        // stream's connect step opened, with its TLS handshake and no request.
+        // stream's connect step opened, with its TLS handshake and no request: nginx's second,
+        // after the probe that saw it ready.
         if (mirrors == "https") {
             for (const QString &request : requests)
-                QCOMPARE(request.section(' ', 0, 0), requests.first().section(' ', 0, 0));
+                QCOMPARE(request.section(' ', 0, 0), QString("2"));
             QCOMPARE(requests.filter(QRegularExpression("^\\S+ HEAD ")).size(), 0);
             // The list was asked for by a stream of its own while the manifest came.
             QVERIFY(log.indexOf(QRegularExpression("^Stream [1-9]\\d* connected$"))
