@@ -36,12 +36,28 @@ MainWindow::MainWindow(const CommandLineOptions &commandLineOptions)
     ui.orlivoLabel->setUrl(makerWebAddress);
     ui.revnoLabel->setText(QString::number(clientVersion));
     ui.outputTextEdit->hide();
+    reserveCountWidths();
     progressRefresh.setSingleShot(true);
     connect(&progressRefresh, &QTimer::timeout, this, &MainWindow::showProgress);
     logRefresh.setSingleShot(true);
     logRefresh.setInterval(int(progressRefreshMs));
     connect(&logRefresh, &QTimer::timeout, this, &MainWindow::flushLog);
     connectRun();
+}
+
+// The window's size follows its contents: sizes and a speed that grow digit by digit would widen
+// it under the pointer. Room is kept for 10 GB and 1 GB/s.
+void MainWindow::reserveCountWidths()
+{
+    const auto reserve = [](QLabel *label, const QString &widest) {
+        const QString text = label->text();
+        label->setText(widest);
+        label->setMinimumWidth(qMax(label->minimumWidth(), label->sizeHint().width()));
+        label->setText(text);
+    };
+    reserve(ui.totalSizeLabel, tr("%1 KB").arg(9999999));
+    reserve(ui.totalTotalSizeLabel, tr("%1 KB").arg(9999999));
+    reserve(ui.downloadSpeedLabel, QString::number(999999) + tr(" KB/s"));
 }
 
 void MainWindow::connectRun()

@@ -48,6 +48,7 @@ protected:
 
 private:
     void connectRun();
+    void reserveCountWidths();
     void refuseToStart(const QString &text, bool critical);
     void onRunStarted();
     void stopSpeedTimer();
