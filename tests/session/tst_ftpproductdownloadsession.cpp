@@ -220,6 +220,8 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
                 {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"},
                 {"https-qm-missing", "location ~ \\.qm$ { return 404; }"},
                 {"https-list-missing", "location ~ \\.ini$ { return 404; }"},
+                {"https-list-forged",
+                 "location ~ \\.ini$ { return 200 '[orlivo]\\norlivo=0::1\\n'; }"},
                 {"https-qm-silent", QString("location ~ \\.qm$ { proxy_pass http://127.0.0.1:%1; }")
                                             .arg(silent.serverPort())}};
         server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
@@ -276,6 +278,9 @@ void tst_FTPProductDownloadSession::download_data()
             << "https-list-missing http" << 2 << "" << true
             << QStringList{"Stream 0 reported error: ERROR: ", "Stream 0 change mirror to 1"} + fresh
             << all;
+    QTest::newRow("list unlike its manifest on an HTTP/2 mirror 0, nothing of it acted on")
+            << "https-list-forged http" << 2 << "" << true
+            << QStringList{"Stream 0 change mirror to 1"} + fresh << all;
     QTest::newRow("a slow mirror's file taken over, continued from its byte")
             << "fault:*=trickle:4000 http" << 2 << "" << true << QStringList{"Stream 1 takes over "}
             << all;
@@ -453,6 +458,9 @@ void tst_FTPProductDownloadSession::download()
     QCOMPARE(progress, qMakePair(total, total));
 
     QStringList expected{listPath};
+    // The forged list came whole, and was refused.
+    if (mirrors.startsWith("https-list-forged"))
+        expected << listPath;
     QStringList delivered;
     for (const QString &path : fetched)
         expected << mirrorPath(path) + (truncated.contains(path) ? "+" : "");
