@@ -144,8 +144,14 @@ int runUpdater(int argc, char **argv)
 {
     if (const int status = answerInformationRequest(argc, argv); status >= 0)
         return status;
-    if ((argc == 2 || argc == 3) && std::strcmp(argv[1], "--check") == 0)
+    if (argc > 1 && std::strcmp(argv[1], "--check") == 0) {
+        // Not a run with the client type "--check", which would end in a box.
+        if (argc > 3) {
+            std::fputs("update: --check takes at most a client type\n", stderr);
+            return 1;
+        }
         return runVersionCheck(argc, argv);
+    }
     if (argc > 1 && std::strcmp(argv[1], "--nouser") == 0) {
         prepareUnattendedRun();
     } else if (hasNoDisplay()) {

@@ -234,6 +234,19 @@ private slots:
         QVERIFY(!server || server->stop());
     }
 
+    // A version has no place in a check: said so, and nothing else done.
+    void checkWithVersion()
+    {
+        QProcess updater;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.remove("DISPLAY");
+        updater.setProcessEnvironment(environment);
+        updater.start(UPDATE_BINARY, {"--check", clientType, "12"});
+        QVERIFY(updater.waitForFinished(60000));
+        QCOMPARE(updater.exitCode(), 1);
+        QCOMPARE(updater.readAllStandardError(), "update: --check takes at most a client type\n");
+    }
+
     // A release is announced once it is complete and signed by a trusted key, and then without
     // a restart.
     void mirrorTree()
