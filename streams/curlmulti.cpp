@@ -31,6 +31,10 @@ namespace {
 // As many requests as the session keeps in flight on one mirror, and nginx's own limit. libcurl's
 // default, 100, held the rest back: on a 100 ms link small files then came a fifth slower.
 constexpr long streamsPerConnection = 128;
+// libcurl keeps four idle connections for each transfer under way, and closed those of streams
+// between two files when few were: each came back with a TLS handshake and a read of the
+// system's certificates. Room for every stream's own to a few servers.
+constexpr long connectionsKept = 64;
 
 } // namespace
 
@@ -51,7 +55,8 @@ CurlMulti::CurlMulti()
             && curl_multi_setopt(multi, CURLMOPT_TIMERDATA, this) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_PIPELINING, long(CURLPIPE_MULTIPLEX)) == CURLM_OK
             && curl_multi_setopt(multi, CURLMOPT_MAX_CONCURRENT_STREAMS, streamsPerConnection)
-                       == CURLM_OK;
+                       == CURLM_OK
+            && curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, connectionsKept) == CURLM_OK;
 }
 
 void CurlMulti::keepOneConnection()

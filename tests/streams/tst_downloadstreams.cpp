@@ -105,6 +105,7 @@ private slots:
     void httpFileOutcomes_data();
     void httpFileOutcomes();
     void redirectsKeepTls();
+    void everyStreamKeepsItsConnection();
     void misplacedRangeOverHttp2();
     void unansweringFtpServer_data();
     void unansweringFtpServer();
@@ -121,7 +122,7 @@ private:
 
 void tst_DownloadStreams::initTestCase()
 {
-    for (int i = 0; i < 60; ++i)
+    for (int i = 0; i < 160; ++i)
         QVERIFY(writeTestFile(root.filePath("pub/many/%1.dat").arg(i), patternBytes(i * 7, i)));
     QVERIFY(writeTestFile(root.filePath("pub/big.bin"), big));
     QVERIFY(makeTestCertificates(root.path(), &certificates));
@@ -374,6 +375,37 @@ void tst_DownloadStreams::httpFileOutcomes()
 }
 
 // A mirror reached over TLS may move its files, never to where they travel in the clear.
+// Eight streams fetching one file after another from an HTTPS server without HTTP/2 keep one
+// connection each, however few of them have a transfer under way at a given moment.
+void tst_DownloadStreams::everyStreamKeepsItsConnection()
+{
+    const auto server = LoopbackServer::nginx(root.path(), &certificates, {}, false);
+    QVERIFY(server);
+    QTemporaryDir dest;
+    std::vector<std::unique_ptr<HTTPDownloadStream>> streams;
+    for (int s = 0; s < 8; ++s) {
+        streams.push_back(std::make_unique<HTTPDownloadStream>(dest.filePath(QString::number(s))));
+        HTTPDownloadStream *stream = streams.back().get();
+        stream->setTrustedCaFile(certificates.caFile);
+        const auto next = [stream, s, round = std::make_shared<int>(0)] {
+            const int i = s + 8 * (*round)++;
+            if (i < 160)
+                stream->getFile(QStringLiteral("many/%1.dat").arg(i), md5Of(patternBytes(i * 7, i)),
+                                i * 7);
+        };
+        connect(stream, &SingleFileDownloadStream::connected, this, next);
+        connect(stream, &SingleFileDownloadStream::fileFinished, this, next);
+        stream->initiateConnection(QUrl(server->url("https", "/pub/")), {}, 4, 2);
+    }
+    QTRY_COMPARE_WITH_TIMEOUT(server->logLines().size(), 8 + 160, 20000);
+    const QStringList log = server->logLines();
+    QStringList connections;
+    for (const QString &request : log)
+        connections << request.section(' ', 0, 0);
+    connections.removeDuplicates();
+    QVERIFY2(connections.size() <= 8, qPrintable(log.join('\n')));
+}
+
 void tst_DownloadStreams::redirectsKeepTls()
 {
     const QString directives = QStringLiteral("location = /pub/moved.bin { return 301 "

@@ -49,15 +49,15 @@ LoopbackServer::~LoopbackServer()
     process.waitForFinished(5000);
 }
 
-std::unique_ptr<LoopbackServer>
-LoopbackServer::nginx(const QString &root, const TestCertificates *tls, const QString &directives)
+std::unique_ptr<LoopbackServer> LoopbackServer::nginx(const QString &root,
+                                                      const TestCertificates *tls,
+                                                      const QString &directives, bool http2)
 {
     // TLS 1.3 as mirrors speak it: nginx 1.22's compiled default stops at 1.2.
-    const QString ssl =
-            tls ? QStringLiteral(" ssl http2; ssl_certificate %1; ssl_certificate_key %2;"
-                                 " ssl_protocols TLSv1.2 TLSv1.3")
-                            .arg(tls->certFile, tls->keyFile)
-                : QString();
+    const QString ssl = tls ? QStringLiteral(" ssl%1; ssl_certificate %2; ssl_certificate_key %3;"
+                                             " ssl_protocols TLSv1.2 TLSv1.3")
+                                        .arg(http2 ? " http2" : "", tls->certFile, tls->keyFile)
+                            : QString();
     // nginx writes its pid once its port is bound; one that finds the port taken retries for
     // seconds while the other program answers there.
     return start(

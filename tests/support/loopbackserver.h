@@ -27,11 +27,11 @@ class LoopbackServer
 public:
     ~LoopbackServer();
 
-    // nginx serving root over HTTP, or HTTPS (HTTP/2) when certificates are given; directives
-    // go into its server block ("limit_rate 30000;").
+    // nginx serving root over HTTP, or HTTPS (HTTP/2 unless http2 is false) when certificates
+    // are given; directives go into its server block ("limit_rate 30000;").
     static std::unique_ptr<LoopbackServer> nginx(const QString &root,
                                                  const TestCertificates *tls = nullptr,
-                                                 const QString &directives = {});
+                                                 const QString &directives = {}, bool http2 = true);
     // pyftpdlib, root read-only to anonymous and user; options as ftp_server.py's
     // ("--no-rest", "--unconfirmed-once").
     static std::unique_ptr<LoopbackServer> ftp(const QString &root, const QString &user = {},
