@@ -1,5 +1,6 @@
 #include "streams/curlmulti.h"
 
+#include <algorithm>
 #include <climits>
 #include <utility>
 #include <vector>
@@ -59,11 +60,32 @@ CurlMulti::CurlMulti()
             && curl_multi_setopt(multi, CURLMOPT_MAXCONNECTS, connectionsKept) == CURLM_OK;
 }
 
-void CurlMulti::keepOneConnection()
+void CurlMulti::noteResponse(bool overHttp2)
 {
-    if (oneConnection || !multi)
-        return;
-    oneConnection = curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 1L) == CURLM_OK;
+    seenHttp1 = seenHttp1 || !overHttp2;
+    seenHttp2 = seenHttp2 || overHttp2;
+    applyConnectionLimit();
+}
+
+void CurlMulti::addConnectingClient()
+{
+    ++connectingClients;
+    applyConnectionLimit();
+}
+
+void CurlMulti::removeConnectingClient()
+{
+    --connectingClients;
+    applyConnectionLimit();
+}
+
+void CurlMulti::applyConnectionLimit()
+{
+    const long limit = seenHttp1 ? std::max(1, connectingClients) : seenHttp2 ? 1 : 0;
+    if (multi && limit != connectionLimit
+        && curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, limit) == CURLM_OK) {
+        connectionLimit = limit;
+    }
 }
 
 CurlMulti::~CurlMulti()

@@ -38,10 +38,15 @@ public:
     ~CurlMulti();
 
     bool isReady() const { return ready; }
-    // The server multiplexes: from now on its transfers wait for its one connection, also when
-    // that connection goes away (a GOAWAY after so many requests, a reset). libcurl 7.88 would
-    // otherwise open a connection, with a TLS handshake, for every transfer then in flight.
-    void keepOneConnection();
+    // How many connections a server gets. While every response came over HTTP/2, one: its
+    // transfers wait for it also when it goes away (a GOAWAY after so many requests, a reset),
+    // where libcurl 7.88 would open a connection, with a TLS handshake, for every transfer then
+    // in flight. libcurl's limit holds for every server the transfers reach, and once one of them
+    // does not multiplex (where a redirect led) one connection would carry them all one after
+    // the other: from then on, as many as the transports that connected on their own.
+    void noteResponse(bool overHttp2);
+    void addConnectingClient();
+    void removeConnectingClient();
     CURLMcode add(CURL *easy, Client *client);
     void remove(CURL *easy);
     // How long the call into libcurl now running has taken; 0 outside one. libcurl 7.88 waits
@@ -80,10 +85,14 @@ private:
     void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
                         QSocketNotifier::Type type, bool wanted, int events);
     void scheduleCurlTimer(long timeoutMs);
+    void applyConnectionLimit();
 
     CURLM *multi = nullptr;
     bool ready = false;
-    bool oneConnection = false;
+    bool seenHttp1 = false;
+    bool seenHttp2 = false;
+    int connectingClients = 0;
+    long connectionLimit = 0;
     std::map<curl_socket_t, SocketWatch> sockets;
     // Every connection's socket, watched or idle, until libcurl closes it.
     std::set<curl_socket_t> openSockets;

@@ -192,6 +192,8 @@ public:
     bool multiplexed = false;
     // The connect step ended at the TLS handshake that chose HTTP/2: its request was never sent.
     bool reachedOverHttp2 = false;
+    // This has a connection of its own when the server does not multiplex.
+    bool connectedOnItsOwn = false;
 
     Error error = NoError;
     QString errorText;
@@ -209,6 +211,8 @@ CurlTransport::Private::Private(CurlTransport *q)
 CurlTransport::Private::~Private()
 {
     removeTransfer();
+    if (connectedOnItsOwn)
+        multi->removeConnectingClient();
     if (easy)
         curl_easy_cleanup(easy);
 }
@@ -252,6 +256,10 @@ void CurlTransport::Private::startNext()
     switch (current->kind) {
     case Kind::Connect:
         server = current->server;
+        if (!connectedOnItsOwn) {
+            connectedOnItsOwn = true;
+            transferMulti()->addConnectingClient();
+        }
         if (isFtp())
             startFtpSession();
         else
@@ -498,12 +506,14 @@ void CurlTransport::Private::reportProgress()
 void CurlTransport::Private::endTransfer(CURLcode result)
 {
     long version = 0;
-    if (reachedOverHttp2)
+    if (reachedOverHttp2) {
         multiplexed = true;
-    else if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK && version != 0)
+        multi->noteResponse(true);
+    } else if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK
+               && version != 0) {
         multiplexed = version == CURL_HTTP_VERSION_2_0;
-    if (multiplexed)
-        multi->keepOneConnection();
+        multi->noteResponse(multiplexed);
+    }
     removeTransfer();
     switch (current->kind) {
     case Kind::Connect:

@@ -61,6 +61,16 @@ QStringList deliveredPaths(const LoopbackServer &server)
     return paths;
 }
 
+// The connections of an nginx request log.
+qsizetype connectionCount(const QStringList &requests)
+{
+    QStringList connections;
+    for (const QString &request : requests)
+        connections << request.section(' ', 0, 0);
+    connections.removeDuplicates();
+    return connections.size();
+}
+
 } // namespace
 
 // How a session reads its mirror list and settings, and whole sessions against real mirrors on
@@ -91,6 +101,8 @@ private:
     QTcpServer silent;
     // The proxy of an "https-proxied" mirror, for the row that has one.
     std::unique_ptr<LoopbackServer> proxy;
+    // Where an "https-redirected" mirror sends every request: HTTPS without HTTP/2.
+    std::unique_ptr<LoopbackServer> redirectTarget;
 };
 
 void tst_FTPProductDownloadSession::initialize_data()
@@ -169,6 +181,7 @@ void tst_FTPProductDownloadSession::initTestCase()
 void tst_FTPProductDownloadSession::cleanup()
 {
     proxy.reset();
+    redirectTarget.reset();
     const QDir installation(getAppRootPath());
     for (const QString &path : releaseFiles().keys()) {
         QFile::remove(installation.filePath(path));
@@ -214,7 +227,9 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         const bool tls = kind.startsWith("https");
         if (kind == "https-proxied")
             proxy = LoopbackServer::proxy();
-        const QHash<QString, QString> directives{
+        if (kind == "https-redirected")
+            redirectTarget = LoopbackServer::nginx(root, &certificates, {}, false);
+        QHash<QString, QString> directives{
                 {"https-slow", "limit_rate 30000;"},
                 {"https-goaway", "keepalive_requests 3;"},
                 {"https-qm-unavailable", "location ~ \\.qm$ { return 503; }"},
@@ -224,6 +239,9 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
                  "location ~ \\.ini$ { return 200 '[orlivo]\\norlivo=0::1\\n'; }"},
                 {"https-qm-silent", QString("location ~ \\.qm$ { proxy_pass http://127.0.0.1:%1; }")
                                             .arg(silent.serverPort())}};
+        if (redirectTarget)
+            directives["https-redirected"] =
+                    "return 302 " + redirectTarget->url("https") + "$request_uri;";
         server = LoopbackServer::nginx(root, tls ? &certificates : nullptr, directives.value(kind));
         *urls << server->url(tls ? "https" : "http", "/");
     }
@@ -289,6 +307,8 @@ void tst_FTPProductDownloadSession::download_data()
     QTest::newRow("a slow HTTP/2 mirror that claimed everything, taken over")
             << "https-slow https" << 2 << "" << true
             << QStringList{"Stream 1 takes over orlivo from stream "} << all;
+    QTest::newRow("an HTTP/2 mirror sending every request on to HTTP/1.1")
+            << "https-redirected" << 4 << "" << true << fresh << all;
     // The transfers under way when the server ends its connection wait for the next one, rather
     // than each open a connection of its own.
     QTest::newRow("HTTP/2 connection ended every 3 requests")
@@ -476,6 +496,8 @@ void tst_FTPProductDownloadSession::download()
     }
     for (const auto &server : servers)
         delivered << (server ? deliveredPaths(*server) : QStringList());
+    if (redirectTarget)
+        delivered << deliveredPaths(*redirectTarget);
     // With no key trusted the manifest is still fetched, for its checksums, from every mirror
     // whose list is asked for.
     QVERIFY(delivered.removeAll(QString(listPath).replace(".ini", ".manifest")) > 0);
@@ -497,14 +519,17 @@ void tst_FTPProductDownloadSession::download()
                     < log.indexOf("Download file list retrieved."));
         }
         if (mirrors == "https-goaway") {
-            QStringList connections;
-            for (const QString &request : requests)
-                connections << request.section(' ', 0, 0);
-            connections.removeDuplicates();
-            QVERIFY2(connections.size() <= requests.size() / 3 + 1,
+            QVERIFY2(connectionCount(requests) <= requests.size() / 3 + 1,
                      qPrintable(requests.join('\n')));
             QVERIFY2(log.filter("Download error").isEmpty(), qPrintable(log.join('\n')));
         }
+    }
+    // Sent on to a server that does not multiplex, the files go over a connection per stream
+    // there: not all over one, nor over one for each of the many requests once in flight.
+    if (redirectTarget) {
+        const QStringList requests = redirectTarget->logLines();
+        const qsizetype connections = connectionCount(requests);
+        QVERIFY2(connections > 1 && connections <= streams, qPrintable(requests.join('\n')));
     }
     // Through a proxy too the connect step's connection carries everything.
     if (proxy)
