@@ -155,7 +155,7 @@ void FTPProductDownloadSession::joinMultiplexedMirror(int s, int m)
     if (aimStreamAt(s, m)) {
         const MarkedSiteData &mirror = mirrors.at(m);
         streams[s]->stream->joinConnection(QUrl(mirror.url), streams[s]->proxy, mirror.retries,
-                                           mirror.timeout);
+                                           mirror.timeout, s < baseStreamCount);
     }
 }
 
@@ -245,12 +245,6 @@ void FTPProductDownloadSession::unclaimFile(int i)
 
 bool FTPProductDownloadSession::assignNextFile(int s)
 {
-    // Extra streams exist only while the mirror's files come over one multiplexed connection;
-    // one that sends them on to a server that does not multiplex gets its base streams back.
-    if (s >= baseStreamCount && !carriesManyRequests(streams[s]->mirrorIndex)) {
-        shutDownStream(s);
-        return false;
-    }
     // Over HTTP/2 half the streams keep the link full with the largest files while the other
     // half take the smallest, each of which costs a round trip whatever its size: left to the
     // end, they would leave the link idle.

@@ -67,21 +67,21 @@ void CurlMulti::noteResponse(bool overHttp2)
     applyConnectionLimit();
 }
 
-void CurlMulti::addConnectingClient()
+void CurlMulti::addOwnConnection()
 {
-    ++connectingClients;
+    ++ownConnections;
     applyConnectionLimit();
 }
 
-void CurlMulti::removeConnectingClient()
+void CurlMulti::removeOwnConnection()
 {
-    --connectingClients;
+    --ownConnections;
     applyConnectionLimit();
 }
 
 void CurlMulti::applyConnectionLimit()
 {
-    const long limit = seenHttp1 ? std::max(1, connectingClients) : seenHttp2 ? 1 : 0;
+    const long limit = seenHttp1 ? std::max(1, ownConnections) : seenHttp2 ? 1 : 0;
     if (multi && limit != connectionLimit
         && curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, limit) == CURLM_OK) {
         connectionLimit = limit;

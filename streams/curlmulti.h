@@ -43,10 +43,11 @@ public:
     // where libcurl 7.88 would open a connection, with a TLS handshake, for every transfer then
     // in flight. libcurl's limit holds for every server the transfers reach, and once one of them
     // does not multiplex (where a redirect led) one connection would carry them all one after
-    // the other: from then on, as many as the transports that connected on their own.
+    // the other: from then on, one for each transport that may have a connection of its own,
+    // while the others' transfers wait for these.
     void noteResponse(bool overHttp2);
-    void addConnectingClient();
-    void removeConnectingClient();
+    void addOwnConnection();
+    void removeOwnConnection();
     CURLMcode add(CURL *easy, Client *client);
     void remove(CURL *easy);
     // How long the call into libcurl now running has taken; 0 outside one. libcurl 7.88 waits
@@ -91,7 +92,7 @@ private:
     bool ready = false;
     bool seenHttp1 = false;
     bool seenHttp2 = false;
-    int connectingClients = 0;
+    int ownConnections = 0;
     long connectionLimit = 0;
     std::map<curl_socket_t, SocketWatch> sockets;
     // Every connection's socket, watched or idle, until libcurl closes it.

@@ -144,6 +144,7 @@ public:
     // HTTP/2 is only ever negotiated over TLS; there the requests share one connection.
     bool mayMultiplex() const { return server.scheme() == QLatin1String("https"); }
     CurlMulti *transferMulti();
+    void claimOwnConnection();
 
     CurlTransport *q;
     std::shared_ptr<CurlMulti> multi;
@@ -192,8 +193,8 @@ public:
     bool multiplexed = false;
     // The connect step ended at the TLS handshake that chose HTTP/2: its request was never sent.
     bool reachedOverHttp2 = false;
-    // This has a connection of its own when the server does not multiplex.
-    bool connectedOnItsOwn = false;
+    // This may have a connection of its own when the server does not multiplex.
+    bool ownsConnection = false;
 
     Error error = NoError;
     QString errorText;
@@ -211,8 +212,8 @@ CurlTransport::Private::Private(CurlTransport *q)
 CurlTransport::Private::~Private()
 {
     removeTransfer();
-    if (connectedOnItsOwn)
-        multi->removeConnectingClient();
+    if (ownsConnection)
+        multi->removeOwnConnection();
     if (easy)
         curl_easy_cleanup(easy);
 }
@@ -230,6 +231,14 @@ CurlMulti *CurlTransport::Private::transferMulti()
         multi = mayMultiplex() ? CurlMulti::sharedFor(origin) : CurlMulti::create();
     }
     return multi.get();
+}
+
+void CurlTransport::Private::claimOwnConnection()
+{
+    if (!ownsConnection) {
+        ownsConnection = true;
+        transferMulti()->addOwnConnection();
+    }
 }
 
 int CurlTransport::Private::enqueue(Command command)
@@ -256,10 +265,7 @@ void CurlTransport::Private::startNext()
     switch (current->kind) {
     case Kind::Connect:
         server = current->server;
-        if (!connectedOnItsOwn) {
-            connectedOnItsOwn = true;
-            transferMulti()->addConnectingClient();
-        }
+        claimOwnConnection();
         if (isFtp())
             startFtpSession();
         else
@@ -772,9 +778,11 @@ int CurlTransport::connectToHost(const QUrl &server)
     return d->enqueue(command);
 }
 
-void CurlTransport::joinHost(const QUrl &server)
+void CurlTransport::joinHost(const QUrl &server, bool ownConnection)
 {
     d->server = serverRoot(server);
+    if (ownConnection)
+        d->claimOwnConnection();
 }
 
 int CurlTransport::login(const QString &user, const QString &password)

@@ -44,8 +44,9 @@ public:
     // greeting. An FTP log-in queued right behind is done on the same connection.
     int connectToHost(const QUrl &server);
     // Gets go to server without a connect step: another transport of this process has just
-    // reached it over a connection they share.
-    void joinHost(const QUrl &server);
+    // reached it over a connection they share. With ownConnection this one still has a
+    // connection of its own where the server turns out not to multiplex, as after a connect step.
+    void joinHost(const QUrl &server, bool ownConnection);
     // For FTP the log-in itself (empty user: anonymous); for HTTP the credentials of later gets.
     int login(const QString &user, const QString &password);
     // Writes the body of path on the server into device. With offset above 0 only the bytes from

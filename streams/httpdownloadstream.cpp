@@ -41,7 +41,7 @@ void HTTPDownloadStream::initiateConnection(const QUrl &url, const QString &prox
 }
 
 void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, int retries,
-                                        int timeout)
+                                        int timeout, bool ownConnection)
 {
     // Credentials are handed over by the connect step's log-in.
     if (!url.userName().isEmpty()) {
@@ -49,7 +49,7 @@ void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, i
         return;
     }
     prepareTransport(url, proxy, retries, timeout);
-    transport->joinHost(serverOf(url));
+    transport->joinHost(serverOf(url), ownConnection);
     // Posted: the caller is inside a slot of its own. A transport replaced or released meanwhile
     // has joined nothing.
     const QPointer<CurlTransport> joined(transport);

@@ -14,8 +14,8 @@ public:
     int kind() const override;
     void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                             int timeout) override;
-    void joinConnection(const QUrl &url, const QString &proxy, int retries,
-                        int timeout) override;
+    void joinConnection(const QUrl &url, const QString &proxy, int retries, int timeout,
+                        bool ownConnection) override;
     void checkGetFilePrerequisitions() override;
     int createFileRequest(QString path, QFile *file) override;
 

@@ -33,8 +33,11 @@ public:
     virtual void initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                     int timeout) = 0;
     // Connects as a further stream to a server whose connection another stream has proven to
-    // carry many requests at once; a protocol without that connects as usual.
-    virtual void joinConnection(const QUrl &url, const QString &proxy, int retries, int timeout)
+    // carry many requests at once; a protocol without that connects as usual. A stream with
+    // ownConnection keeps its right to a connection of its own, where a server it is sent on to
+    // does not multiplex.
+    virtual void joinConnection(const QUrl &url, const QString &proxy, int retries, int timeout,
+                                bool /*ownConnection*/)
     {
         initiateConnection(url, proxy, retries, timeout);
     }

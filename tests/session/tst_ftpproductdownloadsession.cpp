@@ -101,7 +101,8 @@ private:
     QTcpServer silent;
     // The proxy of an "https-proxied" mirror, for the row that has one.
     std::unique_ptr<LoopbackServer> proxy;
-    // Where an "https-redirected" mirror sends every request: HTTPS without HTTP/2.
+    // Where an "https-redirected" mirror sends every request: HTTPS without HTTP/2, each
+    // response at 200 kB/s, so that the streams' transfers there overlap.
     std::unique_ptr<LoopbackServer> redirectTarget;
 };
 
@@ -228,7 +229,8 @@ std::unique_ptr<LoopbackServer> tst_FTPProductDownloadSession::startMirror(const
         if (kind == "https-proxied")
             proxy = LoopbackServer::proxy();
         if (kind == "https-redirected")
-            redirectTarget = LoopbackServer::nginx(root, &certificates, {}, false);
+            redirectTarget =
+                    LoopbackServer::nginx(root, &certificates, "limit_rate 200000;", false);
         QHash<QString, QString> directives{
                 {"https-slow", "limit_rate 30000;"},
                 {"https-goaway", "keepalive_requests 3;"},
