@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Times updates with real releases over an emulated link: 20 Mbit/s, 40 ms of round trip.
 
-usage: bench/link.py [--rounds N] [--only libreoffice,resume,many,mirrors] [--tiny] ...
+usage: bench/link.py [--rounds N] [--only libreoffice,resume,many,mirrors,redirect] [--tiny] ...
 
 Everything runs in a network namespace of its own: its loopback is throttled by tbf, and a
 delaying relay (bench/relay.py) stands between every client and nginx, counting the bytes it
@@ -93,10 +93,11 @@ class Link:
     the relay's client side crosses the throttled loopback, so every byte is paid for once."""
 
     def __init__(self, root, work, namespace, delay_ms, tls=None, rate=None,
-                 requests=bench.KEEPALIVE_REQUESTS):
-        """tls: (certificate, key) makes nginx speak HTTPS with HTTP/2 by ALPN; rate (bytes a
-        second) holds this mirror below the link's rate; requests: how many a connection
-        carries before nginx ends it."""
+                 requests=bench.KEEPALIVE_REQUESTS, http2=True, redirect=None):
+        """tls: (certificate, key) makes nginx speak HTTPS, with HTTP/2 by ALPN unless http2 is
+        false; rate (bytes a second) holds this mirror below the link's rate; requests: how many
+        a connection carries before nginx ends it; redirect: a URL every request is sent on to,
+        its path appended."""
         self.processes = []
         self.scheme = "https" if tls else "http"
         self.launcher = list(namespace.launcher)
@@ -109,8 +110,10 @@ class Link:
         if tls:
             # TLS 1.3 as Debian's own nginx.conf has it (and nginx's default since 1.23.4); the
             # compiled default of Debian 12's nginx 1.22 stops at 1.2, a round trip more.
-            listen += (" ssl http2; ssl_certificate %s; ssl_certificate_key %s;"
-                       " ssl_protocols TLSv1.2 TLSv1.3" % tls)
+            listen += (" ssl%s; ssl_certificate %s; ssl_certificate_key %s;"
+                       " ssl_protocols TLSv1.2 TLSv1.3" % ((" http2" if http2 else "",) + tls))
+        if redirect:
+            listen += "; return 302 %s$request_uri" % redirect.rstrip("/")
         config.write_text(bench.NGINX_CONFIG.format(work=work, listen=listen, root=root,
                                                     requests=requests))
         nginx = self.start(["/usr/sbin/nginx", "-p", str(work), "-c", str(config), "-e", "stderr"],
@@ -685,6 +688,36 @@ def mirrors_case(ctx, namespace, root, args, tls, bundle):
     return tables
 
 
+def redirect_case(ctx, namespace, root, args, tls, bundle):
+    """The many workload's release from an HTTP/2 mirror that redirects every request to an HTTPS
+    server without HTTP/2 on the same link (a download redirector in front of plain mirrors),
+    beside that server reached directly."""
+    entries = bench.read_product_list(root / "mirror" / "many" / VERSION / (CLIENT_TYPE + ".ini"))
+    tables = []
+    for delay in args.delays:
+        target = Link(root / "mirror", ctx.work / "nginx-target", namespace, delay, tls=tls,
+                      http2=False)
+        front = Link(root / "mirror", ctx.work / "nginx-front", namespace, delay, tls=tls,
+                     redirect="https://127.0.0.1:%d" % target.port)
+        try:
+            launcher = trusting(namespace.launcher, bundle)
+            contenders = [("updater, redirected", lambda rnd: run_updater_at(
+                              ctx, launcher, [front.url("many")], rnd)),
+                          ("updater, HTTP/1.1 server directly", lambda rnd: run_updater_at(
+                              ctx, launcher, [target.url("many")], rnd))]
+            if ctx.baseline:
+                contenders.append(("updater before, redirected", lambda rnd: run_updater_at(
+                    ctx, launcher, [front.url("many")], rnd, ctx.baseline)))
+            label = "redirect %s %d ms" % (args.many_package.split("=")[0], 2 * delay)
+            results = time_contenders(ctx, label, contenders, args.rounds, root / "files",
+                                      [front, target])
+        finally:
+            front.stop()
+            target.stop()
+        tables.append((label, len(entries), sum(e.size for e in entries), results))
+    return tables
+
+
 def report_link_tables(tables, rate):
     for label, count, size, results in tables:
         limit = size / rate_bytes(rate)
@@ -752,7 +785,8 @@ def report_resume(resume):
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--only", help="comma-separated: libreoffice, resume, many, mirrors")
+    parser.add_argument("--only",
+                        help="comma-separated: libreoffice, resume, many, mirrors, redirect")
     parser.add_argument("--tiny", action="store_true",
                         help="a few synthetic files and a 4 MiB resume, one round")
     parser.add_argument("--build-dir", type=Path, default=bench.REPO / "build-bench")
@@ -767,7 +801,8 @@ def parse_arguments():
     parser.add_argument("--baseline-update", type=Path,
                         help="an earlier update binary, timed beside this one in many")
     parser.add_argument("--many-delays", default="20,50",
-                        help="ms held in each direction for the many and mirrors workloads")
+                        help="ms held in each direction for the many, mirrors and redirect "
+                        "workloads")
     parser.add_argument("--many-package", default=MANY_PACKAGE,
                         help="the Debian package (NAME=VERSION) whose files the many workload "
                         "installs")
@@ -856,13 +891,16 @@ def main():
                           else None, contenders=args.contenders)
         if update:
             results = run_update(ctx, update, args.rounds)
-        if "many" in names or "mirrors" in names:
+        if {"many", "mirrors", "redirect"} & set(names):
             tls, bundle = make_test_ca(work / "ca")
-        if "many" in names:
+        if {"many", "redirect"} & set(names):
             deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve(),
                                  args.many_package)
             many = prepare_many(work, publisher, deb, dereference, options)
+        if "many" in names:
             tables += many_case(ctx, namespace, many, args, tls, bundle)
+        if "redirect" in names:
+            tables += redirect_case(ctx, namespace, many, args, tls, bundle)
         if "mirrors" in names:
             release = bench.prepare_release(MIRRORS_RELEASE, work, publisher)
             tables += mirrors_case(ctx, namespace, release, args, tls, bundle)
