@@ -101,6 +101,7 @@ public:
         qint64 expectedLength = -1;
         qint64 maxLength = -1;
         qint64 offset = 0;
+        bool ownConnection = true;
     };
 
     explicit Private(CurlTransport *q);
@@ -265,7 +266,8 @@ void CurlTransport::Private::startNext()
     switch (current->kind) {
     case Kind::Connect:
         server = current->server;
-        claimOwnConnection();
+        if (current->ownConnection)
+            claimOwnConnection();
         if (isFtp())
             startFtpSession();
         else
@@ -770,11 +772,12 @@ void CurlTransport::setStallTimeout(int seconds)
     d->stallTimeout = seconds;
 }
 
-int CurlTransport::connectToHost(const QUrl &server)
+int CurlTransport::connectToHost(const QUrl &server, bool ownConnection)
 {
     Private::Command command;
     command.kind = Private::Kind::Connect;
     command.server = serverRoot(server);
+    command.ownConnection = ownConnection;
     return d->enqueue(command);
 }
 

@@ -41,11 +41,12 @@ public:
     void setStallTimeout(int seconds);
 
     // The server is reached: for HTTP a HEAD of the URL (its status is ignored); for FTP the
-    // greeting. An FTP log-in queued right behind is done on the same connection.
-    int connectToHost(const QUrl &server);
+    // greeting. An FTP log-in queued right behind is done on the same connection. Without
+    // ownConnection this transport's transfers wait for the others' connections to a server
+    // that turns out not to multiplex (where a redirect leads) rather than open one.
+    int connectToHost(const QUrl &server, bool ownConnection = true);
     // Gets go to server without a connect step: another transport of this process has just
-    // reached it over a connection they share. With ownConnection this one still has a
-    // connection of its own where the server turns out not to multiplex, as after a connect step.
+    // reached it over a connection they share. ownConnection as for connectToHost().
     void joinHost(const QUrl &server, bool ownConnection);
     // For FTP the log-in itself (empty user: anonymous); for HTTP the credentials of later gets.
     int login(const QString &user, const QString &password);

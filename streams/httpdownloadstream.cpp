@@ -34,10 +34,7 @@ int HTTPDownloadStream::kind() const
 void HTTPDownloadStream::initiateConnection(const QUrl &url, const QString &proxy, int retries,
                                             int timeout)
 {
-    prepareTransport(url, proxy, retries, timeout);
-    connectRequestId = transport->connectToHost(serverOf(url));
-    loginRequestId =
-            url.userName().isEmpty() ? -1 : transport->login(url.userName(), url.password());
+    connectTransport(url, proxy, retries, timeout, true);
 }
 
 void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, int retries,
@@ -45,7 +42,7 @@ void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, i
 {
     // Credentials are handed over by the connect step's log-in.
     if (!url.userName().isEmpty()) {
-        initiateConnection(url, proxy, retries, timeout);
+        connectTransport(url, proxy, retries, timeout, ownConnection);
         return;
     }
     prepareTransport(url, proxy, retries, timeout);
@@ -58,6 +55,15 @@ void HTTPDownloadStream::joinConnection(const QUrl &url, const QString &proxy, i
             && enterState(DownloadStream_Connected))
             emit connected();
     });
+}
+
+void HTTPDownloadStream::connectTransport(const QUrl &url, const QString &proxy, int retries,
+                                          int timeout, bool ownConnection)
+{
+    prepareTransport(url, proxy, retries, timeout);
+    connectRequestId = transport->connectToHost(serverOf(url), ownConnection);
+    loginRequestId =
+            url.userName().isEmpty() ? -1 : transport->login(url.userName(), url.password());
 }
 
 void HTTPDownloadStream::prepareTransport(const QUrl &url, const QString &proxy, int retries,

@@ -24,5 +24,7 @@ public slots:
     void onDataReadProgress(qint64 done, qint64 total);
 
 private:
+    void connectTransport(const QUrl &url, const QString &proxy, int retries, int timeout,
+                          bool ownConnection);
     void prepareTransport(const QUrl &url, const QString &proxy, int retries, int timeout);
 };
