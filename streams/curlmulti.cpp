@@ -5,6 +5,8 @@
 #include <utility>
 #include <vector>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -268,7 +270,19 @@ void CurlMulti::watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_
         return;
     notifier = std::make_unique<QSocketNotifier>(socket, type);
     QObject::connect(notifier.get(), &QSocketNotifier::activated, notifier.get(),
-                     [this, socket, events] { socketAction(socket, events); });
+                     [this, socket, events] {
+                         if (quickAcks && events == CURL_CSELECT_IN)
+                             acknowledgeNow(socket);
+                         socketAction(socket, events);
+                     });
+}
+
+// Sends the acknowledgement of what has arrived now rather than up to 40 ms later, and keeps
+// acknowledging at once for a while.
+void CurlMulti::acknowledgeNow(curl_socket_t socket)
+{
+    const int on = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
 }
 
 void CurlMulti::scheduleCurlTimer(long timeoutMs)

@@ -48,6 +48,11 @@ public:
     void noteResponse(bool overHttp2);
     void addOwnConnection();
     void removeOwnConnection();
+    // The transfers go through a proxy. A proxy that relays without TCP_NODELAY holds the last
+    // small segment of a response until the ones before are acknowledged, which Linux delays by
+    // up to 40 ms: over a kept-alive HTTP/1.1 connection, a wait for every file. The replies are
+    // then acknowledged as they are read.
+    void acknowledgeAtOnce() { quickAcks = true; }
     CURLMcode add(CURL *easy, Client *client);
     void remove(CURL *easy);
     // How long the call into libcurl now running has taken; 0 outside one. libcurl 7.88 waits
@@ -86,6 +91,7 @@ private:
     void watchDirection(std::unique_ptr<QSocketNotifier> &notifier, curl_socket_t socket,
                         QSocketNotifier::Type type, bool wanted, int events);
     void scheduleCurlTimer(long timeoutMs);
+    static void acknowledgeNow(curl_socket_t socket);
     void applyConnectionLimit();
 
     CURLM *multi = nullptr;
@@ -94,6 +100,7 @@ private:
     bool seenHttp2 = false;
     int ownConnections = 0;
     long connectionLimit = 0;
+    bool quickAcks = false;
     std::map<curl_socket_t, SocketWatch> sockets;
     // Every connection's socket, watched or idle, until libcurl closes it.
     std::set<curl_socket_t> openSockets;

@@ -334,6 +334,8 @@ void CurlTransport::Private::startTransfer(const QUrl &url, bool headOnly)
         finish(TransferFailed, curlErrorText(setup));
         return;
     }
+    if (!proxyAddress.isEmpty())
+        multi->acknowledgeAtOnce();
     const CURLMcode added = multi->add(easy, this);
     if (added != CURLM_OK) {
         finish(TransferFailed, QString::fromUtf8(curl_multi_strerror(added)));
