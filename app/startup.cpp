@@ -17,7 +17,6 @@
 
 #include <QApplication>
 #include <QLocale>
-#include <QTimer>
 #include <QTranslator>
 
 #include <cstdio>
@@ -129,14 +128,8 @@ std::unique_ptr<MainWindow> startMainWindow(const QStringList &arguments)
     for (const QString &line : recovery)
         window->onAppendText(line);
     window->show();
-    if (options.runMode == CommandLineOptions::Unattended) {
-        auto *autoStart = new QTimer(window.get());
-        autoStart->setSingleShot(true);
-        autoStart->setInterval(autoStartDelayMs);
-        QObject::connect(autoStart, &QTimer::timeout, window.get(),
-                         &MainWindow::on_startButton_clicked);
-        autoStart->start();
-    }
+    if (options.runMode == CommandLineOptions::Unattended)
+        window->startAfter(autoStartDelayMs);
     return window;
 }
 

@@ -16,6 +16,9 @@
 namespace {
 
 constexpr long connectTimeoutSeconds = 30;
+// A connection made ahead keeps the first transports to its server waiting for it: one that takes
+// longer is no help, and a server that does not answer must not cost much more than its timeout.
+constexpr long aheadConnectTimeoutSeconds = 3;
 constexpr long defaultStallTimeoutSeconds = 60;
 constexpr long maximumRedirects = 5;
 constexpr int defaultProxyPort = 3128;
@@ -102,6 +105,8 @@ public:
         qint64 maxLength = -1;
         qint64 offset = 0;
         bool ownConnection = true;
+        // A connect step that never sends its request: a connection made ahead.
+        bool handshakeOnly = false;
     };
 
     explicit Private(CurlTransport *q);
@@ -266,6 +271,10 @@ void CurlTransport::Private::startNext()
     switch (current->kind) {
     case Kind::Connect:
         server = current->server;
+        if (current->handshakeOnly && (!mayMultiplex() || !proxyAddress.isEmpty())) {
+            finish(TransferFailed, QStringLiteral("No connection is made ahead here"));
+            break;
+        }
         if (current->ownConnection)
             claimOwnConnection();
         if (isFtp())
@@ -366,7 +375,9 @@ void CurlTransport::Private::setTransferOptions(EasyOptions &options, const QUrl
     options.set(CURLOPT_ERRORBUFFER, errorBuffer);
     options.set(CURLOPT_PROTOCOLS_STR, "http,https,ftp");
     options.set(CURLOPT_NOBODY, headOnly ? 1L : 0L);
-    options.set(CURLOPT_CONNECTTIMEOUT, connectTimeoutSeconds);
+    options.set(CURLOPT_CONNECTTIMEOUT, current && current->handshakeOnly
+                                                ? aheadConnectTimeoutSeconds
+                                                : connectTimeoutSeconds);
     options.set(CURLOPT_LOW_SPEED_LIMIT, 1L);
     options.set(CURLOPT_LOW_SPEED_TIME, stallTimeout);
     options.set(CURLOPT_HEADERFUNCTION, headerCallback);
@@ -644,7 +655,8 @@ int CurlTransport::Private::connectedCallback(void *userp, char *, char *, int, 
 {
     auto *self = static_cast<Private *>(userp);
     self->reachedOverHttp2 = self->negotiatedHttp2();
-    return self->reachedOverHttp2 ? CURL_PREREQFUNC_ABORT : CURL_PREREQFUNC_OK;
+    return self->reachedOverHttp2 || self->current->handshakeOnly ? CURL_PREREQFUNC_ABORT
+                                                                  : CURL_PREREQFUNC_OK;
 }
 
 bool CurlTransport::Private::negotiatedHttp2() const
@@ -780,6 +792,16 @@ int CurlTransport::connectToHost(const QUrl &server, bool ownConnection)
     command.kind = Private::Kind::Connect;
     command.server = serverRoot(server);
     command.ownConnection = ownConnection;
+    return d->enqueue(command);
+}
+
+int CurlTransport::connectAhead(const QUrl &server)
+{
+    Private::Command command;
+    command.kind = Private::Kind::Connect;
+    command.server = serverRoot(server);
+    command.ownConnection = false;
+    command.handshakeOnly = true;
     return d->enqueue(command);
 }
 

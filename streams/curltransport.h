@@ -45,6 +45,11 @@ public:
     // ownConnection this transport's transfers wait for the others' connections to a server
     // that turns out not to multiplex (where a redirect leads) rather than open one.
     int connectToHost(const QUrl &server, bool ownConnection = true);
+    // Makes a connection to an https server ahead of the transports that will use it: the TLS
+    // handshake and no request. Where the server chose HTTP/2 the connection stays for them;
+    // otherwise it is let go. Not through a proxy, where libcurl 7.88 takes an idle tunnel with
+    // the server's first frames unread for dead. Fails unless the server multiplexes.
+    int connectAhead(const QUrl &server);
     // Gets go to server without a connect step: another transport of this process has just
     // reached it over a connection they share. ownConnection as for connectToHost().
     void joinHost(const QUrl &server, bool ownConnection);

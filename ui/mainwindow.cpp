@@ -8,6 +8,7 @@
 #include <QProcess>
 #include <QScrollBar>
 #include <QTextCursor>
+#include <QTimer>
 #include <QTimerEvent>
 
 #include <cstdio>
@@ -77,6 +78,15 @@ void MainWindow::connectRun()
     connect(&run, &UpdateRun::installProgress, this, &MainWindow::onProgressUpdate);
     connect(&run, &UpdateRun::updateFinished, this, &MainWindow::onUpdateFinished);
     run.setQuestion([this](const QString &text) { return askAboutFile(text); });
+}
+
+void MainWindow::startAfter(int delayMs)
+{
+    auto *autoStart = new QTimer(this);
+    autoStart->setSingleShot(true);
+    connect(autoStart, &QTimer::timeout, this, &MainWindow::on_startButton_clicked);
+    autoStart->start(delayMs);
+    run.prepareStart();
 }
 
 void MainWindow::on_startButton_clicked()

@@ -24,6 +24,8 @@ class MainWindow : public QWidget
 
 public:
     explicit MainWindow(const CommandLineOptions &commandLineOptions);
+    // Presses the start button after delayMs, without a click; the run prepares meanwhile.
+    void startAfter(int delayMs);
 
 public slots:
     void on_startButton_clicked();

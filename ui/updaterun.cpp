@@ -2,6 +2,7 @@
 
 #include "app/apppaths.h"
 #include "app/commandlineoptions.h"
+#include "session/connectionwarmup.h"
 #include "session/ftpproductdownloadsession.h"
 #include "tasks/productlist.h"
 #include "ui/workingdirectory.h"
@@ -61,6 +62,11 @@ UpdateRun::~UpdateRun()
     if (session)
         installation->abandonStaging();
     delete session;
+}
+
+void UpdateRun::prepareStart()
+{
+    warmup = std::make_unique<ConnectionWarmup>(appFilePath(mirrorsFileName), dataFile.path());
 }
 
 bool UpdateRun::start()
@@ -227,10 +233,16 @@ void UpdateRun::createSession()
             [this](const FileSpecification &file) { installation->prestage(file, tempDir); });
 }
 
-void UpdateRun::onProcessCancelled()
+void UpdateRun::endSession()
 {
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
+    warmup.reset();
+}
+
+void UpdateRun::onProcessCancelled()
+{
+    endSession();
     installation->abandonStaging();
     dropUnrecordedWorkingDir();
     emit processCancelled();
@@ -246,7 +258,7 @@ void UpdateRun::dropUnrecordedWorkingDir()
 
 void UpdateRun::onDownloadFinished()
 {
-    delete std::exchange(session, nullptr);
+    endSession();
     emit downloadFinished();
     // The previous version stands when the installation fails; the downloaded files and the
     // record stay for a restart.

@@ -7,6 +7,9 @@
 #include <QObject>
 #include <QString>
 
+#include <memory>
+
+class ConnectionWarmup;
 class DirectoryUpdate;
 class FTPProductDownloadSession;
 
@@ -22,6 +25,8 @@ public:
     UpdateRun(const QString &clientType, int clientVersion, bool announced, bool unattended);
     ~UpdateRun() override;
 
+    // The start is certain and near: the first mirror is reached meanwhile.
+    void prepareStart();
     // Starts a download; false, after refused(), when nothing could be started.
     bool start();
     bool isRunning() const { return session != nullptr; }
@@ -56,6 +61,7 @@ private:
     bool refusesDowngrade();
     void removeStaleSession(const QString &version, const QString &dir);
     void createSession();
+    void endSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
                                         bool resume) const;
     // The run goes on without what update.ini should have kept; the log says what is lost.
@@ -76,6 +82,7 @@ private:
     bool unattended = false;
     UpdateDataFile dataFile;
     FTPProductDownloadSession *session = nullptr;
+    std::unique_ptr<ConnectionWarmup> warmup;
     // Stages each file as it arrives, and installs the version once all are there.
     DirectoryUpdate *installation = nullptr;
     QString tempDir;

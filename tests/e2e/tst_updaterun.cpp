@@ -325,7 +325,8 @@ private slots:
 
     // A signed release over HTTPS, its certificate trusted as the system's own store (bound over
     // it in the run's own mount namespace): it arrives whole, every request of the release on one
-    // connection.
+    // connection, the one made while the run waited to start (nginx counts the test's probe
+    // first): no handshake is made twice.
     void overHttps()
     {
         TestCertificates certificates;
@@ -340,12 +341,12 @@ private slots:
         const QString bindCa =
                 "mount --bind \"$0\" /etc/ssl/certs/ca-certificates.crt && exec \"$@\"";
         launcher = QStringList{"unshare", "--mount", "sh", "-c", bindCa, certificates.caFile};
-        QVERIFY(runs(0, "Update finished, version: 12"));
+        QVERIFY(runs(0, "Update finished, version: 12", {"--nouser", "client_linux_amd64", "12"}));
         QStringList connections;
         for (const QString &line : https->logLines().filter(" /12"))
             connections << line.section(' ', 0, 0);
         connections.removeDuplicates();
-        QCOMPARE(connections.size(), 1);
+        QCOMPARE(connections, QStringList{"2"});
         verifyInstalled(true);
     }
 
