@@ -8,6 +8,7 @@
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QSignalSpy>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -107,6 +108,7 @@ private slots:
     void redirectsKeepTls();
     void everyStreamKeepsItsConnection();
     void misplacedRangeOverHttp2();
+    void connectionMadeAheadAsksNothing();
     void unansweringFtpServer_data();
     void unansweringFtpServer();
     void endingFromOwnSignal_data();
@@ -453,6 +455,30 @@ void tst_DownloadStreams::misplacedRangeOverHttp2()
     for (const QString &line : faults->logLines().mid(logStart))
         asked << line.section(' ', 3);
     QCOMPARE(asked, QStringList({"misrange:4000 bytes=8000-", "ok"}));
+}
+
+// A connection made ahead sends no request: one to a server without HTTP/2 is let go after its
+// handshake, and none is made through a proxy, where it would only be taken for dead.
+void tst_DownloadStreams::connectionMadeAheadAsksNothing()
+{
+    const auto server = LoopbackServer::nginx(root.path(), &certificates, {}, false);
+    QVERIFY(server);
+    QUrl tinyproxy(proxy->url("http"));
+    tinyproxy.setUserName(LoopbackServer::proxyUser);
+    tinyproxy.setPassword(LoopbackServer::proxyPassword);
+    for (const QUrl &through : {QUrl(), tinyproxy}) {
+        CurlTransport transport;
+        transport.setTrustedCaFile(certificates.caFile);
+        transport.setProxy(through);
+        QSignalSpy finished(&transport, &CurlTransport::commandFinished);
+        transport.connectAhead(QUrl(server->url("https", "/pub/")));
+        QTRY_COMPARE(finished.size(), 1);
+        QVERIFY(finished.first().at(1).toBool());
+    }
+    QCOMPARE(server->logLines(), QStringList());
+    const QUrl target(server->url("https", "/"));
+    QCOMPARE(proxy->logLines().filter(QStringLiteral("CONNECT 127.0.0.1:%1").arg(target.port())),
+             QStringList());
 }
 
 // libcurl would wait a minute for the reply inside its call, the whole event loop standing still.
