@@ -113,6 +113,7 @@ public:
     ~Private();
 
     int enqueue(Command command);
+    int enqueueConnect(const QUrl &server, bool ownConnection, bool handshakeOnly);
     void scheduleStart();
     void startNext();
     void startFtpSession();
@@ -253,6 +254,17 @@ int CurlTransport::Private::enqueue(Command command)
     pending.push_back(command);
     scheduleStart();
     return command.id;
+}
+
+int CurlTransport::Private::enqueueConnect(const QUrl &server, bool ownConnection,
+                                           bool handshakeOnly)
+{
+    Command command;
+    command.kind = Kind::Connect;
+    command.server = serverRoot(server);
+    command.ownConnection = ownConnection;
+    command.handshakeOnly = handshakeOnly;
+    return enqueue(command);
 }
 
 void CurlTransport::Private::scheduleStart()
@@ -788,21 +800,12 @@ void CurlTransport::setStallTimeout(int seconds)
 
 int CurlTransport::connectToHost(const QUrl &server, bool ownConnection)
 {
-    Private::Command command;
-    command.kind = Private::Kind::Connect;
-    command.server = serverRoot(server);
-    command.ownConnection = ownConnection;
-    return d->enqueue(command);
+    return d->enqueueConnect(server, ownConnection, false);
 }
 
 int CurlTransport::connectAhead(const QUrl &server)
 {
-    Private::Command command;
-    command.kind = Private::Kind::Connect;
-    command.server = serverRoot(server);
-    command.ownConnection = false;
-    command.handshakeOnly = true;
-    return d->enqueue(command);
+    return d->enqueueConnect(server, false, true);
 }
 
 void CurlTransport::joinHost(const QUrl &server, bool ownConnection)
