@@ -2,6 +2,7 @@
 
 #include "app/apppaths.h"
 #include "app/updatesettings.h"
+#include "session/connectionwarmup.h"
 #include "session/downloadstream.h"
 #include "session/trustedkeys.h"
 #include "streams/singlefiledownloadstream.h"
@@ -65,6 +66,11 @@ FTPProductDownloadSession::FTPProductDownloadSession()
 // object, which tears its transport down, and signals still queued for the record are dropped
 // with it. Nothing of theirs can reach the session afterwards.
 FTPProductDownloadSession::~FTPProductDownloadSession() = default;
+
+void FTPProductDownloadSession::holdWarmConnection(std::unique_ptr<ConnectionWarmup> warmup)
+{
+    warmConnection = std::move(warmup);
+}
 
 bool FTPProductDownloadSession::initialize(const InitialParameters &p)
 {
@@ -634,6 +640,8 @@ void FTPProductDownloadSession::onStreamMessage(int s, const QString &text)
 
 void FTPProductDownloadSession::onFailedToConnect(int s, const QString &text)
 {
+    if (s == 0)
+        warmConnection.reset();
     emit message(tr("Stream %1 got error %2").arg(QString::number(s), text));
     changeStreamMirror(s);
 }
@@ -641,6 +649,8 @@ void FTPProductDownloadSession::onFailedToConnect(int s, const QString &text)
 void FTPProductDownloadSession::onConnected(int s)
 {
     emit message(QString("Stream %1 connected").arg(s));
+    if (s == 0)
+        warmConnection.reset();
     if (state == SessionRetrievingList && startPrefetch(s))
         return;
     DownloadStream *record = streams[s].get();
@@ -835,7 +845,7 @@ void FTPProductDownloadSession::requestListFile()
             releaseFetchStepFinished(streams[prefetch.stream]->stream->getDestFilePath());
             return;
         case Prefetch::Failed:
-            prefetches.remove(name);
+            // Kept, so that its stream is let go with the others when the mirror is left.
             onFileError(0, prefetch.error, prefetch.text);
             return;
         }

@@ -21,6 +21,7 @@
 #include <memory>
 #include <vector>
 
+class ConnectionWarmup;
 class DownloadStream;
 
 // Downloads one product version, its file list first and then every listed file that is not
@@ -39,6 +40,10 @@ public:
     // Reads the mirror list and the update settings; true when at least one mirror is listed.
     bool initialize(const InitialParameters &p);
     void startUpdate();
+    // The connection made to the first mirror while the run waited, kept until the first stream
+    // has reached its mirror or failed to. Held longer, it would keep a mirror the session leaves
+    // connected, and its server sending what the session no longer wants.
+    void holdWarmConnection(std::unique_ptr<ConnectionWarmup> warmup);
     // The owner handles the user's cancel itself.
     void cancelUpdate() {}
     // Loads a product file list into a fresh task; true when it lists at least one file.
@@ -198,6 +203,7 @@ private:
     QTimer takeoverTimer;
     QTimer mirrorWatch;
     std::vector<std::unique_ptr<DownloadStream>> streams;
+    std::unique_ptr<ConnectionWarmup> warmConnection;
 };
 
 // directory + "/" + name.

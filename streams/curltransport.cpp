@@ -31,6 +31,7 @@ constexpr qint64 blockingCallLimitMs = 1000;
 
 // Ids are unique in the process, so an id kept from an earlier transport never matches a new one.
 int lastCommandId = 0;
+QString defaultCaFile;
 
 bool isSupportedProxyScheme(const QString &scheme)
 {
@@ -170,7 +171,7 @@ public:
     QString proxyError;
     QString proxyUser;
     QString proxyPassword;
-    QString caFile;
+    QString caFile = defaultCaFile;
     long stallTimeout = defaultStallTimeoutSeconds;
 
     // An FTP log-in queued right behind the connect is done by the connect's own transfer;
@@ -791,6 +792,11 @@ void CurlTransport::setProxy(const QUrl &proxy)
 void CurlTransport::setTrustedCaFile(const QString &path)
 {
     d->caFile = path;
+}
+
+void CurlTransport::setDefaultTrustedCaFile(const QString &path)
+{
+    defaultCaFile = path;
 }
 
 void CurlTransport::setStallTimeout(int seconds)

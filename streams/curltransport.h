@@ -37,6 +37,8 @@ public:
     void setProxy(const QUrl &proxy);
     // Trusts the certificates in this PEM file instead of the system store.
     void setTrustedCaFile(const QString &path);
+    // For tests only: the same for every transport made afterwards, a session's included.
+    static void setDefaultTrustedCaFile(const QString &path);
     // A transfer that receives nothing for this long fails.
     void setStallTimeout(int seconds);
 

@@ -19,7 +19,6 @@ constexpr qint64 maxUncheckedLength = 64 * 1024 * 1024;
 
 SingleFileDownloadStream::SingleFileDownloadStream(const QString &destDir)
     : destDir(destDir)
-    , trustedCaFile(defaultTrustedCaFile)
 {
     repeatTimer.setSingleShot(true);
     finishTimer.setSingleShot(true);
@@ -95,16 +94,9 @@ void SingleFileDownloadStream::setStallTimeout(int seconds)
     stallTimeout = seconds;
 }
 
-QString SingleFileDownloadStream::defaultTrustedCaFile;
-
 void SingleFileDownloadStream::setTrustedCaFile(const QString &path)
 {
     trustedCaFile = path;
-}
-
-void SingleFileDownloadStream::setDefaultTrustedCaFile(const QString &path)
-{
-    defaultTrustedCaFile = path;
 }
 
 void SingleFileDownloadStream::onDataTransferProgress(qint64 done, qint64 total)

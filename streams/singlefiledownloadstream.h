@@ -60,8 +60,6 @@ public:
     void setRepeatTimeUnit(int milliseconds);
     void setStallTimeout(int seconds);
     void setTrustedCaFile(const QString &path);
-    // The same for every stream made afterwards, those a session makes included.
-    static void setDefaultTrustedCaFile(const QString &path);
 
 signals:
     void stateChanged(DownloadStream_State state);
@@ -143,5 +141,4 @@ private:
     int repeatTimeUnit = 1000;
     int stallTimeout = 0;
     QString trustedCaFile;
-    static QString defaultTrustedCaFile;
 };

@@ -113,6 +113,7 @@ bool UpdateRun::start()
     tempDir = workingDir;
     // A session without mirrors reports that itself, through its signals.
     session->initialize(parameters);
+    session->holdWarmConnection(std::move(warmup));
     session->startUpdate();
     return true;
 }
@@ -237,7 +238,6 @@ void UpdateRun::endSession()
 {
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
-    warmup.reset();
 }
 
 void UpdateRun::onProcessCancelled()

@@ -2,7 +2,8 @@
 
 #include "app/apppaths.h"
 #include "app/randomgenerator.h"
-#include "streams/singlefiledownloadstream.h"
+#include "session/connectionwarmup.h"
+#include "streams/curltransport.h"
 #include "streams/transportlibrary.h"
 #include "tests/support/loopbackserver.h"
 #include "tests/support/testfiles.h"
@@ -69,6 +70,22 @@ qsizetype connectionCount(const QStringList &requests)
         connections << request.section(' ', 0, 0);
     connections.removeDuplicates();
     return connections.size();
+}
+
+// Connections of this machine to a loopback port that are open at both ends.
+int establishedConnectionsTo(int port)
+{
+    QFile table("/proc/net/tcp");
+    if (!table.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray remote =
+            "0100007F:" + QByteArray::number(port, 16).toUpper().rightJustified(4, '0');
+    int count = 0;
+    for (const QByteArray &line : table.readAll().split('\n')) {
+        const QList<QByteArray> fields = line.simplified().split(' ');
+        count += fields.size() > 3 && fields.at(2) == remote && fields.at(3) == "01";
+    }
+    return count;
 }
 
 } // namespace
@@ -165,7 +182,7 @@ void tst_FTPProductDownloadSession::initTestCase()
     seedRandomGenerator();
     QVERIFY(silent.listen(QHostAddress::LocalHost));
     QVERIFY(makeTestCertificates(published.path(), &certificates));
-    SingleFileDownloadStream::setDefaultTrustedCaFile(certificates.caFile);
+    CurlTransport::setDefaultTrustedCaFile(certificates.caFile);
     QTemporaryDir release;
     for (auto file = releaseFiles().begin(); file != releaseFiles().end(); ++file)
         QVERIFY(writeTestFile(release.filePath(file.key()), file.value()));
@@ -411,11 +428,14 @@ void tst_FTPProductDownloadSession::download()
     QStringList urls;
     std::vector<std::unique_ptr<LoopbackServer>> servers;
     QHash<int, int> waits;
+    QList<int> listlessPorts;
     for (const QString &kind : mirrors.split(' ', Qt::SkipEmptyParts)) {
         if (kind.contains('@'))
             waits[int(servers.size())] = kind.section('@', 1).toInt();
         servers.push_back(startMirror(kind.section('@', 0, 0), &urls));
         QVERIFY(kind == "unsupported" || servers.back());
+        if (kind == "https-list-missing")
+            listlessPorts << QUrl(urls.last()).port();
     }
     InitialParameters parameters;
     parameters.productListName = productName;
@@ -445,13 +465,20 @@ void tst_FTPProductDownloadSession::download()
     connect(session.get(), &Session::message, &owner, [&](const QString &text) { log << text; });
     connect(session.get(), &Session::progressCount, &owner,
             [&](quint64 done, quint64 total) { progress = qMakePair(done, total); });
+    // A mirror left for its list keeps none of the session's connections, the one made ahead
+    // of its start included: its server would go on sending what nobody reads.
+    int openToListless = 0;
     const auto end = [&](const QString &signal) {
         log << signal;
+        for (const int port : std::as_const(listlessPorts))
+            openToListless += establishedConnectionsTo(port);
         session.reset();
     };
     connect(session.get(), &Session::downloadFinished, &owner, [&] { end("downloadFinished"); });
     connect(session.get(), &Session::processCancelled, &owner, [&] { end("processCancelled"); });
     session->initialize(parameters);
+    session->holdWarmConnection(
+            std::make_unique<ConnectionWarmup>(parameters.mirrorsFile, parameters.updateDataFile));
     session->startUpdate();
     QTRY_VERIFY_WITH_TIMEOUT(!session, 60000);
     // Whatever the streams still had queued must go nowhere.
@@ -459,6 +486,7 @@ void tst_FTPProductDownloadSession::download()
     QCoreApplication::processEvents();
 
     QCOMPARE(log.last(), QString(finishes ? "downloadFinished" : "processCancelled"));
+    QCOMPARE(openToListless, 0);
     QCOMPARE(log.count("downloadFinished") + log.count("processCancelled"), 1);
     for (const QString &line : lines) {
         const bool absent = line.startsWith('!');
