@@ -641,30 +641,31 @@ def many_case(ctx, namespace, root, args, tls, bundle):
     return tables
 
 
-def mirrors_case(ctx, namespace, root, args, tls, bundle):
+def mirrors_case(ctx, namespace, served, name, files, args, tls, bundle):
     """Two mirrors of one release, at the link's rate and at SLOW_RATE, each listed first; three,
     the slowest first and a third at MEDIUM_RATE second; and a mirror listed first that drops to
-    SLOW_RATE halfway, the fast one second."""
+    SLOW_RATE halfway, the fast one second. Each mirror serves the directory served, where the
+    release lies in name/; files holds what it installs."""
     tables = []
     for delay, https in itertools.product(args.delays,
                                           (s == "https" for s in args.mirrors_schemes.split(","))):
         tls_now = tls if https else None
-        fast = Link(root, ctx.work / "nginx-fast", namespace, delay, tls=tls_now)
-        slow = Link(root, ctx.work / "nginx-slow", namespace, delay, tls=tls_now,
+        fast = Link(served, ctx.work / "nginx-fast", namespace, delay, tls=tls_now)
+        slow = Link(served, ctx.work / "nginx-slow", namespace, delay, tls=tls_now,
                     rate=rate_bytes(SLOW_RATE))
-        medium = Link(root, ctx.work / "nginx-medium", namespace, delay, tls=tls_now,
+        medium = Link(served, ctx.work / "nginx-medium", namespace, delay, tls=tls_now,
                       rate=rate_bytes(MEDIUM_RATE))
-        fading = Link(root, ctx.work / "nginx-fading", namespace, delay, tls=tls_now)
+        fading = Link(served, ctx.work / "nginx-fading", namespace, delay, tls=tls_now)
         try:
-            urls = [fast.url("mirror"), slow.url("mirror")]
-            entries = bench.read_product_list(root / "mirror" / VERSION / (CLIENT_TYPE + ".ini"))
+            urls = [fast.url(name), slow.url(name)]
+            entries = bench.read_product_list(served / name / VERSION / (CLIENT_TYPE + ".ini"))
             launcher = trusting(namespace.launcher, bundle) if https else namespace.launcher
             # Half the time the link needs for the release.
             half = sum(e.size for e in entries) / rate_bytes(args.rate) / 2
 
             def slowing_first(rnd):
                 fading.fade(half, rate_bytes(SLOW_RATE))
-                return run_updater_at(ctx, launcher, [fading.url("mirror"), urls[0]], rnd)
+                return run_updater_at(ctx, launcher, [fading.url(name), urls[0]], rnd)
             contenders = [
                 ("updater, fast mirror alone",
                  lambda rnd: run_updater_at(ctx, launcher, urls[:1], rnd)),
@@ -672,14 +673,15 @@ def mirrors_case(ctx, namespace, root, args, tls, bundle):
                 ("updater, slow first",
                  lambda rnd: run_updater_at(ctx, launcher, urls[::-1], rnd)),
                 ("updater, three mirrors, slowest first",
-                 lambda rnd: run_updater_at(ctx, launcher, [urls[1], medium.url("mirror"),
+                 lambda rnd: run_updater_at(ctx, launcher, [urls[1], medium.url(name),
                                                             urls[0]], rnd)),
                 ("updater, first slows halfway", slowing_first)]
             if shutil.which("aria2c"):
                 contenders.append(("aria2c -j16, both mirrors",
                                    lambda rnd: run_aria2_at(launcher, urls, entries, rnd)))
-            label = "mirrors %s%d ms" % ("https " if https else "", 2 * delay)
-            results = time_contenders(ctx, label, contenders, args.rounds, root / "files",
+            label = "mirrors %s%s%d ms" % ("many " if name == "many" else "",
+                                           "https " if https else "", 2 * delay)
+            results = time_contenders(ctx, label, contenders, args.rounds, files,
                                       [fast, slow, medium, fading])
         finally:
             for link in (fast, slow, medium, fading):
@@ -810,6 +812,9 @@ def parse_arguments():
                         help="which of the many workload's mirrors to time")
     parser.add_argument("--mirrors-schemes", default="http",
                         help="comma-separated: http, https (HTTP/2)")
+    parser.add_argument("--mirrors-release", choices=["large", "many"], default="large",
+                        help="what the mirrors workload fetches: 20 files of 2 MiB, or the many "
+                             "workload's release")
     parser.add_argument("--keepalive-requests", type=int, default=bench.KEEPALIVE_REQUESTS,
                         help="requests per connection of the many workload's nginx (its own "
                              "default: 1000)")
@@ -893,7 +898,8 @@ def main():
             results = run_update(ctx, update, args.rounds)
         if {"many", "mirrors", "redirect"} & set(names):
             tls, bundle = make_test_ca(work / "ca")
-        if {"many", "redirect"} & set(names):
+        many_mirrors = "mirrors" in names and args.mirrors_release == "many"
+        if {"many", "redirect"} & set(names) or many_mirrors:
             deb = fetch_many_deb((args.downloads or args.build_dir / "downloads").resolve(),
                                  args.many_package)
             many = prepare_many(work, publisher, deb, dereference, options)
@@ -901,9 +907,13 @@ def main():
             tables += many_case(ctx, namespace, many, args, tls, bundle)
         if "redirect" in names:
             tables += redirect_case(ctx, namespace, many, args, tls, bundle)
-        if "mirrors" in names:
+        if many_mirrors:
+            tables += mirrors_case(ctx, namespace, many / "mirror", "many", many / "files", args,
+                                   tls, bundle)
+        elif "mirrors" in names:
             release = bench.prepare_release(MIRRORS_RELEASE, work, publisher)
-            tables += mirrors_case(ctx, namespace, release, args, tls, bundle)
+            tables += mirrors_case(ctx, namespace, release, "mirror", release / "files", args, tls,
+                                   bundle)
         if "resume" in names:
             if use_namespace:
                 resume = resume_case(ctx, 4 * MIB if args.tiny else RESUME_SIZE)
