@@ -49,6 +49,8 @@ constexpr qint64 stoppedMirrorMs = 10000;
 // left again.
 constexpr qint64 stoppedMirrorRetryMs = 10000;
 constexpr int mirrorWatchMs = 250;
+// Several round trips' worth on a fast link, past TCP's slow start.
+constexpr unsigned long long measuredFileBytes = 256 * 1024;
 
 } // namespace
 
@@ -332,6 +334,12 @@ bool FTPProductDownloadSession::leaveSlowMirror(int s)
         || isSilentFor(fastest, silentMirrorMs)) {
         return false;
     }
+    // Without HTTP/2 a rate comes from the few large files, and one measured before the streams
+    // left a mirror is a guess: one stream goes to see, the others follow once it has measured
+    // the mirror anew. Over HTTP/2 every byte measures, and the streams that move find the files
+    // claimed; they are needed there to take files over.
+    if (!carriesManyRequests(m) && mirrors.isStale(fastest) && hasStreamWithMirror(fastest))
+        return false;
     if (s >= baseStreamCount) {
         shutDownStream(s);
         return true;
@@ -468,6 +476,18 @@ void FTPProductDownloadSession::retryTakeovers()
     }
 }
 
+// Over a connection that carries one request at a time a small file takes a round trip whatever
+// the mirror's speed: measured, it would make a fast mirror that happens to get small files look
+// slow, and its streams move to a slower one.
+bool FTPProductDownloadSession::measuresMirror(const DownloadStream &record) const
+{
+    if (record.fileIndex < 0 || !record.stream)
+        return false;
+    unsigned long long size = 0;
+    record.stream->getProgress(nullptr, &size);
+    return size >= measuredFileBytes || carriesManyRequests(record.mirrorIndex);
+}
+
 bool FTPProductDownloadSession::isSilentFor(int m, qint64 ms) const
 {
     return std::any_of(streams.cbegin(), streams.cend(), [this, m, ms](const auto &record) {
@@ -480,8 +500,11 @@ bool FTPProductDownloadSession::isSilentFor(int m, qint64 ms) const
 void FTPProductDownloadSession::watchMirrors()
 {
     for (int m = 0; m < mirrors.size(); ++m) {
-        if (transfersOn(m) > 0)
+        if (std::any_of(streams.cbegin(), streams.cend(), [this, m](const auto &record) {
+                return record->mirrorIndex == m && measuresMirror(*record);
+            })) {
             mirrors.noteDelivered(m, 0);
+        }
         // A mirror tried again gets as long to deliver its first byte, connecting included.
         const bool triedInVain = mirrors.isStopped(m) && hasStreamWithMirror(m)
                                  && mirrors.stoppedMs(m) >= stoppedMirrorMs;
@@ -698,7 +721,8 @@ void FTPProductDownloadSession::onProgressCount(int s, qint64, qint64)
     if (reporter->fileIndex >= 0 && reporter->mirrorIndex >= 0 && reporter->stream) {
         unsigned long long done = 0;
         reporter->stream->getProgress(&done, nullptr);
-        mirrors.noteDelivered(reporter->mirrorIndex, reporter->takeDelivered(qint64(done)));
+        mirrors.noteDelivered(reporter->mirrorIndex, reporter->takeDelivered(qint64(done)),
+                              measuresMirror(*reporter));
     }
     quint64 sum = 0;
     for (const auto &record : streams) {

@@ -117,6 +117,7 @@ private:
     bool runsElsewhere(int s) const;
     void retryTakeovers();
     // Transfers of mirror m have run for ms and nothing came from it for as long.
+    bool measuresMirror(const DownloadStream &record) const;
     bool isSilentFor(int m, qint64 ms) const;
     void watchMirrors();
     void leaveStoppedMirror(int m);

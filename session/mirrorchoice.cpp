@@ -15,9 +15,11 @@ constexpr int maxTimeoutSeconds = 3600;
 // Long enough to average over many packets, short enough to notice a mirror slowing down.
 constexpr qint64 rateWindowMs = 500;
 constexpr qint64 shortestWindowMs = 100;
-// A longer gap means the mirror had nothing to do: it says nothing about its speed.
-constexpr qint64 idleGapMs = 2000;
+// Notes come at least every quarter of a second while a measured transfer runs: a longer gap
+// means none did, and says nothing about the mirror's speed.
+constexpr qint64 idleGapMs = 600;
 constexpr double muchSlowerFactor = 2.0;
+constexpr qint64 staleRateMs = 5000;
 
 // An unsigned key taken as a signed int: a number that is negative, or too large for an int,
 // comes out negative, so that the caller falls back to its default; text that is no number
@@ -116,12 +118,19 @@ int MirrorChoice::fastest() const
     return best;
 }
 
-void MirrorChoice::noteDelivered(int m, qint64 bytes)
+void MirrorChoice::noteDelivered(int m, qint64 bytes, bool measured)
 {
     Rate &r = rates[m];
     if (bytes > 0) {
         r.lastDelivery.start();
         r.stopped = false;
+    }
+    if (!measured)
+        return;
+    if (r.window.isValid() && r.window.elapsed() - r.windowLastMs > idleGapMs) {
+        // What came before the gap is a window of its own, read as rate() reads a short one.
+        takeSample(r, r.windowBytes, qMax(r.windowLastMs, shortestWindowMs));
+        r.window.invalidate();
     }
     if (!r.window.isValid()) {
         // Waiting for a first byte says nothing yet.
@@ -137,17 +146,19 @@ void MirrorChoice::noteDelivered(int m, qint64 bytes)
     r.windowLastMs = elapsed;
     if (elapsed < rateWindowMs)
         return;
-    if (elapsed <= idleGapMs) {
-        const double sample = double(r.windowBytes) * 1000.0 / double(elapsed);
-        // A mirror that falls to half its speed is believed at once: its files should move
-        // before the link has idled for long. A faster one is believed over two windows.
-        r.rate = r.rate > 0 && sample * 2 > r.rate ? (r.rate + sample) / 2 : sample;
-        r.windowBytes = 0;
-    } else {
-        r.windowBytes = bytes;
-    }
+    takeSample(r, r.windowBytes, elapsed);
+    r.windowBytes = 0;
     r.window.start();
     r.windowLastMs = 0;
+}
+
+void MirrorChoice::takeSample(Rate &r, qint64 bytes, qint64 ms)
+{
+    const double sample = double(bytes) * 1000.0 / double(ms);
+    // A mirror that falls to half its speed is believed at once: its files should move before
+    // the link has idled for long. A faster one is believed over two windows.
+    r.rate = r.rate > 0 && sample * 2 > r.rate ? (r.rate + sample) / 2 : sample;
+    r.measuredAt.start();
 }
 
 // Before a whole window has passed, what arrived so far: a mirror that delivers a burst and falls
@@ -174,6 +185,13 @@ qint64 MirrorChoice::silentMs(int m) const
 {
     const QElapsedTimer &last = rates.at(m).lastDelivery;
     return last.isValid() ? last.elapsed() : std::numeric_limits<qint64>::max();
+}
+
+bool MirrorChoice::isStale(int m) const
+{
+    const Rate &r = rates.at(m);
+    const bool measuring = r.window.isValid() && r.window.elapsed() - r.windowLastMs <= idleGapMs;
+    return !measuring && (!r.measuredAt.isValid() || r.measuredAt.elapsed() >= staleRateMs);
 }
 
 bool MirrorChoice::isMuchSlower(int m, int than) const

@@ -28,8 +28,9 @@ public:
     // The mirror not marked failed that delivers most; -1 while none has been measured.
     int fastest() const;
 
-    // Bytes that arrived from mirror m just now; 0 while its transfers wait for more.
-    void noteDelivered(int m, qint64 bytes);
+    // Bytes that arrived from mirror m just now; 0 while its transfers wait for more. Only
+    // measured bytes, of transfers that show what the mirror can deliver, count for its rate.
+    void noteDelivered(int m, qint64 bytes, bool measured = true);
     // Bytes a second mirror m delivers, over all its streams; 0 while unknown.
     double rate(int m) const;
     // Milliseconds since mirror m last delivered a byte; since the start of time if it never has.
@@ -43,12 +44,17 @@ public:
     qint64 stoppedMs(int m) const { return rates.at(m).stoppedAt.elapsed(); }
     int timesStopped(int m) const { return rates.at(m).timesStopped; }
     void noteRetried(int m) { rates[m].stoppedAt.start(); }
+    // Mirror m's rate was measured long ago, before its streams left it: it may have changed.
+    bool isStale(int m) const;
     // Both are measured and than delivers many times what m does.
     bool isMuchSlower(int m, int than) const;
     // The same for two rates in bytes a second; an unknown (0) rate is slower than any.
     static bool isMuchSlowerRate(double rate, double than);
 
 private:
+    struct Rate;
+    static void takeSample(Rate &r, qint64 bytes, qint64 ms);
+
     struct Rate
     {
         QElapsedTimer window;
@@ -57,6 +63,7 @@ private:
         // When the window last heard of the mirror: bytes, or that its transfers still wait.
         qint64 windowLastMs = 0;
         double rate = 0;
+        QElapsedTimer measuredAt;
         bool stopped = false;
         QElapsedTimer stoppedAt;
         int timesStopped = 0;

@@ -98,12 +98,12 @@ class Handler(BaseHTTPRequestHandler):
         self.send_head(status, length, content_range, encoding=encoding)
         try:
             if kind == "trickle":
-                # Ten parts spread over N milliseconds, whatever the size.
+                # Ten parts spread over N milliseconds, whatever the size, the first at once.
                 part = -(-len(body) // 10)
                 for start in range(0, len(body), part):
-                    time.sleep(n / 10000)
                     self.wfile.write(body[start:start + part])
                     self.wfile.flush()
+                    time.sleep(n / 10000)
             for _ in range(200000 if kind == "endless" else 0 if kind == "trickle" else 1):
                 self.wfile.write(body)
             if kind == "stall":
