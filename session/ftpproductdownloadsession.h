@@ -116,8 +116,9 @@ private:
     // Another mirror still has a transfer under way.
     bool runsElsewhere(int s) const;
     void retryTakeovers();
-    // Transfers of mirror m have run for ms and nothing came from it for as long.
+    // The record's transfer shows what its mirror can deliver.
     bool measuresMirror(const DownloadStream &record) const;
+    // Transfers of mirror m have run for ms and nothing came from it for as long.
     bool isSilentFor(int m, qint64 ms) const;
     void watchMirrors();
     void leaveStoppedMirror(int m);
