@@ -234,15 +234,10 @@ void UpdateRun::createSession()
             [this](const FileSpecification &file) { installation->prestage(file, tempDir); });
 }
 
-void UpdateRun::endSession()
+void UpdateRun::onProcessCancelled()
 {
     // The session emitted its last signal to get here and touches nothing after it.
     delete std::exchange(session, nullptr);
-}
-
-void UpdateRun::onProcessCancelled()
-{
-    endSession();
     installation->abandonStaging();
     dropUnrecordedWorkingDir();
     emit processCancelled();
@@ -258,7 +253,7 @@ void UpdateRun::dropUnrecordedWorkingDir()
 
 void UpdateRun::onDownloadFinished()
 {
-    endSession();
+    delete std::exchange(session, nullptr);
     emit downloadFinished();
     // The previous version stands when the installation fails; the downloaded files and the
     // record stay for a restart.

@@ -61,7 +61,6 @@ private:
     bool refusesDowngrade();
     void removeStaleSession(const QString &version, const QString &dir);
     void createSession();
-    void endSession();
     InitialParameters sessionParameters(const QString &version, const QString &workingDir,
                                         bool resume) const;
     // The run goes on without what update.ini should have kept; the log says what is lost.
