@@ -91,6 +91,8 @@ class Handler(BaseHTTPRequestHandler):
             body, length = body[:n], (None if kind == "short" else length)
         elif kind == "trickle":
             pass
+        elif kind == "delay":
+            time.sleep(n / 1000)
         elif kind == "endless":
             status, length, body, content_range = 200, None, b"e" * 16384, None
         elif kind not in ("ok", "full", "misrange", "gzip"):

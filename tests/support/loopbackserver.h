@@ -58,7 +58,8 @@ public:
     // Fault server only: the next requests of path (decoded) take these behaviours in turn, then
     // it is served normally. "ok"; "status:N"; "cut:N" (full length announced, N bytes sent,
     // closed); "short:N" (no length, N bytes, closed); "stall:N" (N bytes, then silence);
-    // "endless"; "trickle:N" (the body in ten parts over N ms); "corrupt" (every byte inverted);
+    // "endless"; "trickle:N" (the body in ten parts over N ms); "delay:N" (the whole answer
+    // after N ms, as from a far server); "corrupt" (every byte inverted);
     // "full" (200 and the whole file whatever range was asked); "misrange:N" (206 from byte N
     // whatever range was asked); "redirect:LOCATION" (301).
     // Otherwise a range "bytes=N-" gets 206 and the behaviour applies to the rest.
