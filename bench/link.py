@@ -8,8 +8,9 @@ delaying relay (bench/relay.py) stands between every client and nginx, counting 
 delivers. See bench/README.md, "On a real link".
 
 Every round's files stay until the benchmark ends: on ext4 without a journal, making a file
-passes over every inode freed in the last minute, so a round that followed the deletion of the
-last one's thousands of files would pay for it, as no user's update does.
+passes over every inode freed in the last minute (six, once the new files dirty its block again),
+so a round that followed the deletion of the last one's thousands of files would pay for it, as
+no user's update does.
 """
 import argparse
 import dataclasses
