@@ -789,11 +789,6 @@ void CurlTransport::setProxy(const QUrl &proxy)
     d->proxyPassword = proxy.password();
 }
 
-void CurlTransport::setTrustedCaFile(const QString &path)
-{
-    d->caFile = path;
-}
-
 void CurlTransport::setDefaultTrustedCaFile(const QString &path)
 {
     defaultCaFile = path;

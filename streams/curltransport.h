@@ -35,9 +35,8 @@ public:
     // a direct connection, whatever the environment says. Anything else makes every command
     // fail: a typo must never send the traffic past the user's proxy.
     void setProxy(const QUrl &proxy);
-    // Trusts the certificates in this PEM file instead of the system store.
-    void setTrustedCaFile(const QString &path);
-    // For tests only: the same for every transport made afterwards, a session's included.
+    // For tests only: every transport made afterwards, a session's included, trusts the
+    // certificates in this PEM file instead of the system store.
     static void setDefaultTrustedCaFile(const QString &path);
     // A transfer that receives nothing for this long fails.
     void setStallTimeout(int seconds);

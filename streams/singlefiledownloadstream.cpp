@@ -94,11 +94,6 @@ void SingleFileDownloadStream::setStallTimeout(int seconds)
     stallTimeout = seconds;
 }
 
-void SingleFileDownloadStream::setTrustedCaFile(const QString &path)
-{
-    trustedCaFile = path;
-}
-
 void SingleFileDownloadStream::onDataTransferProgress(qint64 done, qint64 total)
 {
     this->done = done;
@@ -251,8 +246,6 @@ void SingleFileDownloadStream::replaceTransport(const QUrl &url, const QString &
     transport->setProxy(this->proxy);
     if (stallTimeout > 0)
         transport->setStallTimeout(stallTimeout);
-    if (!trustedCaFile.isEmpty())
-        transport->setTrustedCaFile(trustedCaFile);
 }
 
 void SingleFileDownloadStream::releaseTransport()

@@ -59,7 +59,6 @@ public:
     // For tests only; the product keeps the defaults (a second, 60 s, the system's CAs).
     void setRepeatTimeUnit(int milliseconds);
     void setStallTimeout(int seconds);
-    void setTrustedCaFile(const QString &path);
 
 signals:
     void stateChanged(DownloadStream_State state);
@@ -140,5 +139,4 @@ private:
     bool continued = false;
     int repeatTimeUnit = 1000;
     int stallTimeout = 0;
-    QString trustedCaFile;
 };

@@ -101,6 +101,7 @@ class tst_DownloadStreams : public QObject
 
 private slots:
     void initTestCase();
+    void init();
     void fetchesFiles_data();
     void fetchesFiles();
     void httpFileOutcomes_data();
@@ -141,6 +142,12 @@ void tst_DownloadStreams::initTestCase()
         qputenv(name, "http://127.0.0.1:" + QByteArray::number(closedPort()));
     qputenv("no_proxy", "*");
     qputenv("NO_PROXY", "*");
+}
+
+// Every transport trusts the test CA, but for the rows that take it away.
+void tst_DownloadStreams::init()
+{
+    CurlTransport::setDefaultTrustedCaFile(certificates.caFile);
 }
 
 void tst_DownloadStreams::fetchesFiles_data()
@@ -205,8 +212,8 @@ void tst_DownloadStreams::fetchesFiles()
         stream.reset(new FTPDownloadStream(dest.path()));
     stream->setRepeatTimeUnit(10);
     // Failing rows go without the test CA, so an https one fails on its certificate.
-    if (count >= 0)
-        stream->setTrustedCaFile(certificates.caFile);
+    if (count < 0)
+        CurlTransport::setDefaultTrustedCaFile({});
     StreamEvents events(stream.get());
     stream->getFile("big.bin", md5Of("x"), 1); // not connected yet
     QVERIFY(events.lines.isEmpty());
@@ -388,7 +395,6 @@ void tst_DownloadStreams::everyStreamKeepsItsConnection()
     for (int s = 0; s < 8; ++s) {
         streams.push_back(std::make_unique<HTTPDownloadStream>(dest.filePath(QString::number(s))));
         HTTPDownloadStream *stream = streams.back().get();
-        stream->setTrustedCaFile(certificates.caFile);
         const auto next = [stream, s, round = std::make_shared<int>(0)] {
             const int i = s + 8 * (*round)++;
             if (i < 160)
@@ -418,7 +424,6 @@ void tst_DownloadStreams::redirectsKeepTls()
     QVERIFY(server);
     QTemporaryDir dest;
     HTTPDownloadStream stream(dest.path());
-    stream.setTrustedCaFile(certificates.caFile);
     StreamEvents events(&stream);
     QVERIFY(connectAndWait(stream, events, server->url("https", "/pub")));
     const QByteArray content = readTestFile(root.filePath("pub/many/9.dat"));
@@ -445,7 +450,6 @@ void tst_DownloadStreams::misplacedRangeOverHttp2()
     QTemporaryDir dest;
     QVERIFY(writeTestFile(dest.filePath("k.bin"), content.left(8000)));
     HTTPDownloadStream stream(dest.path());
-    stream.setTrustedCaFile(certificates.caFile);
     StreamEvents events(&stream);
     QVERIFY(connectAndWait(stream, events, server->url("https", "/pub")));
     QVERIFY(stream.isMultiplexed());
@@ -468,7 +472,6 @@ void tst_DownloadStreams::connectionMadeAheadAsksNothing()
     tinyproxy.setPassword(LoopbackServer::proxyPassword);
     for (const QUrl &through : {QUrl(), tinyproxy}) {
         CurlTransport transport;
-        transport.setTrustedCaFile(certificates.caFile);
         transport.setProxy(through);
         QSignalSpy finished(&transport, &CurlTransport::commandFinished);
         transport.connectAhead(QUrl(server->url("https", "/pub/")));
