@@ -1147,17 +1147,17 @@ bool FTPProductDownloadSession::makeFromPatch(int s, const PatchRecord &patch)
 }
 
 // A packed file is unpacked as soon as it has arrived, while the link still carries the others,
-// so that the install only links it into place, and every file that will be installed starts for
-// the disk at once, so that the flush before the switch finds it there. It is kept where a file
-// made from a patch lies (a resume counts it as downloaded), and the packed download goes once it
-// has served. One that does not unpack to what the list says stays packed, for the install to
-// report. False, with the file handed back to be fetched again, when neither is left.
+// so that the install only links it into place, and every file that will be installed is started
+// for the disk. It is kept where a file made from a patch lies (a resume counts it as
+// downloaded), and the packed download goes once it has served. One that does not unpack to what
+// the list says stays packed, for the install to report. False, with the file handed back to be
+// fetched again, when neither is left.
 bool FTPProductDownloadSession::unpackArrived(int s)
 {
     FileSpecification file;
     task.get(streams[s]->fileIndex, &file);
     if (!file.isPacked()) {
-        startWriteback(getTempFilePath(file));
+        writeback.add(getTempFilePath(file), file.size);
         return true;
     }
     const QString packed = getTempFilePath(file);
@@ -1172,7 +1172,7 @@ bool FTPProductDownloadSession::unpackArrived(int s)
         const InPlaceUnpacking unpacked =
                 unpackInPlace(packed, result, file.unpackedMd5, file.unpackedSize);
         if (unpacked == InPlaceUnpacking::Unpacked)
-            startWriteback(result);
+            writeback.add(result, file.unpackedSize);
         if (unpacked != InPlaceUnpacking::Lost)
             return true;
         const QString why = systemError();
@@ -1186,7 +1186,7 @@ bool FTPProductDownloadSession::unpackArrived(int s)
     QString md5;
     if (unpackFileWithMD5(result, packed, &md5, file.unpackLimit()) && md5 == file.unpackedMd5
         && quint64(QFileInfo(result).size()) == file.unpackedSize) {
-        startWriteback(result);
+        writeback.add(result, file.unpackedSize);
         QFile::remove(packed);
     } else {
         QFile::remove(result);

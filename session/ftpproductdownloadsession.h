@@ -9,6 +9,7 @@
 #include "session/releasefetch.h"
 #include "streams/downloadstreamtypes.h"
 #include "tasks/taskstate.h"
+#include "update/idlewriteback.h"
 
 #include <QDir>
 #include <QMap>
@@ -202,6 +203,7 @@ private:
     QSet<QString> unpackedDirectories;
     // Directories of the working directory taken up again that were found to be directories.
     QSet<QString> clearedDirectories;
+    IdleWriteback writeback;
     QTimer takeoverTimer;
     QTimer mirrorWatch;
     std::vector<std::unique_ptr<DownloadStream>> streams;

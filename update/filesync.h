@@ -8,7 +8,7 @@
 // Starts writing the file's data back without waiting, so that a later flush finds it done.
 bool startWriteback(const QString &path);
 // Below this size, starting it at the install costs more than the flush saves; a download starts
-// every file's, while the link still keeps the run waiting.
+// a smaller file's only while it has time to spare (IdleWriteback).
 constexpr quint64 writebackSize = quint64(1) << 20;
 // Flushes every file and directory of the file system that holds path (syncfs).
 bool syncFileSystem(const QString &path);

@@ -2,11 +2,17 @@
 #include "update/checksums.h"
 #include "update/cleanup.h"
 #include "update/filecopy.h"
+#include "update/filesync.h"
+#include "update/idlewriteback.h"
 #include "update/packing.h"
 
+#include <QElapsedTimer>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QThread>
+
+#include <ctime>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,6 +28,13 @@ QByteArray text(int lines)
     for (int i = 0; i < lines; ++i)
         result += "line " + QByteArray::number(i * 7919 % 1000) + " of the test text\n";
     return result;
+}
+
+qint64 threadCpuMs()
+{
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return qint64(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
 }
 
 } // namespace
@@ -40,6 +53,7 @@ private slots:
     void brokenPacked_data();
     void brokenPacked();
     void cleanupRemovesLinksWithoutFollowing();
+    void writebackWaitsForSpareTime();
 
 private:
     std::unique_ptr<QTemporaryDir> dir;
@@ -232,6 +246,31 @@ void tst_FileUtilities::cleanupRemovesLinksWithoutFollowing()
     cleanupDirectory(QString());
     QVERIFY(QDir::setCurrent(current));
     QVERIFY(QFile::exists(outside + "/target"));
+}
+
+// Over a link the thread mostly waits, and every file starts for the disk as it arrives; while
+// the thread is busy a small file waits for a quieter moment, and a large one never does.
+void tst_FileUtilities::writebackWaitsForSpareTime()
+{
+    QVERIFY(writeTestFile(original, text(10)));
+    IdleWriteback writeback;
+    writeback.add(original, 100);
+    QCOMPARE(writeback.heldBack(), 1);
+
+    QElapsedTimer busy;
+    busy.start();
+    const qint64 cpuAtStart = threadCpuMs();
+    while (busy.elapsed() < 100) {}
+    if ((threadCpuMs() - cpuAtStart) * 10 < busy.elapsed() * 7)
+        QSKIP("the machine gave this thread too little of a processor to be busy");
+    writeback.add(original, 100);
+    QCOMPARE(writeback.heldBack(), 2);
+    writeback.add(original, writebackSize);
+    QCOMPARE(writeback.heldBack(), 2);
+
+    QThread::msleep(100);
+    writeback.add(original, 100);
+    QCOMPARE(writeback.heldBack(), 0);
 }
 
 QTEST_GUILESS_MAIN(tst_FileUtilities)
