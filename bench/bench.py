@@ -378,10 +378,10 @@ class Round:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-def updater_command(ctx, workload, rnd):
-    """Sets up the installation in rnd for the updater; returns its command line and
-    environment."""
-    shutil.copy2(ctx.update_bin, rnd.install / "update")
+def updater_command(ctx, workload, rnd, update_bin=None):
+    """Sets up the installation in rnd for the updater (update_bin, by default the one timed);
+    returns its command line and environment."""
+    shutil.copy2(update_bin or ctx.update_bin, rnd.install / "update")
     (rnd.install / "mirrors.ini").write_text(
         "[mirrors]\nsize=1\n1\\mirror=bench\n\n[bench]\nurl=%s\n" % ctx.servers.url(workload.protocol))
     update_ini = "[update]\nstreams=4\n"
@@ -399,15 +399,19 @@ def updater_command(ctx, workload, rnd):
     return [str(rnd.install / "update"), "--nouser", CLIENT_TYPE, VERSION], env
 
 
-def run_updater(ctx, workload, rnd):
-    command, env = updater_command(ctx, workload, rnd)
-    if ctx.perf_dir and rnd.first:
+def run_updater(ctx, workload, rnd, update_bin=None):
+    command, env = updater_command(ctx, workload, rnd, update_bin)
+    if ctx.perf_dir and rnd.first and not update_bin:
         command = ["perf", "record", "-q", "-g", "-F", "499", "-o",
                    str(ctx.perf_dir / ("%s.perf.data" % workload.name))] + command
     result = measure(command, rnd, env=env, stamps=UPDATER_PHASES, launcher=ctx.launcher)
     if any(rnd.tmp.glob("orlivo_temp_*")):
         raise RuntimeError("the updater left its working directory behind")
     return result
+
+
+def run_baseline(ctx, workload, entries, rnd):
+    return run_updater(ctx, workload, rnd, ctx.baseline_bin)
 
 
 def peer_script(entries, rnd, fetch, check=True):
@@ -475,12 +479,13 @@ def run_installer(ctx, workload, entries, rnd):
     return measure(peer_script(entries, rnd, "true"), rnd)
 
 
-def contenders(workload):
+def contenders(workload, baseline):
+    """Interleaved round by round, so that both binaries meet the disk in the same states."""
+    updaters = [("updater", run_updater)] + ([("updater before", run_baseline)] if baseline else [])
     if workload.resume:
-        return [("updater", run_updater), ("md5sum -c + gzip -d + cp", run_installer),
-                ("md5sum", run_md5sum)]
+        return updaters + [("md5sum -c + gzip -d + cp", run_installer), ("md5sum", run_md5sum)]
     # aria2c speaks no SOCKS.
-    return [("updater", run_updater), ("curl + md5sum + gzip -d + cp", run_curl)] + (
+    return updaters + [("curl + md5sum + gzip -d + cp", run_curl)] + (
         [] if workload.socks else [("aria2c + gzip -d + cp", run_aria2)])
 
 
@@ -519,12 +524,13 @@ class Context:
     mirror: Path = None
     perf_dir: Path = None
     launcher: tuple = ()
+    baseline_bin: Path = None
 
 
 def run_workload(ctx, workload, rounds):
     root = ctx.work / "releases" / workload.release.name
     entries = read_product_list(ctx.mirror / VERSION / (CLIENT_TYPE + ".ini"))
-    runners = [(n, f) for n, f in contenders(workload)
+    runners = [(n, f) for n, f in contenders(workload, ctx.baseline_bin)
                if available(n, workload.protocol, ctx.servers)]
     results = {name: [] for name, _ in runners}
     runs = ctx.work / "runs"
@@ -538,7 +544,8 @@ def run_workload(ctx, workload, rounds):
         # Rotated, so that no contender always runs right after the same other one.
         order = runners[r % len(runners):] + runners[:r % len(runners)]
         for name, runner in order:
-            rnd = Round(ctx.work, "%s-%s-%d" % (workload.name, name.split()[0], r), r == 0)
+            label = "-".join(name.split()[:2]) if name.startswith("updater") else name.split()[0]
+            rnd = Round(ctx.work, "%s-%s-%d" % (workload.name, label, r), r == 0)
             if runner is run_updater:
                 result = runner(ctx, workload, rnd)
             else:
@@ -558,13 +565,13 @@ def run_workload(ctx, workload, rounds):
 def summarize(workload, results, payload):
     rows = []
     peers = {n: statistics.median(m.seconds for m in ms) for n, ms in results.items()
-             if n not in ("updater", "md5sum")}
+             if not n.startswith("updater") and n != "md5sum"}
     best = min(peers.values()) if peers else None
     for name, ms in results.items():
         times = [m.seconds for m in ms]
         rss = [m.rss_kb for m in ms if m.rss_kb is not None]
         median = statistics.median(times)
-        ratio = "%.2f" % (median / best) if name == "updater" and best else ""
+        ratio = "%.2f" % (median / best) if name.startswith("updater") and best else ""
         rows.append("| %s | %s | %.2f | %.2f | %.2f | %s | %.0f | %s |" % (
             workload.name, name, median, min(times), max(times),
             "%.1f" % (max(rss) / 1024) if rss else "n/a", payload / median / 1e6, ratio))
@@ -619,8 +626,10 @@ def report(all_results):
     print()
     print("Updater phases (median seconds):")
     for workload, (results, payload) in all_results:
-        if results.get("updater"):
-            print("  " + phase_lines(workload, results["updater"]))
+        for name, measurements in results.items():
+            if name.startswith("updater"):
+                print("  %s%s" % ("" if name == "updater" else "(%s) " % name,
+                                  phase_lines(workload, measurements)))
     for workload, (results, payload) in all_results:
         if workload.resume:
             line = verification_line(results, payload)
@@ -674,6 +683,8 @@ def parse_arguments():
     parser.add_argument("--build-dir", type=Path, default=REPO / "build-bench")
     parser.add_argument("--update", type=Path, help="use this update binary, build nothing")
     parser.add_argument("--publish", type=Path, help="use this update-publish binary")
+    parser.add_argument("--baseline-update", type=Path,
+                        help="an earlier update binary, timed beside this one")
     parser.add_argument("--work", type=Path, help="work directory (default: a fresh one)")
     parser.add_argument("--keep", action="store_true",
                         help="keep the generated releases in --work for the next run")
@@ -692,7 +703,8 @@ def main():
     work = (args.work or Path(os.environ.get("TMPDIR", "/tmp")) / ("orlivo-bench-%d" % os.getpid()))
     work = work.resolve()
     work.mkdir(parents=True, exist_ok=True)
-    ctx = Context(update_bin.resolve(), work, perf_dir=args.perf)
+    ctx = Context(update_bin.resolve(), work, perf_dir=args.perf,
+                  baseline_bin=args.baseline_update.resolve() if args.baseline_update else None)
     if args.perf:
         args.perf.mkdir(parents=True, exist_ok=True)
     names = args.only.split(",") if args.only else None
