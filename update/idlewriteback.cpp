@@ -8,6 +8,9 @@ namespace {
 
 // Long enough to span many files, short enough to follow a run from its list to its tail.
 constexpr qint64 windowNs = 50'000'000;
+// Thousands may have been held back from a fast mirror: a few go with each file, so that the
+// window never stops for all of them at once.
+constexpr int startsPerFile = 64;
 
 qint64 threadCpuNs()
 {
@@ -27,9 +30,8 @@ void IdleWriteback::add(const QString &path, quint64 size)
     held.append(path);
     if (!threadHasTime())
         return;
-    for (const QString &file : std::as_const(held))
-        startWriteback(file);
-    held.clear();
+    for (int n = 0; n < startsPerFile && !held.isEmpty(); ++n)
+        startWriteback(held.takeLast());
 }
 
 // Judged over the last window: busy for less than half of it, the thread was waiting.

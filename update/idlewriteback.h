@@ -8,7 +8,7 @@
 // the thread mostly waits and the call is free, but where files come as fast as the thread can
 // take them (a mirror nearby) it would hold the run up, and the flush, which the kernel's
 // writeback threads share, costs less. So small files start only while the thread has time to
-// spare, those held back with them; what is still held at the end is left to the flush.
+// spare, some of those held back with each; what is still held at the end is left to the flush.
 class IdleWriteback
 {
 public:
